@@ -1,0 +1,340 @@
+// The disk list: physical disks and their partitions from /sys/class/block and udev,
+// iteration over all kinds of record, and destruction.
+#include <fsic/disk_list.h>
+#include <fsic/util.h>
+#include <fsic/volume_id.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fs/lvm.h"
+#include "fs/partition.h"
+#include "fs/udev_util.h"
+#include "util/dir_iter.h"
+
+namespace {
+
+constexpr const char *kSysClassBlock = "/sys/class/block";
+
+// ---- partition kind --------------------------------------------------------------
+
+fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  auto *disk = static_cast<fs_disk *>(part->disk);
+  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
+}
+
+fs_disk_list *partition_get_disk_list(fs_volume *volume) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  return static_cast<fs_disk *>(part->disk)->disk_list;
+}
+
+const fs_volume_ops partition_ops = {FS_VOLUME_PARTITION, partition_create_id,
+                                     partition_get_disk_list};
+
+// ---- disks -----------------------------------------------------------------------
+
+void destroy_disk(fs_disk *disk) noexcept {
+  list_head *pos = disk->partitions.next;
+  while (pos != &disk->partitions) {
+    list_head *next = pos->next;
+    _fs_destroy_partition(list_entry(pos, fs_partition, link));
+    pos = next;
+  }
+  list_del(&disk->link);
+  free(disk->syspath);
+  free(disk->devnode);
+  free(disk->serial);
+  free(disk);
+}
+
+void destroy_disks(fs_disk_list *list) noexcept {
+  list_head *pos = list->disks.next;
+  while (pos != &list->disks) {
+    list_head *next = pos->next;
+    destroy_disk(list_entry(pos, fs_disk, link));
+    pos = next;
+  }
+}
+
+// Every non-removable, non-virtual disk must be identifiable by a serial: a disk
+// without one fails the whole scan.
+fsic_status add_disk(fs_disk_list *list, udev_device *dev) noexcept {
+  const char *serial = udev_device_get_property_value(dev, "ID_SERIAL_SHORT");
+  if (!serial)
+    serial = udev_device_get_property_value(dev, "ID_SERIAL");
+  if (!serial)
+    return FSIC_ERR_FAILED;
+  const char *devnode = udev_device_get_devnode(dev);
+  if (!devnode)
+    return FSIC_ERR_FAILED;
+
+  auto *disk = static_cast<fs_disk *>(ic_util_zalloc(sizeof(fs_disk)));
+  if (!disk)
+    return FSIC_ERR_NO_MEMORY;
+  disk->serial = strdup(serial);
+  disk->syspath = strdup(udev_device_get_syspath(dev));
+  disk->devnode = strdup(devnode);
+  if (!disk->serial || !disk->syspath || !disk->devnode) {
+    free(disk->serial);
+    free(disk->syspath);
+    free(disk->devnode);
+    free(disk);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  INIT_LIST_HEAD(&disk->partitions);
+  list_add_tail(&disk->link, &list->disks);
+  disk->disk_list = list;
+  return FSIC_OK;
+}
+
+// A partition belongs to the first disk whose syspath agrees with the partition's
+// sysfs parent directory over that directory's length. A partition without a disk
+// (one of a removable disk, say) is ignored.
+fsic_status add_partition(fs_disk_list *list, udev_device *dev) noexcept {
+  const char *syspath = udev_device_get_syspath(dev);
+  const char *slash = strrchr(syspath, '/');
+  size_t parent_len = slash ? static_cast<size_t>(slash - syspath) : 0;
+
+  fs_disk *owner = nullptr;
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d)) {
+    if (strncmp(d->syspath, syspath, parent_len) == 0) {
+      owner = d;
+      break;
+    }
+  }
+  if (!owner)
+    return FSIC_OK;
+
+  fs_partition *part;
+  fsic_status status = _fs_create_partition(dev, &partition_ops, &part);
+  if (status != FSIC_OK)
+    return status;
+  list_add_tail(&part->link, &owner->partitions);
+  part->disk = owner;
+  return FSIC_OK;
+}
+
+// First pass: whole disks; removable devices and partitions are skipped.
+fsic_status disk_pass(fs_disk_list *list, udev_device *dev) noexcept {
+  const char *removable = udev_device_get_sysattr_value(dev, "removable");
+  if (removable && strcmp(removable, "1") == 0)
+    return FSIC_OK;
+  if (_fs_is_partition(dev))
+    return FSIC_OK;
+  return add_disk(list, dev);
+}
+
+// Second pass: partitions, attached to the disks found by the first.
+fsic_status partition_pass(fs_disk_list *list, udev_device *dev) noexcept {
+  if (!_fs_is_partition(dev))
+    return FSIC_OK;
+  return add_partition(list, dev);
+}
+
+// Walks /sys/class/block with its own udev context and hands every non-virtual device
+// to `pass`; the first non-zero status ends the walk.
+fsic_status scan_block_devices(fs_disk_list *list,
+                               fsic_status (*pass)(fs_disk_list *, udev_device *)) noexcept {
+  fsic::udev_ptr udev(udev_new());
+  if (!udev)
+    return FSIC_ERR_FAILED;
+  fs_dir_iter iter;
+  if (_fs_dir_iterate_begin(&iter, kSysClassBlock) != 0)
+    return FSIC_ERR_FAILED;
+
+  fsic_status status = FSIC_OK;
+  char path[1024];
+  for (;;) {
+    char *entry;
+    if (_fs_dir_iterate_next(&iter, path, sizeof path, &entry) != 0) {
+      status = FSIC_ERR_FAILED;
+      break;
+    }
+    if (!entry)
+      break;
+    if (ic_util_resolve_link(path, sizeof path) != 0) {
+      status = FSIC_ERR_FAILED;
+      break;
+    }
+    // Loop, device-mapper, ram and other virtual block devices are not disks.
+    if (strstr(path, "/virtual/"))
+      continue;
+    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev.get(), path));
+    if (!dev) {
+      status = FSIC_ERR_FAILED;
+      break;
+    }
+    status = pass(list, dev.get());
+    if (status != FSIC_OK)
+      break;
+  }
+  _fs_dir_iterate_end(&iter);
+  return status;
+}
+
+} // namespace
+
+// ---- partitions (shared with image disks) ------------------------------------------
+
+extern "C" int _fs_is_partition(struct udev_device *dev) noexcept {
+  return udev_device_get_sysattr_value(dev, "partition") != nullptr;
+}
+
+extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_volume_ops *ops,
+                                            fs_partition **out) noexcept {
+  const char *devnode = udev_device_get_devnode(dev);
+  if (!devnode)
+    return FSIC_ERR_FAILED;
+  auto *part = static_cast<fs_partition *>(ic_util_zalloc(sizeof(fs_partition)));
+  if (!part)
+    return FSIC_ERR_NO_MEMORY;
+  part->volume.ops = ops;
+
+  const char *uuid = udev_device_get_property_value(dev, "ID_FS_UUID");
+  const char *fs_type = udev_device_get_property_value(dev, "ID_FS_TYPE");
+  part->volume.syspath = strdup(udev_device_get_syspath(dev));
+  part->volume.devnode = strdup(devnode);
+  bool copied = part->volume.syspath && part->volume.devnode;
+  if (copied && uuid)
+    copied = (part->uuid = strdup(uuid)) != nullptr;
+  if (copied && fs_type)
+    copied = (part->volume.fs_type = strdup(fs_type)) != nullptr;
+  if (!copied) {
+    free(part->volume.fs_type);
+    free(part->uuid);
+    free(part->volume.devnode);
+    free(part->volume.syspath);
+    free(part);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  const char *sysnum = udev_device_get_sysnum(dev);
+  part->number = sysnum ? atoi(sysnum) : 0;
+  *out = part;
+  return FSIC_OK;
+}
+
+extern "C" void _fs_destroy_partition(fs_partition *part) noexcept {
+  // A mounted partition is released here whatever its hold count; mounting is not
+  // part of this build yet, so no partition can be mounted.
+  list_del(&part->link);
+  free(part->volume.syspath);
+  free(part->volume.devnode);
+  free(part->uuid);
+  free(part->volume.fs_type);
+  free(part);
+}
+
+// ---- the list ----------------------------------------------------------------------
+
+extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
+  auto *list = static_cast<fs_disk_list *>(ic_util_zalloc(sizeof(fs_disk_list)));
+  if (!list)
+    return FSIC_ERR_NO_MEMORY;
+  INIT_LIST_HEAD(&list->disks);
+  INIT_LIST_HEAD(&list->image_disks);
+  INIT_LIST_HEAD(&list->lvm_groups);
+
+  // Two passes, so that every disk exists before its partitions are attached.
+  fsic_status status = scan_block_devices(list, disk_pass);
+  if (status == FSIC_OK)
+    status = scan_block_devices(list, partition_pass);
+  if (status != FSIC_OK) {
+    fs_disk_list_destroy(list);
+    return status;
+  }
+  *out = list;
+  return FSIC_OK;
+}
+
+extern "C" void fs_disk_list_destroy(fs_disk_list *list) noexcept {
+  if (!list)
+    return;
+  destroy_disks(list);
+  _fs_destroy_lvm_groups(list);
+  free(list->base_dir);
+  free(list);
+}
+
+// ---- iteration -----------------------------------------------------------------------
+
+// The record whose `link` follows `pos` in the list headed by `head`, or null at the
+// end. With pos == head it is the first record.
+#define RECORD_AFTER(head, pos, type) \
+  ((pos)->next == (head) ? nullptr : list_entry((pos)->next, type, link))
+
+extern "C" fs_disk *fs_disk_list_first_disk(fs_disk_list *list) noexcept {
+  return RECORD_AFTER(&list->disks, &list->disks, fs_disk);
+}
+
+extern "C" fs_disk *fs_disk_list_next_disk(fs_disk_list *list, fs_disk *disk) noexcept {
+  return RECORD_AFTER(&list->disks, &disk->link, fs_disk);
+}
+
+extern "C" fs_partition *fs_disk_first_partition(fs_disk *disk) noexcept {
+  return RECORD_AFTER(&disk->partitions, &disk->partitions, fs_partition);
+}
+
+extern "C" fs_partition *fs_disk_next_partition(fs_disk *disk, fs_partition *part) noexcept {
+  return RECORD_AFTER(&disk->partitions, &part->link, fs_partition);
+}
+
+extern "C" fs_partition *fs_disk_partition_by_number(fs_disk *disk, int number) noexcept {
+  for (fs_partition *p = fs_disk_first_partition(disk); p; p = fs_disk_next_partition(disk, p))
+    if (p->number == number)
+      return p;
+  return nullptr;
+}
+
+extern "C" fs_image_disk *fs_disk_list_first_image_disk(fs_disk_list *list) noexcept {
+  return RECORD_AFTER(&list->image_disks, &list->image_disks, fs_image_disk);
+}
+
+extern "C" fs_image_disk *fs_disk_list_next_image_disk(fs_disk_list *list,
+                                                       fs_image_disk *image) noexcept {
+  return RECORD_AFTER(&list->image_disks, &image->link, fs_image_disk);
+}
+
+extern "C" fs_partition *fs_image_disk_first_partition(fs_image_disk *image) noexcept {
+  return RECORD_AFTER(&image->partitions, &image->partitions, fs_partition);
+}
+
+extern "C" fs_partition *fs_image_disk_next_partition(fs_image_disk *image,
+                                                      fs_partition *part) noexcept {
+  return RECORD_AFTER(&image->partitions, &part->link, fs_partition);
+}
+
+extern "C" fs_partition *fs_image_disk_partition_by_number(fs_image_disk *image,
+                                                           int number) noexcept {
+  for (fs_partition *p = fs_image_disk_first_partition(image); p;
+       p = fs_image_disk_next_partition(image, p))
+    if (p->number == number)
+      return p;
+  return nullptr;
+}
+
+extern "C" fs_lvm_group *fs_disk_list_first_lvm_group(fs_disk_list *list) noexcept {
+  return RECORD_AFTER(&list->lvm_groups, &list->lvm_groups, fs_lvm_group);
+}
+
+extern "C" fs_lvm_group *fs_disk_list_next_lvm_group(fs_disk_list *list,
+                                                     fs_lvm_group *group) noexcept {
+  return RECORD_AFTER(&list->lvm_groups, &group->link, fs_lvm_group);
+}
+
+extern "C" fs_lvm_volume *fs_lvm_group_first_volume(fs_lvm_group *group) noexcept {
+  return RECORD_AFTER(&group->volumes, &group->volumes, fs_lvm_volume);
+}
+
+extern "C" fs_lvm_volume *fs_lvm_group_next_volume(fs_lvm_group *group,
+                                                   fs_lvm_volume *volume) noexcept {
+  return RECORD_AFTER(&group->volumes, &volume->link, fs_lvm_volume);
+}
+
+extern "C" fs_volume *fs_disk_list_find_volume(fs_disk_list *list, fs_volume_id *id) noexcept {
+  return id->ops->find_volume(id, list);
+}
+
+extern "C" fsic_status fs_volume_create_id(fs_volume *volume, fs_volume_id **out) noexcept {
+  return volume->ops->create_id(volume, out);
+}

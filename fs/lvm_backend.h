@@ -1,0 +1,138 @@
+// Internal LVM adapter used by the inventory to list volume groups and their logical
+// volumes. It runs on libblockdev's LVM plugin, which drives the `lvm` program.
+//
+// Call sequence (each step maps to one status of the inventory code):
+//   init -> scan -> list_vg_names -> for each name: vg_open -> vg_list_lvs ->
+//   lv_get_name for each volume -> vg_close; quit at the end.
+//
+// Nothing here throws. Nothing here starts a thread, and nothing that the adapter or the
+// libraries under it do reaches the process's standard error: the `lvm` child's output
+// is captured, libblockdev's log goes to a silent function and GLib messages are dropped
+// while an adapter call runs (see detail::quiet_glib_log). LVM_SYSTEM_DIR and the
+// rest of the environment are passed on to `lvm` unchanged.
+//
+// Meant to be used from one thread at a time (the inventory's); concurrent use is not
+// something it has been tested for.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+// libblockdev's record types, kept opaque so that users of this header need neither
+// GLib nor libblockdev headers.
+struct BDLVMVGdata;
+struct BDLVMLVdata;
+
+namespace fsic::lvm {
+
+struct handle;  // a usable LVM session, from init() to quit()
+struct group;   // an opened volume group, from vg_open() to vg_close()
+struct lv;      // one logical volume inside an lv_list
+
+// Loads libblockdev with only its LVM plugin and checks that the `lvm` program runs.
+// Returns null when LVM is unusable (no `lvm` on PATH, plugin missing, ...).
+handle *init() noexcept;
+
+// Rescans the devices for physical volumes. 0 on success, -1 on failure.
+int scan(handle *h) noexcept;
+
+// Owned list of volume-group names in LVM's order. A null list (operator bool false)
+// means the listing failed; an empty, non-null list means there are no groups.
+class name_list {
+public:
+  name_list() noexcept = default;
+  name_list(name_list &&other) noexcept;
+  name_list &operator=(name_list &&other) noexcept;
+  name_list(const name_list &) = delete;
+  name_list &operator=(const name_list &) = delete;
+  ~name_list();
+
+  explicit operator bool() const noexcept { return rows_ != nullptr; }
+  std::size_t size() const noexcept { return size_; }
+  // Valid while the list lives; i < size().
+  const char *operator[](std::size_t i) const noexcept;
+
+private:
+  friend name_list list_vg_names(handle *h) noexcept;
+  name_list(BDLVMVGdata **rows, std::size_t size) noexcept : rows_(rows), size_(size) {}
+  void reset() noexcept;
+
+  BDLVMVGdata **rows_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+name_list list_vg_names(handle *h) noexcept;
+
+// Opens the named group read-only (only reports are run, never a change). Null when the
+// group cannot be read under that name, e.g. it is gone or the name is ambiguous.
+group *vg_open(handle *h, const char *name) noexcept;
+
+// Owned list of a group's logical volumes. Null when the group has no volumes or the
+// listing failed; the inventory treats both as "no volumes".
+class lv_list {
+public:
+  lv_list() noexcept = default;
+  lv_list(lv_list &&other) noexcept;
+  lv_list &operator=(lv_list &&other) noexcept;
+  lv_list(const lv_list &) = delete;
+  lv_list &operator=(const lv_list &) = delete;
+  ~lv_list();
+
+  explicit operator bool() const noexcept { return rows_ != nullptr; }
+  std::size_t size() const noexcept { return size_; }
+  // Valid while the list lives; i < size().
+  const lv *operator[](std::size_t i) const noexcept;
+
+private:
+  friend lv_list vg_list_lvs(group *g) noexcept;
+  lv_list(BDLVMLVdata **rows, std::size_t size) noexcept : rows_(rows), size_(size) {}
+  void reset() noexcept;
+
+  BDLVMLVdata **rows_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// Lists the logical volumes of this one group (asked for by the group's name alone).
+lv_list vg_list_lvs(group *g) noexcept;
+
+// The volume's name, valid while its list lives. Null for a null volume.
+const char *lv_get_name(const lv *v) noexcept;
+
+// Both accept null.
+void vg_close(group *g) noexcept;
+void quit(handle *h) noexcept;
+
+struct quit_deleter {
+  void operator()(handle *h) const noexcept { quit(h); }
+};
+struct close_deleter {
+  void operator()(group *g) const noexcept { vg_close(g); }
+};
+using handle_ptr = std::unique_ptr<handle, quit_deleter>;
+using group_ptr = std::unique_ptr<group, close_deleter>;
+
+namespace detail {
+
+// While at least one of these is alive, GLib messages that a thread holding one logs in
+// the covered domains (the default one, where libblockdev logs, and GLib, GLib-GObject,
+// GLib-GIO, GModule) are dropped: during adapter calls they come from libblockdev and
+// GLib and would otherwise reach standard error or the host program's handlers. Warnings
+// and criticals are not made fatal for that thread, even under G_DEBUG=fatal-warnings.
+//
+// It only adds domain handlers and lowers the always-fatal mask, and undoes both exactly
+// when the last guard ends: the host program's default handler, writer function and own
+// domain handlers are never replaced. Messages that other threads log meanwhile in the covered
+// domains are passed to g_log_default_handler (so to the host's writer function, but
+// past any handler the host set for those domains or as default), and stay fatal if
+// G_DEBUG or g_log_set_always_fatal() made them so.
+class quiet_glib_log {
+public:
+  quiet_glib_log() noexcept;
+  ~quiet_glib_log();
+  quiet_glib_log(const quiet_glib_log &) = delete;
+  quiet_glib_log &operator=(const quiet_glib_log &) = delete;
+};
+
+}  // namespace detail
+
+}  // namespace fsic::lvm

@@ -1,0 +1,298 @@
+// Volume identifiers: construction, copy, comparison, lookup in a disk list, and their
+// blob records.
+#include <fsic/disk_list.h>
+#include <fsic/util.h>
+#include <fsic/volume_id.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fs/volume_id_io.h"
+
+namespace {
+
+// Partition and image-partition identifiers share one layout {ops, name, number}: they
+// differ only in their tables, constructors and the list that find_volume searches.
+static_assert(sizeof(fs_partition_id) == sizeof(fs_image_partition_id));
+
+fs_partition_id *as_numbered(const fs_volume_id *id) {
+  return reinterpret_cast<fs_partition_id *>(const_cast<fs_volume_id *>(id));
+}
+
+fs_lvm_volume_id *as_lvm(const fs_volume_id *id) {
+  return reinterpret_cast<fs_lvm_volume_id *>(const_cast<fs_volume_id *>(id));
+}
+
+fsic_status create_numbered(const fs_volume_id_ops *ops, const char *name, uint32_t number,
+                            fs_volume_id **out) noexcept {
+  auto *id = static_cast<fs_partition_id *>(ic_util_zalloc(sizeof(fs_partition_id)));
+  if (!id)
+    return FSIC_ERR_NO_MEMORY;
+  id->disk_serial = strdup(name);
+  if (!id->disk_serial) {
+    free(id);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  id->ops = ops;
+  id->number = number;
+  *out = reinterpret_cast<fs_volume_id *>(id);
+  return FSIC_OK;
+}
+
+// The kind difference; only when the kinds agree are the members compared, so that
+// `other` is never read as another kind.
+int32_t kind_difference(const fs_volume_id *a, const fs_volume_id *b) noexcept {
+  return static_cast<int32_t>(a->ops->kind - b->ops->kind);
+}
+
+int32_t numbered_compare(const fs_volume_id *a, const fs_volume_id *b) {
+  if (int32_t d = kind_difference(a, b))
+    return d;
+  if (int r = strcmp(as_numbered(a)->disk_serial, as_numbered(b)->disk_serial))
+    return r;
+  return static_cast<int32_t>(as_numbered(a)->number - as_numbered(b)->number);
+}
+
+fsic_status numbered_write(const fs_volume_id *id, wb *buf) {
+  const fs_partition_id *p = as_numbered(id);
+  fsic_status status = wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind));
+  if (status == FSIC_OK)
+    status = wb_write_str(buf, p->disk_serial);
+  if (status == FSIC_OK)
+    status = wb_write_uint16(buf, static_cast<uint16_t>(p->number));
+  return status;
+}
+
+void numbered_destroy(fs_volume_id *id) {
+  free(as_numbered(id)->disk_serial);
+  free(id);
+}
+
+// ---- partition -----------------------------------------------------------------------
+
+fsic_status partition_id_copy(const fs_volume_id *id, fs_volume_id **out) {
+  return fs_partition_id_create(as_numbered(id)->disk_serial, as_numbered(id)->number, out);
+}
+
+// The first disk with the serial decides: later disks with the same serial are not
+// searched.
+fs_volume *partition_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
+  const fs_partition_id *p = as_numbered(id);
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d)) {
+    if (strcmp(d->serial, p->disk_serial) == 0) {
+      fs_partition *part = fs_disk_partition_by_number(d, static_cast<int>(p->number));
+      return part ? &part->volume : nullptr;
+    }
+  }
+  return nullptr;
+}
+
+const fs_volume_id_ops partition_id_ops = {
+    FS_VOLUME_PARTITION, partition_id_copy, numbered_compare, partition_id_find_volume,
+    numbered_write,      numbered_destroy};
+
+// ---- image partition -------------------------------------------------------------------
+
+fsic_status image_partition_id_copy(const fs_volume_id *id, fs_volume_id **out) {
+  return fs_image_partition_id_create(as_numbered(id)->disk_serial, as_numbered(id)->number,
+                                      out);
+}
+
+fs_volume *image_partition_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
+  const fs_partition_id *p = as_numbered(id);
+  for (fs_image_disk *d = fs_disk_list_first_image_disk(list); d;
+       d = fs_disk_list_next_image_disk(list, d)) {
+    if (strcmp(d->name, p->disk_serial) == 0) {
+      fs_partition *part = fs_image_disk_partition_by_number(d, static_cast<int>(p->number));
+      return part ? &part->volume : nullptr;
+    }
+  }
+  return nullptr;
+}
+
+const fs_volume_id_ops image_partition_id_ops = {
+    FS_VOLUME_IMAGE_PARTITION, image_partition_id_copy, numbered_compare,
+    image_partition_id_find_volume, numbered_write, numbered_destroy};
+
+// ---- LVM volume ------------------------------------------------------------------------
+
+fsic_status lvm_volume_id_copy(const fs_volume_id *id, fs_volume_id **out) {
+  return fs_lvm_volume_id_create(as_lvm(id)->group_name, as_lvm(id)->volume_name, out);
+}
+
+int32_t lvm_volume_id_compare(const fs_volume_id *a, const fs_volume_id *b) {
+  if (int32_t d = kind_difference(a, b))
+    return d;
+  if (int r = strcmp(as_lvm(a)->group_name, as_lvm(b)->group_name))
+    return r;
+  return strcmp(as_lvm(a)->volume_name, as_lvm(b)->volume_name);
+}
+
+fs_lvm_volume *find_volume_by_name(fs_lvm_group *group, const char *name) noexcept {
+  for (fs_lvm_volume *v = fs_lvm_group_first_volume(group); v;
+       v = fs_lvm_group_next_volume(group, v))
+    if (strcmp(v->name, name) == 0)
+      return v;
+  return nullptr;
+}
+
+// Groups of the same name are all searched, in list order.
+fs_volume *lvm_volume_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
+  const fs_lvm_volume_id *l = as_lvm(id);
+  for (fs_lvm_group *g = fs_disk_list_first_lvm_group(list); g;
+       g = fs_disk_list_next_lvm_group(list, g)) {
+    if (strcmp(g->name, l->group_name) != 0)
+      continue;
+    if (fs_lvm_volume *v = find_volume_by_name(g, l->volume_name))
+      return &v->volume;
+  }
+  return nullptr;
+}
+
+fsic_status lvm_volume_id_write(const fs_volume_id *id, wb *buf) {
+  const fs_lvm_volume_id *l = as_lvm(id);
+  fsic_status status = wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind));
+  if (status == FSIC_OK)
+    status = wb_write_str(buf, l->group_name);
+  if (status == FSIC_OK)
+    status = wb_write_str(buf, l->volume_name);
+  return status;
+}
+
+void lvm_volume_id_destroy(fs_volume_id *id) {
+  free(as_lvm(id)->group_name);
+  free(as_lvm(id)->volume_name);
+  free(id);
+}
+
+const fs_volume_id_ops lvm_volume_id_ops = {
+    FS_VOLUME_LVM,         lvm_volume_id_copy,  lvm_volume_id_compare, lvm_volume_id_find_volume,
+    lvm_volume_id_write,   lvm_volume_id_destroy};
+
+// ---- readers ---------------------------------------------------------------------------
+
+fsic_status read_numbered(rb *buf, const fs_volume_id_ops *ops, fs_volume_id **out) noexcept {
+  char *name;
+  uint16_t number;
+  fsic_status status = rb_read_and_alloc_zstr(buf, &name);
+  if (status != FSIC_OK)
+    return status;
+  status = rb_read_uint16(buf, &number);
+  if (status != FSIC_OK) {
+    free(name);
+    return status;
+  }
+  auto *id = static_cast<fs_partition_id *>(ic_util_zalloc(sizeof(fs_partition_id)));
+  if (!id) {
+    free(name);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  id->ops = ops;
+  id->disk_serial = name;
+  id->number = number;
+  *out = reinterpret_cast<fs_volume_id *>(id);
+  return FSIC_OK;
+}
+
+fsic_status partition_id_read(rb *buf, fs_volume_id **out) noexcept {
+  return read_numbered(buf, &partition_id_ops, out);
+}
+
+fsic_status image_partition_id_read(rb *buf, fs_volume_id **out) noexcept {
+  return read_numbered(buf, &image_partition_id_ops, out);
+}
+
+fsic_status lvm_volume_id_read(rb *buf, fs_volume_id **out) noexcept {
+  char *group;
+  char *volume;
+  fsic_status status = rb_read_and_alloc_zstr(buf, &group);
+  if (status != FSIC_OK)
+    return status;
+  status = rb_read_and_alloc_zstr(buf, &volume);
+  if (status != FSIC_OK) {
+    free(group);
+    return status;
+  }
+  auto *id = static_cast<fs_lvm_volume_id *>(ic_util_zalloc(sizeof(fs_lvm_volume_id)));
+  if (!id) {
+    free(volume);
+    free(group);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  id->ops = &lvm_volume_id_ops;
+  id->group_name = group;
+  id->volume_name = volume;
+  *out = reinterpret_cast<fs_volume_id *>(id);
+  return FSIC_OK;
+}
+
+struct read_map_entry {
+  uint16_t kind;
+  fsic_status (*read)(rb *, fs_volume_id **) noexcept;
+};
+
+const read_map_entry read_map[] = {
+    {FS_VOLUME_PARTITION, partition_id_read},
+    {FS_VOLUME_IMAGE_PARTITION, image_partition_id_read},
+    {FS_VOLUME_LVM, lvm_volume_id_read},
+};
+
+const read_map_entry *find_read_map_entry(uint16_t kind) noexcept {
+  for (const read_map_entry &e : read_map)
+    if (e.kind == kind)
+      return &e;
+  return nullptr;
+}
+
+} // namespace
+
+extern "C" fsic_status fs_partition_id_create(const char *disk_serial, uint32_t number,
+                                              fs_volume_id **out) noexcept {
+  return create_numbered(&partition_id_ops, disk_serial, number, out);
+}
+
+extern "C" fsic_status fs_image_partition_id_create(const char *image_name, uint32_t number,
+                                                    fs_volume_id **out) noexcept {
+  return create_numbered(&image_partition_id_ops, image_name, number, out);
+}
+
+extern "C" fsic_status fs_lvm_volume_id_create(const char *group_name, const char *volume_name,
+                                               fs_volume_id **out) noexcept {
+  auto *id = static_cast<fs_lvm_volume_id *>(ic_util_zalloc(sizeof(fs_lvm_volume_id)));
+  if (!id)
+    return FSIC_ERR_NO_MEMORY;
+  id->group_name = strdup(group_name);
+  id->volume_name = strdup(volume_name);
+  if (!id->group_name || !id->volume_name) {
+    free(id->volume_name);
+    free(id->group_name);
+    free(id);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  id->ops = &lvm_volume_id_ops;
+  *out = reinterpret_cast<fs_volume_id *>(id);
+  return FSIC_OK;
+}
+
+extern "C" uint32_t fs_volume_id_type(const fs_volume_id *id) noexcept { return id->ops->kind; }
+
+extern "C" int32_t fs_volume_id_compare(const fs_volume_id *a, const fs_volume_id *b) noexcept {
+  return a->ops->compare(a, b);
+}
+
+extern "C" void fs_volume_id_destroy(fs_volume_id *id) noexcept { id->ops->destroy(id); }
+
+extern "C" fsic_status _fs_write_volume_id_to_rbuf(const fs_volume_id *id, wb *buf) noexcept {
+  return id->ops->write(id, buf);
+}
+
+extern "C" fsic_status _fs_read_volume_id_from_rbuf(rb *buf, fs_volume_id **out) noexcept {
+  uint16_t kind;
+  fsic_status status = rb_read_uint16(buf, &kind);
+  if (status != FSIC_OK)
+    return status;
+  const read_map_entry *entry = find_read_map_entry(kind);
+  if (!entry)
+    return FSIC_ERR_FAILED;
+  return entry->read(buf, out);
+}

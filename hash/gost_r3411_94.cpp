@@ -1,0 +1,487 @@
+// GOST R 34.11-94 message digest.
+//
+// The step function f(H, M) runs its four GOST 28147-89 encryptions as four
+// interleaved chains (they depend only on H and M), uses the expanded substitution
+// tables of the parameter set (one lookup per byte, rotation folded in), and replaces
+// the 74 applications of the mixing map psi by closed-form xor expressions. Full
+// blocks are processed straight from the caller's buffer with the hash value and the
+// control sum kept in locals.
+
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+
+#include "hash/gost_r3411_94_internal.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#define FSIC_GOST_INLINE inline __attribute__((always_inline))
+
+namespace {
+
+constexpr uint32_t rotl16(uint32_t x) { return (x << 16) | (x >> 16); }
+
+FSIC_GOST_INLINE uint32_t load_le32(const uint8_t *p) {
+  if constexpr (std::endian::native == std::endian::little) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  } else {
+    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+  }
+}
+
+FSIC_GOST_INLINE void store_le32(uint8_t *p, uint32_t v) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(p, &v, sizeof v);
+  } else {
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+    p[2] = uint8_t(v >> 16);
+    p[3] = uint8_t(v >> 24);
+  }
+}
+
+FSIC_GOST_INLINE void load_block(const uint8_t *p, uint32_t m[8]) {
+  for (int i = 0; i < 8; ++i) m[i] = load_le32(p + 4 * i);
+}
+
+#include "hash/gost_r3411_94_mix.inc"
+
+// sum := sum + m modulo 2^256, word 0 lowest.
+FSIC_GOST_INLINE void add_sum(uint32_t sum[8], const uint32_t m[8]) {
+  uint32_t carry = 0;
+  for (int i = 0; i < 8; ++i) {
+    const uint64_t t = uint64_t{sum[i]} + m[i] + carry;
+    sum[i] = uint32_t(t);
+    carry = uint32_t(t >> 32);
+  }
+}
+
+// Key transformation P: byte i of key word j is byte (j mod 4) of w[2i + j / 4], that
+// is, two 4x4 byte transpositions (even words to keys 0-3, odd words to keys 4-7).
+FSIC_GOST_INLINE void transpose(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t k[4]) {
+  const uint32_t ac0 = (a & 0x0000ffffu) | (c << 16);
+  const uint32_t ac1 = (a >> 16) | (c & 0xffff0000u);
+  const uint32_t bd0 = (b & 0x0000ffffu) | (d << 16);
+  const uint32_t bd1 = (b >> 16) | (d & 0xffff0000u);
+  k[0] = (ac0 & 0x00ff00ffu) | ((bd0 & 0x00ff00ffu) << 8);
+  k[1] = ((ac0 >> 8) & 0x00ff00ffu) | (bd0 & 0xff00ff00u);
+  k[2] = (ac1 & 0x00ff00ffu) | ((bd1 & 0x00ff00ffu) << 8);
+  k[3] = ((ac1 >> 8) & 0x00ff00ffu) | (bd1 & 0xff00ff00u);
+}
+
+FSIC_GOST_INLINE void make_key(const uint32_t u[8], const uint32_t v[8], uint32_t k[8]) {
+  uint32_t w[8];
+  for (int i = 0; i < 8; ++i) w[i] = u[i] ^ v[i];
+  transpose(w[0], w[2], w[4], w[6], k);
+  transpose(w[1], w[3], w[5], w[7], k + 4);
+}
+
+// Transformation A on 64-bit words y1..y4 (y1 lowest): (y1, y2, y3, y4) ->
+// (y2, y3, y4, y1 ^ y2).
+FSIC_GOST_INLINE void transform_a(uint32_t y[8]) {
+  const uint32_t x0 = y[0] ^ y[2], x1 = y[1] ^ y[3];
+  for (int i = 0; i < 6; ++i) y[i] = y[i + 2];
+  y[6] = x0;
+  y[7] = x1;
+}
+
+// The four keys of one step: U = H, V = M; then U := A(U) ^ C, V := A(A(V)) with
+// C2 = C4 = 0 and C3 the constant below; K_j = P(U ^ V).
+FSIC_GOST_INLINE void make_keys(const uint32_t h[8], const uint32_t m[8], uint32_t k[4][8]) {
+  static constexpr uint32_t c3[8] = {0xff00ff00u, 0xff00ff00u, 0x00ff00ffu, 0x00ff00ffu,
+                                     0x00ffff00u, 0xff0000ffu, 0x000000ffu, 0xff00ffffu};
+  uint32_t u[8], v[8];
+  for (int i = 0; i < 8; ++i) u[i] = h[i], v[i] = m[i];
+  make_key(u, v, k[0]);
+  for (int j = 1; j < 4; ++j) {
+    transform_a(u);
+    if (j == 2)
+      for (int i = 0; i < 8; ++i) u[i] ^= c3[i];
+    transform_a(v);
+    transform_a(v);
+    make_key(u, v, k[j]);
+  }
+}
+
+using sbox_tables = uint32_t[4][256];
+
+// Round function of GOST 28147-89 on x = half + key, rotation included in the tables.
+// Indexing through size_t keeps the compiler from re-zero-extending each byte.
+FSIC_GOST_INLINE uint32_t round_f(const sbox_tables &t, uint32_t x) {
+  const size_t y = x;
+  return (t[0][y & 0xff] ^ t[1][(y >> 8) & 0xff]) ^ (t[2][(y >> 16) & 0xff] ^ t[3][y >> 24]);
+}
+
+// Tells the compiler that memory may have changed, so that it reads each key word
+// from the key array where it is used instead of keeping the 32 key words in
+// registers (there are not enough; it would spill them to the stack instead).
+#define GOST_RELOAD_KEYS() __asm__ __volatile__("" ::: "memory")
+
+// Two rounds of all four encryptions, with key words a and b.
+#define GOST_ROUND_PAIR(a, b)      \
+  l0 ^= round_f(t, r0 + k[0][a]);  \
+  l1 ^= round_f(t, r1 + k[1][a]);  \
+  l2 ^= round_f(t, r2 + k[2][a]);  \
+  l3 ^= round_f(t, r3 + k[3][a]);  \
+  GOST_RELOAD_KEYS();              \
+  r0 ^= round_f(t, l0 + k[0][b]);  \
+  r1 ^= round_f(t, l1 + k[1][b]);  \
+  r2 ^= round_f(t, l2 + k[2][b]);  \
+  r3 ^= round_f(t, l3 + k[3][b]);  \
+  GOST_RELOAD_KEYS();
+
+// Encrypts the four quarters of h, each under its key (32 rounds: key words 0-7
+// three times, then 7-0), into s. The low word of a quarter is the first round input;
+// the last round does not swap the halves.
+FSIC_GOST_INLINE void encrypt(const sbox_tables &t, const uint32_t k[4][8], const uint32_t h[8],
+                              uint32_t s[8]) {
+  uint32_t r0 = h[0], l0 = h[1], r1 = h[2], l1 = h[3];
+  uint32_t r2 = h[4], l2 = h[5], r3 = h[6], l3 = h[7];
+  GOST_RELOAD_KEYS();
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(7, 6) GOST_ROUND_PAIR(5, 4) GOST_ROUND_PAIR(3, 2) GOST_ROUND_PAIR(1, 0)
+  s[0] = l0, s[1] = r0, s[2] = l1, s[3] = r1;
+  s[4] = l2, s[5] = r2, s[6] = l3, s[7] = r3;
+}
+
+#undef GOST_ROUND_PAIR
+
+// The step function: h := f(h, m).
+FSIC_GOST_INLINE void step(const sbox_tables &t, uint32_t h[8], const uint32_t m[8]) {
+  alignas(16) uint32_t k[4][8];
+  make_keys(h, m, k);
+  uint32_t out[8];
+  mix_hm(h, m, out);
+  uint32_t s[8];
+  encrypt(t, k, h, s);
+  mix_s(s, out);
+  for (int i = 0; i < 8; ++i) h[i] = out[i];
+}
+
+#if defined(__SSE2__)
+// SSE2 versions of the key generation and of the mixing. They run on the vector
+// units, which the table-driven rounds leave idle, while the integer units are kept
+// for the rounds (which saturate them). SSE2 is part of every x86-64 processor; 32-bit
+// builds without it use the plain code above.
+
+// A 256-bit value: words 0-3 in lo, words 4-7 in hi.
+struct vec256 {
+  __m128i lo, hi;
+};
+
+FSIC_GOST_INLINE vec256 load_vec(const void *p) {
+  const uint8_t *b = static_cast<const uint8_t *>(p);
+  return {_mm_loadu_si128(reinterpret_cast<const __m128i *>(b)),
+          _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + 16))};
+}
+
+FSIC_GOST_INLINE void store_vec(void *p, vec256 v) {
+  uint8_t *b = static_cast<uint8_t *>(p);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(b), v.lo);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(b + 16), v.hi);
+}
+
+FSIC_GOST_INLINE vec256 operator^(vec256 a, vec256 b) {
+  return {_mm_xor_si128(a.lo, b.lo), _mm_xor_si128(a.hi, b.hi)};
+}
+
+// --- Key generation -------------------------------------------------------------
+// U and V are kept as (p, q) = ((y1, y3), (y2, y4)), yi the 64-bit words, y1 lowest:
+// A is then two operations, and P starts from this layout.
+
+// (y1, y2, y3, y4) -> (y2, y3, y4, y1 ^ y2): p' = q, q' = (y3, y1 ^ y2).
+FSIC_GOST_INLINE void a_sse2(__m128i &p, __m128i &q) {
+  const __m128d x = _mm_castsi128_pd(_mm_xor_si128(p, q));
+  const __m128i nq = _mm_castpd_si128(_mm_shuffle_pd(_mm_castsi128_pd(p), x, 1));
+  p = q;
+  q = nq;
+}
+
+// P(U ^ V): byte i of key word j is byte j of 64-bit word i (words 0-3), and byte
+// j - 4 of word i shifted by 4 bytes (words 4-7): an 8x4 byte transposition.
+FSIC_GOST_INLINE void key_sse2(__m128i up, __m128i uq, __m128i vp, __m128i vq, uint32_t k[8]) {
+  const __m128i p = _mm_xor_si128(up, vp), q = _mm_xor_si128(uq, vq);
+  const __m128i a = _mm_unpacklo_epi8(p, q);  // y1[0] y2[0] y1[1] y2[1] ...
+  const __m128i b = _mm_unpackhi_epi8(p, q);  // y3[0] y4[0] y3[1] y4[1] ...
+  _mm_store_si128(reinterpret_cast<__m128i *>(k), _mm_unpacklo_epi16(a, b));
+  _mm_store_si128(reinterpret_cast<__m128i *>(k + 4), _mm_unpackhi_epi16(a, b));
+}
+
+FSIC_GOST_INLINE void make_keys_sse2(vec256 h, vec256 m, uint32_t k[4][8]) {
+  // C3 in the (p, q) layout: words 0, 1, 4, 5 and 2, 3, 6, 7.
+  const __m128i c3p = _mm_setr_epi32(int(0xff00ff00u), int(0xff00ff00u), int(0x00ffff00u),
+                                     int(0xff0000ffu));
+  const __m128i c3q = _mm_setr_epi32(int(0x00ff00ffu), int(0x00ff00ffu), int(0x000000ffu),
+                                     int(0xff00ffffu));
+  __m128i up = _mm_unpacklo_epi64(h.lo, h.hi), uq = _mm_unpackhi_epi64(h.lo, h.hi);
+  __m128i vp = _mm_unpacklo_epi64(m.lo, m.hi), vq = _mm_unpackhi_epi64(m.lo, m.hi);
+  key_sse2(up, uq, vp, vq, k[0]);
+  a_sse2(up, uq);
+  a_sse2(vp, vq);
+  a_sse2(vp, vq);
+  key_sse2(up, uq, vp, vq, k[1]);
+  a_sse2(up, uq);
+  up = _mm_xor_si128(up, c3p);
+  uq = _mm_xor_si128(uq, c3q);
+  a_sse2(vp, vq);
+  a_sse2(vp, vq);
+  key_sse2(up, uq, vp, vq, k[2]);
+  a_sse2(up, uq);
+  a_sse2(vp, vq);
+  a_sse2(vp, vq);
+  key_sse2(up, uq, vp, vq, k[3]);
+}
+
+// --- Mixing ---------------------------------------------------------------------
+// A power of psi maps each output 16-bit lane to an xor of input lanes: row[j] has bit
+// i set when input lane i goes into output lane j (lane 0 = low half of word 0).
+struct lane_matrix {
+  uint32_t row[16];
+};
+
+constexpr lane_matrix psi_power(int n) {
+  lane_matrix a{};
+  for (int j = 0; j < 16; ++j) a.row[j] = 1u << j;
+  for (int s = 0; s < n; ++s) {
+    const uint32_t top = a.row[0] ^ a.row[1] ^ a.row[2] ^ a.row[3] ^ a.row[12] ^ a.row[15];
+    for (int j = 0; j < 15; ++j) a.row[j] = a.row[j + 1];
+    a.row[15] = top;
+  }
+  return a;
+}
+
+// The same map as masks on 32-bit words: output word j is the xor over input words i
+// of (w_i & direct[i][j]) ^ (rotl16(w_i) & swapped[i][j]).
+struct word_masks {
+  uint32_t direct[8][8];
+  uint32_t swapped[8][8];
+};
+
+constexpr word_masks masks_of(const lane_matrix &a) {
+  word_masks w{};
+  for (int i = 0; i < 8; ++i) {
+    for (int j = 0; j < 8; ++j) {
+      const uint32_t lo = a.row[2 * j], hi = a.row[2 * j + 1];
+      w.direct[i][j] = ((lo >> (2 * i)) & 1 ? 0x0000ffffu : 0) |
+                       ((hi >> (2 * i + 1)) & 1 ? 0xffff0000u : 0);
+      w.swapped[i][j] = ((lo >> (2 * i + 1)) & 1 ? 0x0000ffffu : 0) |
+                        ((hi >> (2 * i)) & 1 ? 0xffff0000u : 0);
+    }
+  }
+  return w;
+}
+
+constexpr word_masks psi61_masks = masks_of(psi_power(61));
+constexpr word_masks psi74_masks = masks_of(psi_power(74));
+
+// x & mask for four words of a constant mask, skipping what the mask makes trivial.
+template <const uint32_t *Mask>
+FSIC_GOST_INLINE __m128i and_mask(__m128i x) {
+  constexpr bool zero = (Mask[0] | Mask[1] | Mask[2] | Mask[3]) == 0;
+  constexpr bool ones = (Mask[0] & Mask[1] & Mask[2] & Mask[3]) == 0xffffffffu;
+  if constexpr (zero) {
+    return _mm_setzero_si128();
+  } else if constexpr (ones) {
+    return x;
+  } else {
+    return _mm_and_si128(x, _mm_setr_epi32(int(Mask[0]), int(Mask[1]), int(Mask[2]), int(Mask[3])));
+  }
+}
+
+// Contribution of input word I (x: its half of the input, xs: the same with the
+// 16-bit halves of each word swapped) to the two output halves.
+template <const word_masks &M, int I>
+FSIC_GOST_INLINE void map_word(__m128i x, __m128i xs, __m128i &lo, __m128i &hi) {
+  constexpr int sel = (I & 3) * 0x55;  // broadcast word I & 3
+  const __m128i b = _mm_shuffle_epi32(x, sel), bs = _mm_shuffle_epi32(xs, sel);
+  lo = _mm_xor_si128(and_mask<&M.direct[I][0]>(b), and_mask<&M.swapped[I][0]>(bs));
+  hi = _mm_xor_si128(and_mask<&M.direct[I][4]>(b), and_mask<&M.swapped[I][4]>(bs));
+}
+
+FSIC_GOST_INLINE __m128i swap16(__m128i x) {
+  return _mm_shufflehi_epi16(_mm_shufflelo_epi16(x, 0xb1), 0xb1);
+}
+
+template <const word_masks &M>
+FSIC_GOST_INLINE vec256 apply_map(vec256 x) {
+  const __m128i slo = swap16(x.lo), shi = swap16(x.hi);
+  __m128i lo[8], hi[8];
+  map_word<M, 0>(x.lo, slo, lo[0], hi[0]);
+  map_word<M, 1>(x.lo, slo, lo[1], hi[1]);
+  map_word<M, 2>(x.lo, slo, lo[2], hi[2]);
+  map_word<M, 3>(x.lo, slo, lo[3], hi[3]);
+  map_word<M, 4>(x.hi, shi, lo[4], hi[4]);
+  map_word<M, 5>(x.hi, shi, lo[5], hi[5]);
+  map_word<M, 6>(x.hi, shi, lo[6], hi[6]);
+  map_word<M, 7>(x.hi, shi, lo[7], hi[7]);
+  // Summed as a tree: this sits between the rounds of one step and the next.
+  for (int w = 4; w != 0; w /= 2) {
+    for (int i = 0; i < w; ++i) {
+      lo[i] = _mm_xor_si128(lo[i], lo[i + w]);
+      hi[i] = _mm_xor_si128(hi[i], hi[i + w]);
+    }
+  }
+  return {lo[0], hi[0]};
+}
+
+// psi(m): shift right by one 16-bit lane, m0 ^ m1 ^ m2 ^ m3 ^ m12 ^ m15 on top.
+FSIC_GOST_INLINE vec256 psi_sse2(vec256 m) {
+  __m128i x = _mm_xor_si128(m.lo, _mm_srli_si128(m.lo, 2));  // lane 0: m0^m1, 2: m2^m3
+  x = _mm_xor_si128(x, _mm_srli_si128(x, 4));                // lane 0: m0^m1^m2^m3
+  const __m128i y = _mm_xor_si128(m.hi, _mm_srli_si128(m.hi, 6));  // lane 4: m12^m15
+  const __m128i top = _mm_slli_si128(_mm_xor_si128(x, _mm_srli_si128(y, 8)), 14);
+  return {_mm_or_si128(_mm_srli_si128(m.lo, 2), _mm_slli_si128(m.hi, 14)),
+          _mm_xor_si128(_mm_srli_si128(m.hi, 2), top)};
+}
+
+// Pins a value computed so far: it is then computed before what follows (here: the
+// part of the mixing that does not wait for the rounds, computed alongside them).
+FSIC_GOST_INLINE void keep(vec256 &v) { __asm__("" : "+x"(v.lo), "+x"(v.hi)); }
+
+// The step function: h := f(h, m).
+FSIC_GOST_INLINE void step_sse2(const sbox_tables &t, vec256 &h, vec256 m) {
+  alignas(16) uint32_t k[4][8];
+  alignas(16) uint32_t hw[8];
+  make_keys_sse2(h, m, k);
+  store_vec(hw, h);
+  vec256 g = apply_map<psi61_masks>(h ^ psi_sse2(m));  // psi^61(h ^ psi(m))
+  keep(g);
+  uint32_t s[8];
+  encrypt(t, k, hw, s);
+  const vec256 e = {_mm_setr_epi32(int(s[0]), int(s[1]), int(s[2]), int(s[3])),
+                    _mm_setr_epi32(int(s[4]), int(s[5]), int(s[6]), int(s[7]))};
+  h = g ^ apply_map<psi74_masks>(e);  // ^ psi^74(s)
+}
+#endif  // __SSE2__
+
+FSIC_GOST_INLINE void add_length(gost_r3411_94_ctx *ctx, uint64_t bits) {
+  const uint64_t n = (uint64_t{ctx->length[1]} << 32 | ctx->length[0]) + bits;
+  ctx->length[0] = uint32_t(n);
+  ctx->length[1] = uint32_t(n >> 32);
+}
+
+// Transforms `blocks` full blocks read from p (any alignment).
+void process_blocks(gost_r3411_94_ctx *ctx, const uint8_t *p, size_t blocks) noexcept {
+  const sbox_tables &t = ctx->params->sbox;
+#if defined(__SSE2__)
+  // The control sum is gathered without carries, each message word added to its own
+  // 64-bit lane, and the carries are propagated once at the end. An update brings
+  // fewer than 2^32 bytes, so a lane stays below 2^59.
+  vec256 h = load_vec(ctx->hash);
+  const __m128i zero = _mm_setzero_si128();
+  __m128i acc[4] = {zero, zero, zero, zero};  // words 0-1, 2-3, 4-5, 6-7
+  for (size_t n = blocks; n != 0; --n, p += GOST_R3411_94_BLOCK_SIZE) {
+    const vec256 m = load_vec(p);
+    acc[0] = _mm_add_epi64(acc[0], _mm_unpacklo_epi32(m.lo, zero));
+    acc[1] = _mm_add_epi64(acc[1], _mm_unpackhi_epi32(m.lo, zero));
+    acc[2] = _mm_add_epi64(acc[2], _mm_unpacklo_epi32(m.hi, zero));
+    acc[3] = _mm_add_epi64(acc[3], _mm_unpackhi_epi32(m.hi, zero));
+    step_sse2(t, h, m);
+  }
+  store_vec(ctx->hash, h);
+  alignas(16) uint64_t lanes[8];
+  for (int i = 0; i < 4; ++i) _mm_store_si128(reinterpret_cast<__m128i *>(lanes + 2 * i), acc[i]);
+  uint64_t carry = 0;
+  for (int i = 0; i < 8; ++i) {
+    const uint64_t x = uint64_t{ctx->sum[i]} + lanes[i] + carry;
+    ctx->sum[i] = uint32_t(x);
+    carry = x >> 32;
+  }
+#else
+  uint32_t h[8], sum[8];
+  for (int i = 0; i < 8; ++i) h[i] = ctx->hash[i], sum[i] = ctx->sum[i];
+  for (size_t n = blocks; n != 0; --n, p += GOST_R3411_94_BLOCK_SIZE) {
+    uint32_t m[8];
+    load_block(p, m);
+    add_sum(sum, m);
+    step(t, h, m);
+  }
+  for (int i = 0; i < 8; ++i) ctx->hash[i] = h[i], ctx->sum[i] = sum[i];
+#endif
+  add_length(ctx, uint64_t{blocks} * (8 * GOST_R3411_94_BLOCK_SIZE));
+}
+
+}  // namespace
+
+extern "C" {
+
+void gost_r3411_94_compress(gost_r3411_94_ctx *ctx, const uint32_t m[8]) noexcept {
+  step(ctx->params->sbox, ctx->hash, m);
+}
+
+void gost_r3411_94_transform(gost_r3411_94_ctx *ctx, const uint8_t *block,
+                             uint64_t bits) noexcept {
+  uint32_t m[8];
+  load_block(block, m);
+  add_sum(ctx->sum, m);
+  gost_r3411_94_compress(ctx, m);
+  add_length(ctx, bits);
+}
+
+gost_r3411_94_ctx *gost_r3411_94_create_context(void) noexcept {
+  return static_cast<gost_r3411_94_ctx *>(std::calloc(1, sizeof(gost_r3411_94_ctx)));
+}
+
+void gost_r3411_94_init(gost_r3411_94_ctx *ctx, unsigned index) noexcept {
+  if (ctx == nullptr) return;
+  std::memset(ctx, 0, sizeof *ctx);
+  // Only 0 and 1 are defined; any other index gets the set every caller uses.
+  const gost_r3411_94_params *params =
+      &gost_r3411_94_parameters[index < GOST_R3411_94_PARAM_SETS ? index : 1];
+  ctx->params = params;
+  ctx->hash[0] = params->start[0];
+  ctx->hash[1] = params->start[1];
+}
+
+void gost_r3411_94_update(gost_r3411_94_ctx *ctx, const void *data, unsigned count) noexcept {
+  const uint8_t *p = static_cast<const uint8_t *>(data);
+  size_t left = count;
+  size_t fill = size_t(ctx->partial_bytes);
+
+  // Complete the pending block first.
+  const size_t take = left < GOST_R3411_94_BLOCK_SIZE - fill ? left : GOST_R3411_94_BLOCK_SIZE - fill;
+  if (take != 0) {
+    std::memcpy(ctx->partial + fill, p, take);
+    fill += take;
+    p += take;
+    left -= take;
+  }
+  if (fill < GOST_R3411_94_BLOCK_SIZE) {
+    ctx->partial_bytes = fill;
+    return;
+  }
+  gost_r3411_94_transform(ctx, ctx->partial, 8 * GOST_R3411_94_BLOCK_SIZE);
+
+  // Whole blocks straight from the data, keeping back the last one (1 to 32 bytes):
+  // a block that ends the data is transformed by the next update or by final.
+  if (left > GOST_R3411_94_BLOCK_SIZE) {
+    const size_t blocks = (left - 1) / GOST_R3411_94_BLOCK_SIZE;
+    process_blocks(ctx, p, blocks);
+    p += blocks * GOST_R3411_94_BLOCK_SIZE;
+    left -= blocks * GOST_R3411_94_BLOCK_SIZE;
+  }
+  if (left != 0) std::memcpy(ctx->partial, p, left);
+  ctx->partial_bytes = left;
+}
+
+void gost_r3411_94_final(gost_r3411_94_ctx *ctx, uint8_t digest[GOST_R3411_94_DIGEST_SIZE]) noexcept {
+  const size_t fill = size_t(ctx->partial_bytes);
+  if (fill != 0) {
+    // Zero padding; the length counts only the message bits.
+    std::memset(ctx->partial + fill, 0, GOST_R3411_94_BLOCK_SIZE - fill);
+    gost_r3411_94_transform(ctx, ctx->partial, uint64_t{fill} * 8);
+  }
+  gost_r3411_94_compress(ctx, ctx->length);
+  gost_r3411_94_compress(ctx, ctx->sum);
+  for (int i = 0; i < 8; ++i) store_le32(digest + 4 * i, ctx->hash[i]);
+}
+
+void gost_r3411_94_free_context(gost_r3411_94_ctx *ctx) noexcept { std::free(ctx); }
+
+}  // extern "C"

@@ -1,0 +1,14 @@
+/* fsic: integrity control of files and directories on Linux block devices.
+ * The umbrella header: includes every public header of the library. */
+#ifndef FSIC_FSIC_H
+#define FSIC_FSIC_H
+
+#include <fsic/defs.h>
+#include <fsic/buffer.h>
+#include <fsic/gost_r3411_94.h>
+#include <fsic/list.h>
+#include <fsic/log.h>
+#include <fsic/rbtree.h>
+#include <fsic/util.h>
+
+#endif /* FSIC_FSIC_H */

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and benchmarking fsic needs.
+# Idempotent: packages already present are left alone and apt-get is not run at all
+# when nothing is missing.
+#
+#   scripts/install-deps.sh            build + unit/integration tests + benchmarks
+#   scripts/install-deps.sh --guest    also what the qemu system tests need
+set -euo pipefail
+
+packages=(
+  # build
+  build-essential cmake ninja-build pkg-config
+  # library dependencies
+  libudev-dev libblockdev-dev libblockdev-lvm-dev libblockdev-lvm2 lvm2 libglib2.0-dev
+  # blockdev/lvm.h includes libdevmapper.h, which libblockdev-lvm-dev does not pull in
+  libdevmapper-dev
+  # tests and test oracles / benchmark peers
+  libgtest-dev libgmock-dev libgcrypt20-dev librhash-dev rhash libbotan-2-dev
+  # integration tests: real ext4 images on loop devices
+  e2fsprogs util-linux mount kmod
+)
+
+if [[ "${1:-}" == "--guest" ]]; then
+  packages+=(
+    qemu-system-x86 linux-image-amd64 busybox-static udev fdisk python3
+  )
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed$'; then
+    missing+=("$p")
+  fi
+done
+
+if ((${#missing[@]} == 0)); then
+  echo "install-deps: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+if [[ $(id -u) -ne 0 ]]; then
+  echo "install-deps: must run as root to install packages" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+echo "install-deps: done"
