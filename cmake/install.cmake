@@ -24,6 +24,8 @@ endforeach()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/fsic.pc.in ${PROJECT_BINARY_DIR}/fsic.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/fsic.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+get_property(FSIC_CONFIG_DEPENDENCIES GLOBAL PROPERTY FSIC_CONFIG_DEPENDENCIES)
+list(JOIN FSIC_CONFIG_DEPENDENCIES "\n" FSIC_CONFIG_DEPENDENCIES)
 set(FSIC_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/fsic)
 install(EXPORT fsicTargets NAMESPACE fsic:: DESTINATION ${FSIC_CMAKE_DIR})
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/fsicConfig.cmake.in

@@ -1,6 +1,7 @@
 // The C++ view of the installed SDK: the same headers compiled as C++20, every entry
 // point noexcept, linked through the CMake package (find_package(fsic)).
 #include <fsic/fsic.h>
+#include <fsic/disk_list.h>
 
 #include <array>
 #include <cstdio>
@@ -29,6 +30,9 @@ int main() {
     std::fprintf(stderr, "hash: %s\n", hex);
     return 1;
   }
+
+  // Pulls in the inventory, and with it udev and libblockdev, for the static link.
+  fs_disk_list_destroy(nullptr);
 
   list_head head;
   INIT_LIST_HEAD(&head);

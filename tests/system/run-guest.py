@@ -96,12 +96,18 @@ def load_machine(path):
             raise HarnessError(f"{where}: partitions need a table")
         if disk.get("table") and "fs" in disk:
             raise HarnessError(f"{where}: a disk has either a table or a file system")
+        if "fs" not in disk and any(k in disk for k in ("label", "uuid", "files")):
+            raise HarnessError(f"{where}: label, uuid and files need fs")
         for j, part in enumerate(disk.get("partitions", [])):
             check_keys(part, {"size_mib", "type", "extended", "logical", "fs", "label", "uuid",
                               "files", "comment"}, f"{where}.partitions[{j}]")
     if sum(d["bus"] == "virtio" for d in disks) > len(SLOTS_VIRTIO_DISK):
         raise HarnessError(f"{path}: at most {len(SLOTS_VIRTIO_DISK)} virtio disks")
+    if not isinstance(machine.get("memory_mib", 1024), int):
+        raise HarnessError(f"{path}: memory_mib must be an integer")
     if "setup" in machine:
+        if not isinstance(machine["setup"], str):
+            raise HarnessError(f"{path}: setup must be a file name")
         machine["setup"] = os.path.join(os.path.dirname(os.path.abspath(path)), machine["setup"])
     return machine
 
@@ -478,7 +484,7 @@ def write_config(path, shares, groups, env):
 
 
 def boot(args, machine, tmp, log_path):
-    """Builds the machine in tmp, boots it and returns (outcome, status, stdout, stderr)."""
+    """Builds the machine in tmp, boots it and returns the test script's (status, stdout, stderr)."""
     if os.geteuid() != 0:
         raise HarnessError("must run as root (qemu's 9p share of / and the guest's root user)")
     qemu = shutil.which("qemu-system-x86_64")
@@ -556,12 +562,11 @@ def boot(args, machine, tmp, log_path):
                 proc.kill()
                 proc.wait()
             with open(qemu_log, "rb") as f:
-                qemu_output = f.read().decode(errors="replace")
-    elapsed = time.monotonic() - started
+                qemu_output = f.read().decode(errors="replace").strip()
+            if qemu_output:
+                print(f"run-guest: qemu said:\n{qemu_output}", file=sys.stderr)
     if args.verbose:
-        print(f"run-guest: guest ran {elapsed:.1f} s", file=sys.stderr)
-    if qemu_output.strip():
-        print(f"run-guest: qemu said:\n{qemu_output}", file=sys.stderr)
+        print(f"run-guest: guest ran {time.monotonic() - started:.1f} s", file=sys.stderr)
 
     result_path = os.path.join(io, "result")
     if not os.path.exists(result_path):
