@@ -1,0 +1,3 @@
+#!/bin/bash
+# No disks at all and no volume groups.
+exec "$FSIC_DRIVER"

@@ -1,0 +1,3 @@
+#!/bin/bash
+# A non-removable disk that udev gives no serial number.
+exec "$FSIC_DRIVER"
