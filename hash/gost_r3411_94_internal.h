@@ -30,6 +30,16 @@ void gost_r3411_94_transform(gost_r3411_94_ctx *ctx, const uint8_t *block,
 /* The step function: hash := f(hash, m). */
 void gost_r3411_94_compress(gost_r3411_94_ctx *ctx, const uint32_t m[8]) FSIC_NOEXCEPT;
 
+/*
+ * The same functions on the plain code path, which targets without SSE2 use. On x86
+ * the library itself runs the SSE2 path; the tests use these to check the other one.
+ */
+void gost_r3411_94_compress_portable(gost_r3411_94_ctx *ctx, const uint32_t m[8]) FSIC_NOEXCEPT;
+void gost_r3411_94_update_portable(gost_r3411_94_ctx *ctx, const void *data,
+                                   unsigned count) FSIC_NOEXCEPT;
+void gost_r3411_94_final_portable(gost_r3411_94_ctx *ctx,
+                                  uint8_t digest[GOST_R3411_94_DIGEST_SIZE]) FSIC_NOEXCEPT;
+
 FSIC_END_DECLS
 
 #endif /* FSIC_HASH_GOST_R3411_94_INTERNAL_H */

@@ -5,7 +5,7 @@ expressions on 32-bit words.
 The mixing map psi shifts the 256-bit value right by one 16-bit word and puts
 y1 ^ y2 ^ y3 ^ y4 ^ y13 ^ y16 on top (y1 = lowest word). Any power of psi, and any
 xor of such powers, maps each output 16-bit word to an xor of input 16-bit words.
-For an output 32-bit word every input 32-bit word w then contributes through one of
+For an output 32-bit word every input 32-bit word w then contributes through some of
 four forms: w itself, w rotated by 16 bits, the low half of w, or the high half of w
 moved down, so that
 
@@ -112,9 +112,12 @@ def share(sets, prefix):
     return temps, sets
 
 
+TEMP_PREFIXES = ('t', 'u', 'v')  # names of the shared sums; inputs are arrays
+
+
 def name_of(x):
     v, i = x
-    return f'{v}{i}' if v.startswith('t') or v.startswith('u') or v.startswith('v') else f'{v}[{i}]'
+    return f'{v}{i}' if v in TEMP_PREFIXES else f'{v}[{i}]'
 
 
 def xor_expr(s):
