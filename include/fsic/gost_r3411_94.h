@@ -35,8 +35,9 @@ typedef struct gost_r3411_94_ctx {
 /* A new zero-filled context, or NULL when memory is short. */
 FSIC_API gost_r3411_94_ctx *gost_r3411_94_create_context(void) FSIC_NOEXCEPT;
 
-/* Clears the context and selects parameter set `index` (0 or 1). Does nothing for a
- * NULL context. Reinitialise to reuse a context after final. */
+/* Clears the context and selects parameter set `index` (0 or 1; any other index
+ * selects set 1). Does nothing for a NULL context. Reinitialise to reuse a context
+ * after final. */
 FSIC_API void gost_r3411_94_init(gost_r3411_94_ctx *ctx, unsigned index) FSIC_NOEXCEPT;
 
 /* Feeds `count` message bytes (any count, 0 included). */
