@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "fs/lvm.h"
+#include "fs/mount_internal.h"
 #include "fs/partition.h"
 #include "fs/udev_util.h"
 #include "util/dir_iter.h"
@@ -215,8 +216,9 @@ extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_vo
 }
 
 extern "C" void _fs_destroy_partition(fs_partition *part) noexcept {
-  // A mounted partition is released here whatever its hold count; mounting is not
-  // part of this build yet, so no partition can be mounted.
+  // A mounted partition is unmounted here whatever its hold count.
+  if (part->volume.mount_point)
+    _fs_volume_release_mount_point(&part->volume);
   list_del(&part->link);
   free(part->volume.syspath);
   free(part->volume.devnode);

@@ -8,6 +8,7 @@
 #include <fsic/gost_r3411_94.h>
 #include <fsic/list.h>
 #include <fsic/log.h>
+#include <fsic/mount.h>
 #include <fsic/rbtree.h>
 #include <fsic/util.h>
 

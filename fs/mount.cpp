@@ -1,0 +1,218 @@
+// Mount points of volumes: the counted base directory of a disk list, per-volume
+// holds, read-only mounts, and the external command runner that mounts VMFS volumes.
+#include <fsic/log.h>
+#include <fsic/mount.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "fs/mount_internal.h"
+
+namespace fsic {
+
+namespace {
+
+// Log records of the runner name this source and fixed line numbers, so that they
+// read the same whatever the layout of this file.
+constexpr const char *kSource = "mount";
+constexpr int kLineWaitFailed = 135;
+constexpr int kLineKilled = 142;
+constexpr int kLineExitCode = 146;
+
+} // namespace
+
+fsic_status run_cmd(const char *program, char *const argv[]) noexcept {
+  // Keeps a SIGCHLD handler of the host program from reaping the child first.
+  sigset_t block, previous;
+  sigemptyset(&block);
+  sigaddset(&block, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &block, &previous);
+
+  fsic_status status = FSIC_ERR_FAILED;
+  pid_t pid = fork();
+  if (pid == 0) {
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
+    execvp(program, argv);
+    _exit(127);
+  }
+  if (pid > 0) {
+    int wstatus;
+    pid_t waited;
+    do
+      waited = waitpid(pid, &wstatus, 0);
+    while (waited == -1 && errno == EINTR);
+
+    if (waited == -1) {
+      if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineWaitFailed, "ret = %d\n",
+               static_cast<int>(status));
+    } else if (!WIFEXITED(wstatus)) {
+      if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineKilled, "ret = %d\n",
+               static_cast<int>(status));
+    } else if (WEXITSTATUS(wstatus) != 0) {
+      if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineExitCode,
+               "exec '%s': error_code = %d\n", program, WEXITSTATUS(wstatus));
+    } else {
+      status = FSIC_OK;
+    }
+  }
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  return status;
+}
+
+fsic_status vmfs_mount(const char *devnode, const char *dir) noexcept {
+  char *const argv[] = {const_cast<char *>("vmfs-fuse"), const_cast<char *>(devnode),
+                        const_cast<char *>(dir), nullptr};
+  return run_cmd("vmfs-fuse", argv);
+}
+
+fsic_status vmfs_umount(const char *dir) noexcept {
+  char *const argv[] = {const_cast<char *>("umount"), const_cast<char *>(dir), nullptr};
+  return run_cmd("umount", argv);
+}
+
+} // namespace fsic
+
+namespace {
+
+// File systems that the mount system call cannot mount, with their own handlers.
+struct mount_entry {
+  const char *const *names;
+  fsic_status (*mount)(const char *devnode, const char *dir) noexcept;
+  fsic_status (*umount)(const char *dir) noexcept;
+};
+
+const char *const vmfs_names[] = {"vmfs", "VMFS_volume_member", nullptr};
+
+const mount_entry mount_entries[] = {
+    {vmfs_names, fsic::vmfs_mount, fsic::vmfs_umount},
+    {nullptr, nullptr, nullptr},
+};
+
+const mount_entry *find_mount_entry(const char *fs_type) noexcept {
+  for (const mount_entry *e = mount_entries; e->names; e++)
+    for (const char *const *name = e->names; *name; name++)
+      if (strcmp(*name, fs_type) == 0)
+        return e;
+  return nullptr;
+}
+
+// Read-only, without device nodes, execution or access-time updates, so that control
+// never changes what it controls.
+constexpr unsigned long kMountFlags = MS_RDONLY | MS_NODEV | MS_NOEXEC | MS_NOATIME;
+
+fsic_status mount_volume(const char *devnode, const char *dir, const char *fs_type) noexcept {
+  if (const mount_entry *e = find_mount_entry(fs_type))
+    return e->mount(devnode, dir);
+  return mount(devnode, dir, fs_type, kMountFlags, nullptr) == -1 ? FSIC_ERR_FAILED : FSIC_OK;
+}
+
+int umount_volume(const char *dir, const char *fs_type) noexcept {
+  if (const mount_entry *e = find_mount_entry(fs_type))
+    e->umount(dir);
+  return umount(dir);
+}
+
+// One hold on the list's base directory, created with the first hold.
+fsic_status get_base_mount_dir(fs_disk_list *list) noexcept {
+  if (list->base_dir_count < 1) {
+    struct timeval now;
+    struct tm local;
+    gettimeofday(&now, nullptr);
+    localtime_r(&now.tv_sec, &local);
+    char name[64];
+    snprintf(name, sizeof name, "/tmp/fs.%04d%02d%02d%02d%02d%02d%03d.%d", local.tm_year + 1900,
+             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()));
+    list->base_dir = strdup(name);
+    if (!list->base_dir)
+      return FSIC_ERR_NO_MEMORY;
+    if (mkdir(list->base_dir, 0755) != 0) {
+      free(list->base_dir);
+      list->base_dir = nullptr;
+      return FSIC_ERR_FAILED;
+    }
+  }
+  list->base_dir_count++;
+  return FSIC_OK;
+}
+
+void release_base_mount_dir(fs_disk_list *list) noexcept {
+  if (list->base_dir_count < 2) {
+    rmdir(list->base_dir);
+    free(list->base_dir);
+    list->base_dir = nullptr;
+  }
+  list->base_dir_count--;
+}
+
+} // namespace
+
+extern "C" fsic_status fs_volume_get_mount_point(fs_volume *volume,
+                                                 const char **mount_point) noexcept {
+  if (!volume->fs_type)
+    return FSIC_ERR_FAILED;
+  if (volume->mount_count > 0) {
+    volume->mount_count++;
+    *mount_point = volume->mount_point;
+    return FSIC_OK;
+  }
+
+  fs_disk_list *list = volume->ops->get_disk_list(volume);
+  fsic_status status = get_base_mount_dir(list);
+  if (status != FSIC_OK)
+    return status;
+
+  const char *slash = strrchr(volume->syspath, '/');
+  char dir[64]; // a longer name is cut, as the directory names are short by nature
+  snprintf(dir, sizeof dir, "%s/%s", list->base_dir, slash ? slash + 1 : volume->syspath);
+  volume->mount_point = strdup(dir);
+  if (!volume->mount_point) {
+    status = FSIC_ERR_NO_MEMORY;
+  } else if (mkdir(volume->mount_point, 0755) != 0) {
+    status = FSIC_ERR_FAILED;
+  } else {
+    status = mount_volume(volume->devnode, volume->mount_point, volume->fs_type);
+    if (status != FSIC_OK)
+      rmdir(volume->mount_point);
+  }
+  if (status != FSIC_OK) {
+    free(volume->mount_point);
+    volume->mount_point = nullptr;
+    release_base_mount_dir(list);
+    return status;
+  }
+  volume->mount_count++;
+  *mount_point = volume->mount_point;
+  return FSIC_OK;
+}
+
+extern "C" void _fs_volume_release_mount_point(fs_volume *volume) noexcept {
+  umount_volume(volume->mount_point, volume->fs_type);
+  rmdir(volume->mount_point);
+  free(volume->mount_point);
+  volume->mount_point = nullptr;
+  release_base_mount_dir(volume->ops->get_disk_list(volume));
+}
+
+extern "C" fsic_status fs_volume_release_mount_point(fs_volume *volume) noexcept {
+  // Releasing a volume that is not held would drive the counts negative and unmount
+  // nothing: leave it alone.
+  if (volume->mount_count <= 0)
+    return FSIC_OK;
+  if (volume->mount_count < 2)
+    _fs_volume_release_mount_point(volume);
+  volume->mount_count--;
+  return FSIC_OK;
+}

@@ -1,0 +1,701 @@
+// Mount points of volumes against real ext4 images on real loop devices (root).
+//
+// Each test makes sparse ext4 images (filled with mkfs.ext4 -d), attaches them to loop
+// devices and builds its own disk list with hand-made partition records whose device
+// node is the loop device. Whatever a test makes (mounts, loop devices, images, base
+// directories of this process under /tmp) is taken down by the fixture, also when an
+// assertion fails half-way.
+#include <fsic/mount.h>
+
+#include "fs/mount_internal.h"
+#include "host_helpers.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using host::exists;
+using host::find_mount;
+using host::test_disk_list;
+using host::test_volume;
+
+const std::string kHello = "hello from the image\n";
+
+std::string data_bytes() {
+  std::string s;
+  for (int i = 0; i < 70000; ++i) s.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
+  return s;
+}
+
+// "YYYYMMDDhhmmssmmm" of a time of day in local time.
+std::string stamp_of(const timeval &tv) {
+  tm local{};
+  localtime_r(&tv.tv_sec, &local);
+  char buf[64];
+  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%03d", local.tm_year + 1900,
+           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+           static_cast<int>(tv.tv_usec / 1000));
+  return buf;
+}
+
+std::string parent_of(const std::string &path) { return path.substr(0, path.rfind('/')); }
+
+int count_mounts_at(const std::string &dir) {
+  int n = 0;
+  for (const auto &m : host::read_mountinfo())
+    if (m.mount_point == dir) ++n;
+  return n;
+}
+
+int count_mounts_of(const std::string &source) {
+  int n = 0;
+  for (const auto &m : host::read_mountinfo())
+    if (m.source == source) ++n;
+  return n;
+}
+
+// Sets TZ (and umask) for the length of a scope.
+class tz_scope {
+public:
+  explicit tz_scope(const char *tz) {
+    if (const char *old = getenv("TZ")) old_ = old;
+    setenv("TZ", tz, 1);
+    tzset();
+  }
+  ~tz_scope() {
+    if (old_)
+      setenv("TZ", old_->c_str(), 1);
+    else
+      unsetenv("TZ");
+    tzset();
+  }
+
+private:
+  std::optional<std::string> old_;
+};
+
+class umask_scope {
+public:
+  explicit umask_scope(mode_t m) : old_(umask(m)) {}
+  ~umask_scope() { umask(old_); }
+
+private:
+  mode_t old_;
+};
+
+class MountTest : public ::testing::Test {
+public:  // also used by the sandbox test below
+  void SetUp() override {
+    ASSERT_TRUE(work_.ok());
+    const std::string src = work_ / "src";
+    ASSERT_EQ(mkdir(src.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((src + "/sub").c_str(), 0755), 0);
+    ASSERT_TRUE(host::write_text(src + "/hello.txt", kHello));
+    ASSERT_TRUE(host::write_text(src + "/sub/data.bin", data_bytes()));
+    ASSERT_TRUE(host::write_text(src + "/run.sh", "#!/bin/sh\nexit 0\n", 0755));
+    ASSERT_EQ(mknod((src + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0)
+        << strerror(errno);
+  }
+
+  ~MountTest() override {
+    // Mounts and base directories first, then the loop devices under them, then the
+    // images (with the work directory).
+    guard_.clean();
+    host::detach_mounts_below(work_.path());
+    for (const auto &loop : loops_) {
+      for (const auto &m : host::read_mountinfo())
+        if (m.source == loop) umount2(m.mount_point.c_str(), MNT_DETACH);
+      host::run({"losetup", "-d", loop});
+    }
+  }
+
+  // A new ext4 image with the source tree, attached to a free loop device; returns the
+  // loop device's node ("" after a failed assertion).
+  std::string attach_image() {
+    const std::string image = work_ / ("disk" + std::to_string(loops_.size()) + ".img");
+    {
+      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+      EXPECT_GE(fd, 0);
+      if (fd < 0) return "";
+      EXPECT_EQ(ftruncate(fd, 16 << 20), 0);
+      close(fd);
+    }
+    const auto mk = host::run({"mkfs.ext4", "-q", "-F", "-d", work_ / "src", image});
+    EXPECT_EQ(mk.status, 0) << mk.describe();
+    if (mk.status != 0) return "";
+    const auto lo = host::run({"losetup", "-f", "--show", image});
+    EXPECT_EQ(lo.status, 0) << lo.describe();
+    std::string dev = lo.out.substr(0, lo.out.find('\n'));
+    if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0) {
+      ADD_FAILURE() << "no loop device: " << lo.describe();
+      return "";
+    }
+    loops_.push_back(dev);
+    return dev;
+  }
+
+  // The canonical sysfs path of a block device node ("/sys/devices/virtual/block/loopN").
+  static std::string syspath_of(const std::string &devnode) {
+    const std::string name = devnode.substr(devnode.rfind('/') + 1);
+    std::error_code ec;
+    auto p = std::filesystem::canonical("/sys/class/block/" + name, ec);
+    return ec ? "/sys/devices/virtual/block/" + name : p.string();
+  }
+
+  // A partition record of `list` for the loop device.
+  std::unique_ptr<test_volume> make_volume(test_disk_list &list, const std::string &devnode,
+                                           std::optional<std::string> fs_type = "ext4") {
+    return std::make_unique<test_volume>(list, devnode, std::move(fs_type),
+                                         syspath_of(devnode));
+  }
+
+  // Frees what the library still owns in the records (after a failed assertion), so that
+  // a failure shows as one and not also as a leak.
+  struct owned_texts {
+    std::vector<test_volume *> volumes;
+    test_disk_list *list = nullptr;
+    ~owned_texts() {
+      for (auto *v : volumes) {
+        free(v->part.volume.mount_point);
+        v->part.volume.mount_point = nullptr;
+      }
+      if (list) {
+        free(list->list.base_dir);
+        list->list.base_dir = nullptr;
+      }
+    }
+  };
+
+  host::base_dir_guard guard_;
+  host::temp_dir work_{"fsic-mount-test"};
+  std::vector<std::string> loops_;
+};
+
+// ---- holds --------------------------------------------------------------------------
+
+TEST_F(MountTest, TwoHoldsShareOneDirectoryAndTheLastReleaseRemovesIt) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *first = nullptr, *second = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &first), FSIC_OK);
+  ASSERT_NE(first, nullptr);
+  const std::string dir = first;
+  const std::string base = parent_of(dir);
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &second), FSIC_OK);
+  EXPECT_EQ(second, first);  // the same text, owned by the volume
+  EXPECT_EQ(vol->volume()->mount_count, 2);
+  EXPECT_EQ(list.list.base_dir_count, 1);
+  ASSERT_NE(list.list.base_dir, nullptr);
+  EXPECT_EQ(std::string(list.list.base_dir), base);
+  EXPECT_EQ(count_mounts_at(dir), 1) << "the second hold must not mount again";
+  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
+
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_EQ(vol->volume()->mount_count, 1);
+  ASSERT_NE(vol->volume()->mount_point, nullptr);
+  EXPECT_EQ(std::string(vol->volume()->mount_point), dir);
+  EXPECT_EQ(count_mounts_at(dir), 1) << "still held once";
+  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
+  EXPECT_EQ(list.list.base_dir_count, 1);
+
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_EQ(vol->volume()->mount_count, 0);
+  EXPECT_EQ(vol->volume()->mount_point, nullptr);
+  EXPECT_EQ(count_mounts_at(dir), 0);
+  EXPECT_EQ(count_mounts_of(dev), 0);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(exists(base));
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+  EXPECT_TRUE(guard_.made_since().empty());
+}
+
+TEST_F(MountTest, TwoVolumesOfOneListShareTheBaseDirectory) {
+  const std::string dev_a = attach_image();
+  const std::string dev_b = attach_image();
+  ASSERT_FALSE(dev_a.empty());
+  ASSERT_FALSE(dev_b.empty());
+  ASSERT_NE(dev_a, dev_b);
+  test_disk_list list;
+  auto a = make_volume(list, dev_a);
+  auto b = make_volume(list, dev_b);
+  owned_texts owned{{a.get(), b.get()}, &list};
+
+  const char *mp_a = nullptr, *mp_b = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
+  const std::string base = list.list.base_dir;
+  ASSERT_EQ(fs_volume_get_mount_point(b->volume(), &mp_b), FSIC_OK);
+  const std::string dir_a = mp_a, dir_b = mp_b;
+  EXPECT_NE(dir_a, dir_b);
+  EXPECT_EQ(parent_of(dir_a), base);
+  EXPECT_EQ(parent_of(dir_b), base);
+  EXPECT_EQ(std::string(list.list.base_dir), base) << "one base directory per list";
+  EXPECT_EQ(list.list.base_dir_count, 2);
+  EXPECT_EQ(guard_.made_since().size(), 1u);
+  auto ma = find_mount(dir_a), mb = find_mount(dir_b);
+  ASSERT_TRUE(ma && mb);
+  EXPECT_EQ(ma->source, dev_a);
+  EXPECT_EQ(mb->source, dev_b);
+
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_EQ(count_mounts_at(dir_a), 0);
+  EXPECT_FALSE(exists(dir_a));
+  EXPECT_TRUE(exists(base)) << "the other volume still lives in it";
+  EXPECT_EQ(list.list.base_dir_count, 1);
+  ASSERT_NE(list.list.base_dir, nullptr);
+  EXPECT_EQ(std::string(list.list.base_dir), base);
+  EXPECT_EQ(count_mounts_at(dir_b), 1);
+  EXPECT_EQ(host::read_text(dir_b + "/hello.txt"), kHello);
+
+  EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
+  EXPECT_EQ(count_mounts_at(dir_b), 0);
+  EXPECT_FALSE(exists(dir_b));
+  EXPECT_FALSE(exists(base));
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+}
+
+TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
+  const std::string dev_a = attach_image();
+  const std::string dev_b = attach_image();
+  ASSERT_FALSE(dev_a.empty());
+  ASSERT_FALSE(dev_b.empty());
+  test_disk_list list_a, list_b;
+  auto a = make_volume(list_a, dev_a);
+  auto b = make_volume(list_b, dev_b);
+  owned_texts owned_a{{a.get()}, &list_a}, owned_b{{b.get()}, &list_b};
+
+  const char *mp_a = nullptr, *mp_b = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
+  // Two lists made in the same millisecond would get the same name: step past it.
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(fs_volume_get_mount_point(b->volume(), &mp_b), FSIC_OK);
+  const std::string base_a = list_a.list.base_dir, base_b = list_b.list.base_dir;
+  EXPECT_NE(base_a, base_b);
+  EXPECT_EQ(list_a.list.base_dir_count, 1);
+  EXPECT_EQ(list_b.list.base_dir_count, 1);
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base_a));
+  EXPECT_TRUE(exists(base_b));
+  EXPECT_EQ(host::read_text(std::string(mp_b) + "/hello.txt"), kHello);
+  EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base_b));
+}
+
+// ---- names and modes ----------------------------------------------------------------
+
+TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+  // A zone far from UTC (5:30 ahead, no daylight saving), so that a name in UTC or in
+  // the host's zone would not fall between the bounds taken below.
+  tz_scope tz("FSIC-5:30");
+  // With no umask, the modes seen are exactly the ones the directories are made with.
+  umask_scope no_umask(0);
+
+  timeval before{}, after{};
+  gettimeofday(&before, nullptr);
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  gettimeofday(&after, nullptr);
+  const std::string dir = mp;
+  const std::string base = list.list.base_dir;
+
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(base, m, std::regex(R"(/tmp/fs\.([0-9]{17})\.([0-9]+))")))
+      << base;
+  const std::string stamp = m[1];
+  EXPECT_EQ(m[2].str(), std::to_string(getpid()));
+  EXPECT_LE(stamp_of(before), stamp) << "local time before the call: " << stamp_of(before);
+  EXPECT_GE(stamp_of(after), stamp) << "local time after the call: " << stamp_of(after);
+  // The fields are in range (month 1-12, day 1-31, hour < 24, ...).
+  const int month = std::stoi(stamp.substr(4, 2)), day = std::stoi(stamp.substr(6, 2));
+  EXPECT_TRUE(month >= 1 && month <= 12) << stamp;
+  EXPECT_TRUE(day >= 1 && day <= 31) << stamp;
+  EXPECT_LT(std::stoi(stamp.substr(8, 2)), 24);
+  EXPECT_LT(std::stoi(stamp.substr(10, 2)), 60);
+  EXPECT_LT(std::stoi(stamp.substr(12, 2)), 61);
+
+  const std::string last = vol->syspath.substr(vol->syspath.rfind('/') + 1);
+  EXPECT_EQ(last, dev.substr(dev.rfind('/') + 1));
+  EXPECT_EQ(dir, base + "/" + last);
+
+  struct stat st_base {}, st_dir {};
+  ASSERT_EQ(stat(base.c_str(), &st_base), 0);
+  EXPECT_TRUE(S_ISDIR(st_base.st_mode));
+  EXPECT_EQ(st_base.st_mode & 07777, 0755u);
+  ASSERT_EQ(stat(dir.c_str(), &st_dir), 0);
+  EXPECT_NE(st_dir.st_dev, st_base.st_dev) << "the volume is mounted on it";
+
+  // The directory under the mount, seen through a bind mount of the base directory
+  // (a non-recursive bind does not carry the volume's mount along).
+  const std::string peek = work_ / "peek";
+  ASSERT_EQ(mkdir(peek.c_str(), 0700), 0);
+  ASSERT_EQ(mount(base.c_str(), peek.c_str(), nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+  struct stat st_under {};
+  const int under = stat((peek + "/" + last).c_str(), &st_under);
+  umount2(peek.c_str(), MNT_DETACH);
+  ASSERT_EQ(under, 0);
+  EXPECT_TRUE(S_ISDIR(st_under.st_mode));
+  EXPECT_EQ(st_under.st_mode & 07777, 0755u);
+  EXPECT_EQ(st_under.st_dev, st_base.st_dev);
+
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(exists(base));
+}
+
+TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = std::make_unique<test_volume>(list, dev, "ext4",
+                                           "/sys/devices/virtual/block/" + std::string(60, 'v'));
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string base = list.list.base_dir;
+  const std::string expected = (base + "/" + std::string(60, 'v')).substr(0, 63);
+  EXPECT_EQ(std::string(mp), expected);
+  EXPECT_EQ(count_mounts_at(expected), 1);
+  EXPECT_EQ(host::read_text(expected + "/hello.txt"), kHello);
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(expected));
+  EXPECT_FALSE(exists(base));
+}
+
+// ---- what the mount allows ----------------------------------------------------------
+
+TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string dir = mp;
+
+  const auto line = find_mount(dir);
+  ASSERT_TRUE(line) << "no line for " << dir << " in /proc/self/mountinfo";
+  EXPECT_EQ(line->fs_type, "ext4");
+  EXPECT_EQ(line->source, dev);
+  const auto opts = host::split_options(line->options);
+  for (const char *o : {"ro", "nodev", "noexec", "noatime"})
+    EXPECT_TRUE(opts.count(o)) << o << " missing from " << line->options;
+  EXPECT_FALSE(opts.count("rw")) << line->options;
+  EXPECT_FALSE(opts.count("nosuid")) << "nosuid is deliberately not asked for: "
+                                     << line->options;
+  EXPECT_TRUE(host::split_options(line->super_options).count("ro")) << line->super_options;
+
+  // The files are there and readable.
+  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
+  EXPECT_EQ(host::read_text(dir + "/sub/data.bin"), data_bytes());
+
+  // Nothing can be written.
+  errno = 0;
+  const int fd = open((dir + "/new.txt").c_str(), O_CREAT | O_WRONLY, 0644);
+  EXPECT_EQ(fd, -1);
+  EXPECT_EQ(errno, EROFS);
+  if (fd >= 0) close(fd);
+  errno = 0;
+  EXPECT_EQ(open((dir + "/hello.txt").c_str(), O_WRONLY), -1);
+  EXPECT_EQ(errno, EROFS);
+
+  // An executable file cannot be run.
+  struct stat st {};
+  ASSERT_EQ(stat((dir + "/run.sh").c_str(), &st), 0);
+  ASSERT_NE(st.st_mode & 0111, 0u) << "the script is executable on the image";
+  const std::string script = dir + "/run.sh";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    char *const argv[] = {const_cast<char *>(script.c_str()), nullptr};
+    execv(script.c_str(), argv);
+    _exit(errno == EACCES ? 42 : 43);
+  }
+  ASSERT_GT(pid, 0);
+  int wstatus = 0;
+  ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
+  ASSERT_TRUE(WIFEXITED(wstatus));
+  EXPECT_EQ(WEXITSTATUS(wstatus), 42) << "exec must fail with EACCES (noexec)";
+
+  // A device node on it cannot be opened.
+  ASSERT_EQ(stat((dir + "/null").c_str(), &st), 0);
+  ASSERT_TRUE(S_ISCHR(st.st_mode));
+  errno = 0;
+  const int dfd = open((dir + "/null").c_str(), O_RDONLY);
+  EXPECT_EQ(dfd, -1);
+  EXPECT_EQ(errno, EACCES) << "device nodes must not work (nodev)";
+  if (dfd >= 0) close(dfd);
+
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_EQ(count_mounts_of(dev), 0);
+}
+
+// ---- failures -----------------------------------------------------------------------
+
+TEST_F(MountTest, AFailedMountLeavesNoDirectoryBehind) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  struct failing {
+    std::string devnode;
+    std::string fs_type;
+  };
+  const failing cases[] = {
+      {dev, "xfs"},                          // another file system's type
+      {dev, "vfat"},                         // another type again (or one the kernel lacks)
+      {dev, "no-such-fs"},                   // no such type at all
+      {"/dev/fsic-no-such-device", "ext4"},  // no device node
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.devnode + " as " + c.fs_type);
+    test_disk_list list;
+    auto vol = std::make_unique<test_volume>(list, c.devnode, c.fs_type, syspath_of(dev));
+    owned_texts owned{{vol.get()}, &list};
+    const auto before = host::own_base_dirs();
+
+    const char *mp = reinterpret_cast<const char *>(&list);  // must stay untouched
+    EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
+    EXPECT_EQ(mp, reinterpret_cast<const char *>(&list));
+    EXPECT_EQ(vol->volume()->mount_count, 0);
+    EXPECT_EQ(vol->volume()->mount_point, nullptr);
+    EXPECT_EQ(list.list.base_dir_count, 0);
+    EXPECT_EQ(list.list.base_dir, nullptr);
+    EXPECT_EQ(host::own_base_dirs(), before) << "no base directory may be left behind";
+    EXPECT_EQ(count_mounts_of(dev), 0);
+  }
+}
+
+TEST_F(MountTest, AFailedMountKeepsTheOtherHoldsOfTheList) {
+  const std::string dev_a = attach_image();
+  const std::string dev_b = attach_image();
+  ASSERT_FALSE(dev_a.empty());
+  ASSERT_FALSE(dev_b.empty());
+  test_disk_list list;
+  auto a = make_volume(list, dev_a);
+  auto b = make_volume(list, dev_b, "xfs");
+  owned_texts owned{{a.get(), b.get()}, &list};
+
+  const char *mp_a = nullptr, *mp_b = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
+  const std::string base = list.list.base_dir;
+  EXPECT_EQ(fs_volume_get_mount_point(b->volume(), &mp_b), FSIC_ERR_FAILED);
+  EXPECT_EQ(mp_b, nullptr);
+  EXPECT_EQ(b->volume()->mount_point, nullptr);
+  EXPECT_EQ(b->volume()->mount_count, 0);
+  const std::string dir_b = base + "/" + b->syspath.substr(b->syspath.rfind('/') + 1);
+  EXPECT_FALSE(exists(dir_b)) << "the failed volume's directory is removed again";
+  EXPECT_TRUE(exists(base));
+  EXPECT_EQ(list.list.base_dir_count, 1);
+  ASSERT_NE(list.list.base_dir, nullptr);
+  EXPECT_EQ(std::string(list.list.base_dir), base);
+  EXPECT_EQ(host::read_text(std::string(mp_a) + "/hello.txt"), kHello);
+
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base));
+  EXPECT_EQ(list.list.base_dir_count, 0);
+}
+
+TEST_F(MountTest, AVolumeWithoutFileSystemTypeFailsAndMakesNothing) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev, std::nullopt);
+  owned_texts owned{{vol.get()}, &list};
+  const auto before = host::own_base_dirs();
+
+  const char *mp = nullptr;
+  EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
+  EXPECT_EQ(mp, nullptr);
+  EXPECT_EQ(vol->volume()->mount_count, 0);
+  EXPECT_EQ(vol->volume()->mount_point, nullptr);
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+  EXPECT_EQ(host::own_base_dirs(), before);
+  EXPECT_EQ(count_mounts_of(dev), 0);
+}
+
+// ---- release ------------------------------------------------------------------------
+
+TEST_F(MountTest, ReleasingAVolumeThatIsNotHeldChangesNothing) {
+  const std::string dev_a = attach_image();
+  const std::string dev_b = attach_image();
+  ASSERT_FALSE(dev_a.empty());
+  ASSERT_FALSE(dev_b.empty());
+  test_disk_list list;
+  auto a = make_volume(list, dev_a);
+  auto b = make_volume(list, dev_b);
+  owned_texts owned{{a.get(), b.get()}, &list};
+
+  // Nothing held at all.
+  EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
+  EXPECT_EQ(b->volume()->mount_count, 0);
+  EXPECT_EQ(b->volume()->mount_point, nullptr);
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+  EXPECT_TRUE(guard_.made_since().empty());
+
+  // Another volume of the list held: its mount and the base directory stay.
+  const char *mp_a = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
+  const std::string dir_a = mp_a, base = list.list.base_dir;
+  EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
+  EXPECT_EQ(b->volume()->mount_count, 0);
+  EXPECT_EQ(b->volume()->mount_point, nullptr);
+  EXPECT_EQ(list.list.base_dir_count, 1);
+  ASSERT_NE(list.list.base_dir, nullptr);
+  EXPECT_EQ(std::string(list.list.base_dir), base);
+  EXPECT_TRUE(exists(base));
+  EXPECT_EQ(count_mounts_at(dir_a), 1);
+
+  // A held volume released once too often.
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base));
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_EQ(a->volume()->mount_count, 0);
+  EXPECT_EQ(list.list.base_dir_count, 0);
+
+  // The counts are still right: a new hold mounts again and its release takes it down.
+  const char *again = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &again), FSIC_OK);
+  EXPECT_EQ(a->volume()->mount_count, 1);
+  EXPECT_EQ(list.list.base_dir_count, 1);
+  const std::string base2 = list.list.base_dir;
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base2));
+  EXPECT_EQ(list.list.base_dir_count, 0);
+}
+
+TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string base1 = list.list.base_dir;
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base1));
+
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a later millisecond
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string base2 = list.list.base_dir;
+  EXPECT_NE(base2, base1) << "the name is made anew";
+  EXPECT_TRUE(exists(base2));
+  EXPECT_FALSE(exists(base1));
+  EXPECT_EQ(std::string(mp), base2 + "/" + dev.substr(dev.rfind('/') + 1));
+  EXPECT_EQ(host::read_text(std::string(mp) + "/hello.txt"), kHello);
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  EXPECT_FALSE(exists(base2));
+  EXPECT_TRUE(guard_.made_since().empty());
+}
+
+TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string dir = mp, base = list.list.base_dir;
+  const int fd = open((dir + "/hello.txt").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK) << "release never fails";
+  close(fd);
+  EXPECT_EQ(vol->volume()->mount_count, 0);
+  EXPECT_EQ(vol->volume()->mount_point, nullptr);
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+  EXPECT_EQ(count_mounts_at(dir), 1) << "umount failed (busy), so it stays mounted";
+  EXPECT_TRUE(exists(base));
+  // The fixture detaches it and removes the directories.
+}
+
+TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
+  const std::string dev = attach_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list;
+  auto vol = make_volume(list, dev);
+  owned_texts owned{{vol.get()}, &list};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string dir = mp, base = list.list.base_dir;
+  _fs_volume_release_mount_point(vol->volume());
+  EXPECT_EQ(vol->volume()->mount_count, 2) << "the count is left to the caller";
+  EXPECT_EQ(vol->volume()->mount_point, nullptr);
+  EXPECT_EQ(count_mounts_at(dir), 0);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(exists(base));
+  EXPECT_EQ(list.list.base_dir_count, 0);
+  EXPECT_EQ(list.list.base_dir, nullptr);
+  vol->volume()->mount_count = 0;  // as a destroyed record would be
+}
+
+// The fixture itself: after a test that fails half-way (simulated here by leaving a
+// volume mounted and held), nothing of it is left on the host.
+TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
+  std::string dev, image, base, dir;
+  {
+    struct abandoned : MountTest {
+      void TestBody() override {}
+    } t;
+    t.SetUp();
+    ASSERT_FALSE(::testing::Test::HasFatalFailure());
+    dev = t.attach_image();
+    ASSERT_FALSE(dev.empty());
+    image = t.work_.path();
+    test_disk_list list;
+    auto vol = t.make_volume(list, dev);
+    const char *mp = nullptr;
+    ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+    dir = mp;
+    base = list.list.base_dir;
+    free(vol->volume()->mount_point);  // the records are dropped while still held
+    free(list.list.base_dir);
+    EXPECT_EQ(count_mounts_at(dir), 1);
+  }
+  EXPECT_EQ(count_mounts_at(dir), 0);
+  EXPECT_EQ(count_mounts_of(dev), 0);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(exists(base));
+  EXPECT_FALSE(exists(image));
+  const auto lo = host::run({"losetup", "-a"});
+  EXPECT_EQ(lo.out.find(image), std::string::npos) << lo.out;
+}
+
+}  // namespace
