@@ -4,11 +4,14 @@
 #define FSIC_FSIC_H
 
 #include <fsic/defs.h>
+#include <fsic/disk_list.h>
+#include <fsic/volume_id.h>
 #include <fsic/buffer.h>
 #include <fsic/gost_r3411_94.h>
 #include <fsic/list.h>
 #include <fsic/log.h>
 #include <fsic/mount.h>
+#include <fsic/ocl.h>
 #include <fsic/rbtree.h>
 #include <fsic/util.h>
 

@@ -1,0 +1,465 @@
+/* Blob format of the object control list: the object count, then each object (type,
+ * path, body) in path order. Integers are little-endian, strings a u16 length and
+ * their bytes. File bodies start with the flags; directory bodies with the masks. */
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <fsic/buffer.h>
+#include <fsic/ocl.h>
+#include <fsic/util.h>
+
+#include "fs/ocl_internal.h"
+
+#define TRY(expr)                     \
+  do {                                \
+    fsic_status try_status_ = (expr); \
+    if (try_status_ != FSIC_OK)       \
+      return try_status_;             \
+  } while (0)
+
+/* ---- writing ---- */
+
+static fsic_status write_file_attrs(wb *buf, const fs_ocl_file_attrs *attrs) noexcept {
+  TRY(wb_write_uint32(buf, attrs->mode));
+  TRY(wb_write_uint16(buf, attrs->uid));
+  TRY(wb_write_uint16(buf, attrs->gid));
+  TRY(wb_write_uint32(buf, attrs->size));
+  return wb_write_uint32(buf, attrs->mtime);
+}
+
+static fsic_status write_dir_attrs(wb *buf, const fs_ocl_dir_attrs *attrs) noexcept {
+  TRY(wb_write_uint32(buf, attrs->mode));
+  TRY(wb_write_uint16(buf, attrs->uid));
+  return wb_write_uint16(buf, attrs->gid);
+}
+
+/* Null masks are written as count 0. The count field has 16 bits: exactly as many
+ * masks as it says are written, so the blob stays readable in any case. */
+static fsic_status write_masks(wb *buf, char *const *masks) noexcept {
+  uint16_t count = masks ? (uint16_t)ic_str_zarray_len(masks) : 0;
+  TRY(wb_write_uint16(buf, count));
+  for (uint16_t i = 0; i < count; i++)
+    TRY(wb_write_str(buf, masks[i]));
+  return FSIC_OK;
+}
+
+/* One directory level: its subdirectories (each fully, depth first, attributes after
+ * the info), then its files. The flags are the owning object's. */
+static fsic_status write_dir_info(wb *buf, const fs_ocl_dir_info *info, uint32_t flags) noexcept {
+  TRY(wb_write_uint32(buf, (uint32_t)info->subdir_count));
+  for (int32_t i = 0; i < info->subdir_count; i++) {
+    TRY(wb_write_str(buf, info->subdir_names[i]));
+    TRY(write_dir_info(buf, info->subdir_infos[i], flags));
+    if (flags & CONTROL_ATTRS)
+      TRY(write_dir_attrs(buf, &info->subdir_attrs[i]));
+  }
+  TRY(wb_write_uint32(buf, (uint32_t)info->file_count));
+  for (int32_t i = 0; i < info->file_count; i++) {
+    TRY(wb_write_str(buf, info->file_names[i]));
+    if (flags & CONTROL_DATA)
+      TRY(wb_write(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
+    if (flags & CONTROL_ATTRS)
+      TRY(write_file_attrs(buf, &info->file_attrs[i]));
+  }
+  return FSIC_OK;
+}
+
+static fsic_status write_file_object(wb *buf, const fs_ocl_file_object *obj) noexcept {
+  uint32_t flags = obj->head.flags;
+  TRY(wb_write_uint16(buf, (uint16_t)flags));
+  if (flags & CONTROL_DATA)
+    TRY(wb_write(buf, obj->hash, FS_OCL_HASH_SIZE));
+  if (flags & CONTROL_ATTRS)
+    TRY(write_file_attrs(buf, obj->attrs));
+  return FSIC_OK;
+}
+
+static fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexcept {
+  uint32_t flags = obj->head.flags;
+  TRY(write_masks(buf, obj->masks));
+  TRY(wb_write_uint16(buf, (uint16_t)flags));
+  if (flags & EACH_FILE) {
+    TRY(write_dir_info(buf, obj->info, flags));
+    if (flags & CONTROL_ATTRS)
+      TRY(write_dir_attrs(buf, obj->attrs));
+    return FSIC_OK;
+  }
+  return wb_write(buf, obj->hash, FS_OCL_HASH_SIZE);
+}
+
+static fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
+  if (obj->type != FS_OCL_FILE && obj->type != FS_OCL_DIR)
+    return FSIC_ERR_FAILED;
+  TRY(wb_write_uint16(buf, (uint16_t)obj->type));
+  TRY(wb_write_str(buf, obj->path));
+  if (obj->type == FS_OCL_FILE)
+    return write_file_object(buf, reinterpret_cast<const fs_ocl_file_object *>(obj));
+  return write_dir_object(buf, reinterpret_cast<const fs_ocl_dir_object *>(obj));
+}
+
+/* ---- reading ---- */
+
+/* `count` elements of `size` bytes, or NULL when that cannot be had (including a
+ * product that size_t cannot hold, as on 32-bit targets). */
+static void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
+  if (count > SIZE_MAX / size)
+    return NULL;
+  return zero ? calloc(count, size) : malloc((size_t)count * size);
+}
+
+/* An owned NUL-terminated copy of a (pointer, length) string of the blob. */
+static fsic_status alloc_str(const char *view, uint16_t len, char **out) noexcept {
+  char *copy = static_cast<char *>(malloc((size_t)len + 1));
+  if (!copy)
+    return FSIC_ERR_NO_MEMORY;
+  memcpy(copy, view, len);
+  copy[len] = '\0';
+  *out = copy;
+  return FSIC_OK;
+}
+
+static fsic_status read_zstr(rb *buf, char **out) noexcept {
+  const char *view;
+  uint16_t len;
+  TRY(rb_read_str(buf, &view, &len));
+  return alloc_str(view, len, out);
+}
+
+static fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
+  TRY(rb_read_uint32(buf, &attrs->mode));
+  TRY(rb_read_uint16(buf, &attrs->uid));
+  TRY(rb_read_uint16(buf, &attrs->gid));
+  TRY(rb_read_uint32(buf, &attrs->size));
+  return rb_read_uint32(buf, &attrs->mtime);
+}
+
+static fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
+  TRY(rb_read_uint32(buf, &attrs->mode));
+  TRY(rb_read_uint16(buf, &attrs->uid));
+  return rb_read_uint16(buf, &attrs->gid);
+}
+
+static fsic_status read_and_alloc_file_attrs(rb *buf, fs_ocl_file_attrs **out) noexcept {
+  fs_ocl_file_attrs *attrs = static_cast<fs_ocl_file_attrs *>(malloc(sizeof(*attrs)));
+  if (!attrs)
+    return FSIC_ERR_NO_MEMORY;
+  fsic_status status = read_file_attrs(buf, attrs);
+  if (status != FSIC_OK) {
+    free(attrs);
+    return status;
+  }
+  *out = attrs;
+  return FSIC_OK;
+}
+
+static fsic_status read_and_alloc_dir_attrs(rb *buf, fs_ocl_dir_attrs **out) noexcept {
+  fs_ocl_dir_attrs *attrs = static_cast<fs_ocl_dir_attrs *>(malloc(sizeof(*attrs)));
+  if (!attrs)
+    return FSIC_ERR_NO_MEMORY;
+  fsic_status status = read_dir_attrs(buf, attrs);
+  if (status != FSIC_OK) {
+    free(attrs);
+    return status;
+  }
+  *out = attrs;
+  return FSIC_OK;
+}
+
+static fsic_status read_and_alloc_hash(rb *buf, uint8_t **out) noexcept {
+  uint8_t *hash = static_cast<uint8_t *>(malloc(FS_OCL_HASH_SIZE));
+  if (!hash)
+    return FSIC_ERR_NO_MEMORY;
+  fsic_status status = rb_read(buf, hash, FS_OCL_HASH_SIZE);
+  if (status != FSIC_OK) {
+    free(hash);
+    return status;
+  }
+  *out = hash;
+  return FSIC_OK;
+}
+
+/* Count 0 gives null masks; otherwise a NULL-terminated array of copies. */
+static fsic_status read_masks(rb *buf, char ***out) noexcept {
+  uint16_t count;
+  TRY(rb_read_uint16(buf, &count));
+  if (count == 0) {
+    *out = NULL;
+    return FSIC_OK;
+  }
+  char **masks = static_cast<char **>(calloc((size_t)count + 1, sizeof(char *)));
+  if (!masks)
+    return FSIC_ERR_NO_MEMORY;
+  for (uint16_t i = 0; i < count; i++) {
+    fsic_status status = read_zstr(buf, &masks[i]);
+    if (status != FSIC_OK) {
+      /* The entries are filled in order, so the array is NULL-terminated here. */
+      ic_str_zarray_destroy(masks);
+      return status;
+    }
+  }
+  *out = masks;
+  return FSIC_OK;
+}
+
+/* Frees an info tree that may be only partly read: the counts say how many names
+ * were read, and an entry after a name may still be missing. */
+static void free_read_info(fs_ocl_dir_info *info) noexcept {
+  if (!info)
+    return;
+  if (info->subdir_names)
+    for (int32_t i = 0; i < info->subdir_count; i++)
+      free(info->subdir_names[i]);
+  if (info->subdir_infos)
+    for (int32_t i = 0; i < info->subdir_count; i++)
+      free_read_info(info->subdir_infos[i]);
+  if (info->file_names)
+    for (int32_t i = 0; i < info->file_count; i++)
+      free(info->file_names[i]);
+  free(info->subdir_names);
+  free(info->subdir_infos);
+  free(info->subdir_attrs);
+  free(info->file_names);
+  free(info->file_hashes);
+  free(info->file_attrs);
+  free(info);
+}
+
+/* A count read from the blob; the record holds it as a signed 32-bit number, so a
+ * larger one cannot be held (as its arrays cannot be allocated). */
+static fsic_status read_count(rb *buf, int32_t *out) noexcept {
+  uint32_t count;
+  TRY(rb_read_uint32(buf, &count));
+  if (count > (uint32_t)INT32_MAX)
+    return FSIC_ERR_NO_MEMORY;
+  *out = (int32_t)count;
+  return FSIC_OK;
+}
+
+static fsic_status read_dir_info(rb *buf, uint32_t flags, fs_ocl_dir_info **out) noexcept;
+
+/* The counts grow as entries are read, so that a failure part-way frees (and touches)
+ * only what was read; a huge count costs no more than the blob that backs it. */
+static fsic_status read_subdirs(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
+  int32_t total;
+  TRY(read_count(buf, &total));
+  uint32_t count = (uint32_t)total;
+  if (count == 0)
+    return FSIC_OK;
+  info->subdir_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));
+  info->subdir_infos =
+      static_cast<fs_ocl_dir_info **>(alloc_array(count, sizeof(fs_ocl_dir_info *), true));
+  if (flags & CONTROL_ATTRS)
+    info->subdir_attrs =
+        static_cast<fs_ocl_dir_attrs *>(alloc_array(count, sizeof(fs_ocl_dir_attrs), false));
+  if (!info->subdir_names || !info->subdir_infos ||
+      ((flags & CONTROL_ATTRS) && !info->subdir_attrs))
+    return FSIC_ERR_NO_MEMORY;
+
+  for (uint32_t i = 0; i < count; i++) {
+    TRY(read_zstr(buf, &info->subdir_names[i]));
+    info->subdir_count = (int32_t)i + 1;
+    /* Kept even when empty: the blob is taken as it is. */
+    TRY(read_dir_info(buf, flags, &info->subdir_infos[i]));
+    if (flags & CONTROL_ATTRS)
+      TRY(read_dir_attrs(buf, &info->subdir_attrs[i]));
+  }
+  return FSIC_OK;
+}
+
+static fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
+  int32_t total;
+  TRY(read_count(buf, &total));
+  uint32_t count = (uint32_t)total;
+  if (count == 0)
+    return FSIC_OK;
+  info->file_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));
+  if (flags & CONTROL_DATA)
+    info->file_hashes =
+        static_cast<uint8_t(*)[FS_OCL_HASH_SIZE]>(alloc_array(count, FS_OCL_HASH_SIZE, false));
+  if (flags & CONTROL_ATTRS)
+    info->file_attrs =
+        static_cast<fs_ocl_file_attrs *>(alloc_array(count, sizeof(fs_ocl_file_attrs), false));
+  if (!info->file_names || ((flags & CONTROL_DATA) && !info->file_hashes) ||
+      ((flags & CONTROL_ATTRS) && !info->file_attrs))
+    return FSIC_ERR_NO_MEMORY;
+
+  for (uint32_t i = 0; i < count; i++) {
+    TRY(read_zstr(buf, &info->file_names[i]));
+    info->file_count = (int32_t)i + 1;
+    if (flags & CONTROL_DATA)
+      TRY(rb_read(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
+    if (flags & CONTROL_ATTRS)
+      TRY(read_file_attrs(buf, &info->file_attrs[i]));
+  }
+  return FSIC_OK;
+}
+
+/* One info record with its subtree; nothing is left allocated on failure. */
+static fsic_status read_dir_info(rb *buf, uint32_t flags, fs_ocl_dir_info **out) noexcept {
+  fs_ocl_dir_info *info = static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(*info)));
+  if (!info)
+    return FSIC_ERR_NO_MEMORY;
+  fsic_status status = read_subdirs(buf, flags, info);
+  if (status == FSIC_OK)
+    status = read_files(buf, flags, info);
+  if (status != FSIC_OK) {
+    free_read_info(info);
+    return status;
+  }
+  *out = info;
+  return FSIC_OK;
+}
+
+/* The path stays a view into the blob until the body is read. */
+static fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
+  const char *path_view;
+  uint16_t path_len;
+  uint16_t flags16;
+  TRY(rb_read_str(buf, &path_view, &path_len));
+  TRY(rb_read_uint16(buf, &flags16));
+  uint32_t flags = flags16;
+
+  uint8_t *hash = NULL;
+  fs_ocl_file_attrs *attrs = NULL;
+  char *path = NULL;
+  fs_ocl_file_object *obj = NULL;
+  fsic_status status = FSIC_OK;
+  if (flags & CONTROL_DATA)
+    status = read_and_alloc_hash(buf, &hash);
+  if (status == FSIC_OK && (flags & CONTROL_ATTRS))
+    status = read_and_alloc_file_attrs(buf, &attrs);
+  if (status == FSIC_OK)
+    status = alloc_str(path_view, path_len, &path);
+  if (status == FSIC_OK) {
+    obj = static_cast<fs_ocl_file_object *>(ic_util_zalloc(sizeof(*obj)));
+    if (!obj)
+      status = FSIC_ERR_NO_MEMORY;
+  }
+  if (status != FSIC_OK) {
+    free(path);
+    free(attrs);
+    free(hash);
+    return status;
+  }
+  obj->head.path = path;
+  obj->head.type = FS_OCL_FILE;
+  obj->head.flags = flags;
+  obj->hash = hash;
+  obj->attrs = attrs;
+  *out = &obj->head;
+  return FSIC_OK;
+}
+
+static fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
+  char *path = NULL;
+  char **masks = NULL;
+  uint16_t flags16 = 0;
+  fs_ocl_dir_info *info = NULL;
+  fs_ocl_dir_attrs *attrs = NULL;
+  uint8_t *hash = NULL;
+  fs_ocl_dir_object *obj = NULL;
+
+  fsic_status status = read_zstr(buf, &path);
+  if (status == FSIC_OK)
+    status = read_masks(buf, &masks);
+  if (status == FSIC_OK)
+    status = rb_read_uint16(buf, &flags16);
+  uint32_t flags = flags16;
+  if (status == FSIC_OK) {
+    if (flags & EACH_FILE) {
+      status = read_dir_info(buf, flags, &info);
+      if (status == FSIC_OK && (flags & CONTROL_ATTRS))
+        status = read_and_alloc_dir_attrs(buf, &attrs);
+    } else {
+      status = read_and_alloc_hash(buf, &hash);
+    }
+  }
+  if (status == FSIC_OK) {
+    obj = static_cast<fs_ocl_dir_object *>(ic_util_zalloc(sizeof(*obj)));
+    if (!obj)
+      status = FSIC_ERR_NO_MEMORY;
+  }
+  if (status != FSIC_OK) {
+    free(hash);
+    free(attrs);
+    free_read_info(info);
+    if (masks)
+      ic_str_zarray_destroy(masks);
+    free(path);
+    return status;
+  }
+  obj->head.path = path;
+  obj->head.type = FS_OCL_DIR;
+  obj->head.flags = flags;
+  obj->masks = masks;
+  if (flags & EACH_FILE)
+    obj->info = info;
+  else
+    obj->hash = hash;
+  obj->attrs = attrs;
+  *out = &obj->head;
+  return FSIC_OK;
+}
+
+static fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
+  uint16_t type;
+  TRY(rb_read_uint16(buf, &type));
+  if (type == FS_OCL_FILE)
+    return read_file_object(buf, out);
+  if (type == FS_OCL_DIR)
+    return read_dir_object(buf, out);
+  return FSIC_ERR_FAILED;
+}
+
+extern "C" {
+
+fsic_status _fs_ocl_write_to_wbuf(const fs_ocl *ocl, wb *buf) noexcept {
+  TRY(wb_write_uint32(buf, ocl->count));
+  for (const rb_node *node = rb_first(&ocl->root); node; node = rb_next(node))
+    TRY(write_object(buf, rb_entry(node, const fs_ocl_object, node)));
+  return FSIC_OK;
+}
+
+fsic_status fs_ocl_write_to_mem(const fs_ocl *ocl, uint8_t **data, uint32_t *size) noexcept {
+  wb buf;
+  TRY(wb_init(&buf, 0));
+  fsic_status status = _fs_ocl_write_to_wbuf(ocl, &buf);
+  if (status != FSIC_OK) {
+    wb_finalize(&buf, 1);
+    return status;
+  }
+  *size = buf.used;
+  *data = wb_finalize(&buf, 0);
+  return FSIC_OK;
+}
+
+fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) noexcept {
+  fs_ocl *ocl;
+  TRY(fs_ocl_create(&ocl));
+
+  uint32_t count;
+  fsic_status status = rb_read_uint32(buf, &count);
+  /* No allocation depends on the count: a false one runs out of blob. */
+  for (uint32_t i = 0; status == FSIC_OK && i < count; i++) {
+    fs_ocl_object *obj;
+    status = read_object(buf, &obj);
+    /* A repeated path replaces the earlier object; the links recount the list. */
+    if (status == FSIC_OK)
+      _fs_ocl_add_object(ocl, obj);
+  }
+  if (status != FSIC_OK) {
+    fs_ocl_destroy(ocl);
+    return status;
+  }
+  *out = ocl;
+  return FSIC_OK;
+}
+
+fsic_status fs_ocl_read_from_mem(const uint8_t *data, uint32_t size, fs_ocl **out) noexcept {
+  rb buf;
+  rb_init(&buf, data, size);
+  return _fs_ocl_read_from_rbuf(&buf, out);
+}
+
+} /* extern "C" */

@@ -1,0 +1,224 @@
+// File and directory attribute records and the per-directory arrays of them.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "fs/ocl_internal.h"
+#include "ocl_test_support.h"
+
+using namespace ocltest;
+
+namespace {
+
+constexpr uint64_t four_gib = uint64_t{1} << 32;
+
+fs_ocl_file_attrs read_file_attrs(const std::string &path) {
+  fs_ocl_file_attrs a{};
+  EXPECT_EQ(_fs_ocl_init_file_attrs(path.c_str(), &a), 0u) << path;
+  return a;
+}
+
+TEST(OclAttrs, RecordSizes) {
+  EXPECT_EQ(sizeof(fs_ocl_file_attrs), 16u);
+  EXPECT_EQ(sizeof(fs_ocl_dir_attrs), 8u);
+}
+
+TEST(OclAttrs, StatToFileAttrsKeepsTheLowBits) {
+  struct stat st {};
+  st.st_mode = S_IFREG | 0640;
+  st.st_uid = 0x12345;
+  st.st_gid = 0x10002;
+  st.st_size = static_cast<off_t>(four_gib + 5);
+  st.st_mtime = static_cast<time_t>(1700000000);
+  fs_ocl_file_attrs a{};
+  _fs_ocl_stat_to_file_attrs(&st, &a);
+  EXPECT_EQ(a.mode, static_cast<uint32_t>(S_IFREG | 0640));
+  EXPECT_EQ(a.uid, 0x2345);
+  EXPECT_EQ(a.gid, 2);
+  EXPECT_EQ(a.size, 5u);
+  EXPECT_EQ(a.mtime, 1700000000u);
+}
+
+TEST(OclAttrs, StatToFileAttrsWrapsAWideMtime) {
+  if (sizeof(time_t) < 8)
+    GTEST_SKIP() << "time_t is 32 bits wide here";
+  struct stat st {};
+  st.st_mtime = static_cast<time_t>(int64_t{0x100000007});
+  fs_ocl_file_attrs a{};
+  _fs_ocl_stat_to_file_attrs(&st, &a);
+  EXPECT_EQ(a.mtime, 7u);
+}
+
+TEST(OclAttrs, FileAttrsFromTheFileSystem) {
+  TempTree t;
+  t.file("f", "hello", 0640);
+  t.mtime("f", 1234567890);
+  fs_ocl_file_attrs a = read_file_attrs(t.path("f"));
+  struct stat st = t.stat_of("f");
+  EXPECT_EQ(a.mode, static_cast<uint32_t>(S_IFREG | 0640));
+  EXPECT_EQ(a.uid, st.st_uid & 0xFFFF);
+  EXPECT_EQ(a.gid, st.st_gid & 0xFFFF);
+  EXPECT_EQ(a.size, 5u);
+  EXPECT_EQ(a.mtime, 1234567890u);
+}
+
+TEST(OclAttrs, SparseFileOfFourGibPlusFiveBytesHasSizeFive) {
+  TempTree t;
+  t.file("big");
+  ASSERT_EQ(truncate(t.path("big").c_str(), static_cast<off_t>(four_gib + 5)), 0);
+  ASSERT_EQ(static_cast<uint64_t>(t.stat_of("big").st_size), four_gib + 5);
+  EXPECT_EQ(read_file_attrs(t.path("big")).size, 5u);
+}
+
+TEST(OclAttrs, MtimeBeyond32BitsWraps) {
+  if (sizeof(time_t) < 8)
+    GTEST_SKIP() << "time_t is 32 bits wide here";
+  TempTree t;
+  t.file("f");
+  t.mtime("f", static_cast<time_t>(int64_t{0x100000009}));
+  if (static_cast<int64_t>(t.stat_of("f").st_mtime) != int64_t{0x100000009})
+    GTEST_SKIP() << "the file system does not keep times past 2106";
+  EXPECT_EQ(read_file_attrs(t.path("f")).mtime, 9u);
+}
+
+TEST(OclAttrs, Uid65536IsStoredAsZero) {
+  TempTree t;
+  t.file("f");
+  t.dir("d");
+  if (chown(t.path("f").c_str(), 65536, 65537) != 0 ||
+      chown(t.path("d").c_str(), 65536 + 7, 65536 + 9) != 0)
+    GTEST_SKIP() << "cannot chown to ids above 65535 here: " << strerror(errno);
+  fs_ocl_file_attrs a = read_file_attrs(t.path("f"));
+  EXPECT_EQ(a.uid, 0);
+  EXPECT_EQ(a.gid, 1);
+  fs_ocl_dir_attrs d{};
+  ASSERT_EQ(_fs_ocl_init_dir_attrs(t.path("d").c_str(), &d), 0u);
+  EXPECT_EQ(d.uid, 7);
+  EXPECT_EQ(d.gid, 9);
+}
+
+TEST(OclAttrs, ALinkGetsItsTargetsAttributes) {
+  TempTree t;
+  t.file("target", "12345678", 0600);
+  t.dir("dir", 0750);
+  t.link("file_link", "target");
+  t.link("dir_link", "dir");
+  fs_ocl_file_attrs a = read_file_attrs(t.path("file_link"));
+  EXPECT_EQ(a.mode, static_cast<uint32_t>(S_IFREG | 0600));
+  EXPECT_EQ(a.size, 8u);
+  fs_ocl_dir_attrs d{};
+  ASSERT_EQ(_fs_ocl_init_dir_attrs(t.path("dir_link").c_str(), &d), 0u);
+  EXPECT_EQ(d.mode, static_cast<uint32_t>(S_IFDIR | 0750));
+  // A directory path read as a file still gets what stat says.
+  EXPECT_EQ(read_file_attrs(t.path("dir_link")).mode, static_cast<uint32_t>(S_IFDIR | 0750));
+}
+
+TEST(OclAttrs, StatFailureIsOne) {
+  TempTree t;
+  t.link("dangling", "nowhere");
+  fs_ocl_file_attrs a{0xAAAAAAAAu, 0xBBBB, 0xCCCC, 1, 2};
+  EXPECT_EQ(_fs_ocl_init_file_attrs(t.path("missing").c_str(), &a), 1u);
+  EXPECT_EQ(_fs_ocl_init_file_attrs(t.path("dangling").c_str(), &a), 1u);
+  fs_ocl_dir_attrs d{};
+  EXPECT_EQ(_fs_ocl_init_dir_attrs(t.path("missing").c_str(), &d), 1u);
+  fs_ocl_dir_attrs *out = reinterpret_cast<fs_ocl_dir_attrs *>(uintptr_t{0x1234});
+  EXPECT_EQ(_fs_ocl_create_dir_attrs(t.path("missing").c_str(), &out), 1u);
+  EXPECT_EQ(out, reinterpret_cast<fs_ocl_dir_attrs *>(uintptr_t{0x1234}));
+}
+
+TEST(OclAttrs, CreateDirAttrs) {
+  TempTree t;
+  t.dir("d", 0710);
+  fs_ocl_dir_attrs *out = nullptr;
+  ASSERT_EQ(_fs_ocl_create_dir_attrs(t.path("d").c_str(), &out), 0u);
+  ASSERT_NE(out, nullptr);
+  struct stat st = t.stat_of("d");
+  EXPECT_EQ(out->mode, static_cast<uint32_t>(S_IFDIR | 0710));
+  EXPECT_EQ(out->uid, st.st_uid & 0xFFFF);
+  EXPECT_EQ(out->gid, st.st_gid & 0xFFFF);
+  _fs_ocl_destroy_dir_attrs(out);
+}
+
+TEST(OclAttrs, FileAttrsArrayFollowsTheNames) {
+  TempTree t;
+  t.file("a", "1", 0600);
+  t.file("b b", "22", 0644);
+  t.file("c\xff", "333", 0755);
+  t.mtime("b b", 1000);
+  char *names[] = {const_cast<char *>("c\xff"), const_cast<char *>("a"),
+                   const_cast<char *>("b b")};
+  PathBuf dir(t.root());
+  fs_ocl_file_attrs *out = nullptr;
+  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), names, 3, &out), 0u);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(dir.text(), t.root());
+  EXPECT_EQ(out[0].mode, static_cast<uint32_t>(S_IFREG | 0755));
+  EXPECT_EQ(out[0].size, 3u);
+  EXPECT_EQ(out[1].mode, static_cast<uint32_t>(S_IFREG | 0600));
+  EXPECT_EQ(out[1].size, 1u);
+  EXPECT_EQ(out[2].size, 2u);
+  EXPECT_EQ(out[2].mtime, 1000u);
+  free(out);
+}
+
+TEST(OclAttrs, SubdirAttrsArrayFollowsTheNames) {
+  TempTree t;
+  t.dir("x", 0700);
+  t.dir("y", 0755);
+  t.link("z", "x");
+  char *names[] = {const_cast<char *>("y"), const_cast<char *>("z"), const_cast<char *>("x")};
+  PathBuf dir(t.root());
+  fs_ocl_dir_attrs *out = nullptr;
+  ASSERT_EQ(_fs_ocl_create_subdir_attrs_array(dir.get(), names, 3, &out), 0u);
+  EXPECT_EQ(dir.text(), t.root());
+  EXPECT_EQ(out[0].mode, static_cast<uint32_t>(S_IFDIR | 0755));
+  EXPECT_EQ(out[1].mode, static_cast<uint32_t>(S_IFDIR | 0700));
+  EXPECT_EQ(out[2].mode, static_cast<uint32_t>(S_IFDIR | 0700));
+  free(out);
+}
+
+TEST(OclAttrs, AnEmptyNameListGivesANullArray) {
+  TempTree t;
+  PathBuf dir(t.root());
+  fs_ocl_file_attrs *files = reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8});
+  fs_ocl_dir_attrs *dirs = reinterpret_cast<fs_ocl_dir_attrs *>(uintptr_t{8});
+  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), nullptr, 0, &files), 0u);
+  EXPECT_EQ(_fs_ocl_create_subdir_attrs_array(dir.get(), nullptr, 0, &dirs), 0u);
+  EXPECT_EQ(files, nullptr);
+  EXPECT_EQ(dirs, nullptr);
+  EXPECT_EQ(dir.text(), t.root());
+}
+
+// The names come from a real scan; one file is deleted before its attributes are read.
+TEST(OclAttrs, AFileDeletedAfterTheScanFailsTheWholeArray) {
+  TempTree t;
+  t.file("a");
+  t.file("b");
+  t.file("c");
+  t.dir("s");
+  t.dir("u");
+  char **files = nullptr, **subdirs = nullptr;
+  int nfiles = 0, nsubdirs = 0;
+  ASSERT_EQ(_fs_ocl_scan_dir(t.root().c_str(), nullptr, &files, &nfiles, &subdirs, &nsubdirs),
+            0u);
+  ASSERT_EQ(nfiles, 3);
+  ASSERT_EQ(nsubdirs, 2);
+  t.remove("b");
+  t.remove("u");
+
+  PathBuf dir(t.root());
+  fs_ocl_file_attrs *fa = reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8});
+  fs_ocl_dir_attrs *da = reinterpret_cast<fs_ocl_dir_attrs *>(uintptr_t{8});
+  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), files, nfiles, &fa), 1u);
+  EXPECT_EQ(_fs_ocl_create_subdir_attrs_array(dir.get(), subdirs, nsubdirs, &da), 1u);
+  EXPECT_EQ(fa, reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8}));
+  EXPECT_EQ(da, reinterpret_cast<fs_ocl_dir_attrs *>(uintptr_t{8}));
+  EXPECT_EQ(dir.text(), t.root());
+  _fs_ocl_free_str_array(files, nfiles);
+  _fs_ocl_free_str_array(subdirs, nsubdirs);
+}
+
+}  // namespace

@@ -1,0 +1,244 @@
+// Shared helpers of the object-control-list engine tests: a temporary directory tree
+// that removes itself (also after a failed assertion, and below PATH_MAX or not), a
+// path buffer owner, GOST R 34.11-94 from libgcrypt as the reference, little-endian
+// encoders, and running a piece of code in a child process without root's privileges.
+#ifndef FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
+#define FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gcrypt.h>
+#include <grp.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "util/str_buf.h"
+
+namespace ocltest {
+
+using Digest = std::array<uint8_t, 32>;
+
+// The CryptoPro parameter set of GOST R 34.11-94, computed by libgcrypt.
+inline Digest gost(const void *data, size_t size) {
+  static const bool ready = [] {
+    if (!gcry_check_version(GCRYPT_VERSION))
+      throw std::runtime_error("libgcrypt version mismatch");
+    gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
+    gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+    return true;
+  }();
+  (void)ready;
+  Digest d{};
+  gcry_md_hash_buffer(GCRY_MD_GOSTR3411_CP, d.data(), data, size);
+  return d;
+}
+inline Digest gost(const std::string &s) { return gost(s.data(), s.size()); }
+
+inline std::string bytes(const Digest &d) { return std::string(d.begin(), d.end()); }
+inline std::string bytes(const uint8_t *p) { return std::string(p, p + 32); }
+
+inline std::string le16(uint32_t v) {
+  return {static_cast<char>(v & 0xFF), static_cast<char>((v >> 8) & 0xFF)};
+}
+inline std::string le32(uint32_t v) { return le16(v & 0xFFFF) + le16(v >> 16); }
+
+// prefix followed by the decimal number (appended: g++ 12 warns falsely on some
+// concatenations with a temporary string).
+inline std::string numbered(const std::string &prefix, long n) {
+  std::string s = prefix;
+  s += std::to_string(n);
+  return s;
+}
+
+inline std::string hex(const std::string &s) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : s) {
+    out += digits[c >> 4];
+    out += digits[c & 15];
+  }
+  return out;
+}
+
+// Removes `name` under the open directory `parent` with everything below it, working
+// relative to descriptors so that trees deeper than PATH_MAX go as well.
+inline void remove_at(int parent, const char *name) {
+  struct stat st;
+  if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+    return;
+  if (!S_ISDIR(st.st_mode)) {
+    unlinkat(parent, name, 0);
+    return;
+  }
+  fchmodat(parent, name, 0700, 0);
+  int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd >= 0) {
+    if (DIR *d = fdopendir(fd)) {
+      std::vector<std::string> names;
+      while (struct dirent *e = readdir(d))
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+          names.push_back(e->d_name);
+      for (const std::string &n : names)
+        remove_at(fd, n.c_str());
+      closedir(d);
+    } else {
+      close(fd);
+    }
+  }
+  unlinkat(parent, name, AT_REMOVEDIR);
+}
+
+// A temporary directory, removed with its contents when the object goes. Paths given
+// to the helpers are relative to it.
+class TempTree {
+ public:
+  TempTree() {
+    const char *base = getenv("TMPDIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-ocl-XXXXXX";
+    if (!mkdtemp(templ.data()))
+      throw std::runtime_error("mkdtemp failed");
+    char *real = realpath(templ.c_str(), nullptr);
+    if (!real)
+      throw std::runtime_error("realpath failed");
+    root_ = real;
+    free(real);
+  }
+  ~TempTree() {
+    size_t slash = root_.rfind('/');
+    std::string parent = slash == 0 ? "/" : root_.substr(0, slash);
+    int fd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+      remove_at(fd, root_.c_str() + slash + 1);
+      close(fd);
+    }
+  }
+  TempTree(const TempTree &) = delete;
+  TempTree &operator=(const TempTree &) = delete;
+
+  const std::string &root() const { return root_; }
+  std::string path(const std::string &rel) const { return rel.empty() ? root_ : root_ + "/" + rel; }
+
+  void dir(const std::string &rel, mode_t mode = 0755) const {
+    check(mkdir(path(rel).c_str(), mode), "mkdir", rel);
+    check(chmod(path(rel).c_str(), mode), "chmod", rel);
+  }
+  void file(const std::string &rel, const std::string &content = "", mode_t mode = 0644) const {
+    int fd = open(path(rel).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    check(fd < 0 ? -1 : 0, "open", rel);
+    size_t done = 0;
+    while (done < content.size()) {
+      ssize_t n = write(fd, content.data() + done, content.size() - done);
+      if (n <= 0) {
+        close(fd);
+        check(-1, "write", rel);
+      }
+      done += static_cast<size_t>(n);
+    }
+    close(fd);
+    check(chmod(path(rel).c_str(), mode), "chmod", rel);
+  }
+  void link(const std::string &rel, const std::string &target) const {
+    check(symlink(target.c_str(), path(rel).c_str()), "symlink", rel);
+  }
+  void fifo(const std::string &rel) const { check(mkfifo(path(rel).c_str(), 0644), "mkfifo", rel); }
+  void mtime(const std::string &rel, time_t seconds) const {
+    struct timespec ts[2] = {{seconds, 0}, {seconds, 0}};
+    check(utimensat(AT_FDCWD, path(rel).c_str(), ts, 0), "utimensat", rel);
+  }
+  void remove(const std::string &rel) const {
+    check(::remove(path(rel).c_str()), "remove", rel);
+  }
+  void rename(const std::string &from, const std::string &to) const {
+    check(::rename(path(from).c_str(), path(to).c_str()), "rename", from);
+  }
+  struct stat stat_of(const std::string &rel) const {
+    struct stat st;
+    check(::stat(path(rel).c_str(), &st), "stat", rel);
+    return st;
+  }
+
+ private:
+  static void check(int rc, const char *what, const std::string &rel) {
+    if (rc != 0)
+      throw std::runtime_error(std::string(what) + " " + rel + ": " + strerror(errno));
+  }
+  std::string root_;
+};
+
+// Owns a path buffer started with `text`.
+class PathBuf {
+ public:
+  explicit PathBuf(const std::string &text) {
+    if (_fs_str_buf_init(&buf_, text.c_str(), (char *)NULL) != 0)
+      throw std::runtime_error("_fs_str_buf_init failed");
+  }
+  ~PathBuf() { _fs_str_buf_free(&buf_); }
+  PathBuf(const PathBuf &) = delete;
+  PathBuf &operator=(const PathBuf &) = delete;
+  fs_str_buf *get() { return &buf_; }
+  std::string text() const { return std::string(buf_.data, buf_.len); }
+
+ private:
+  fs_str_buf buf_;
+};
+
+// A NULL-terminated mask array for the library, or NULL when `present` is false.
+class Masks {
+ public:
+  Masks() : present_(false) {}
+  Masks(std::initializer_list<std::string> masks) : present_(true), strings_(masks) { build(); }
+  explicit Masks(const std::vector<std::string> &masks) : present_(true), strings_(masks) {
+    build();
+  }
+  Masks(const Masks &o) : present_(o.present_), strings_(o.strings_) { build(); }
+  Masks &operator=(const Masks &) = delete;
+
+  bool present() const { return present_; }
+  const std::vector<std::string> &strings() const { return strings_; }
+  char *const *get() const { return present_ ? ptrs_.data() : nullptr; }
+
+ private:
+  void build() {
+    ptrs_.clear();
+    for (std::string &s : strings_)
+      ptrs_.push_back(s.data());
+    ptrs_.push_back(nullptr);
+  }
+  bool present_;
+  std::vector<std::string> strings_;
+  std::vector<char *> ptrs_;
+};
+
+// Runs `body` in a child process that has given up root (uid and gid 65534), so that
+// permission bits bind as they do for an ordinary user; returns the child's exit code
+// (the body's result, 0-255), or -1 when the child could not drop privileges.
+inline int run_unprivileged(const std::function<int()> &body) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0)
+    throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
+      _exit(255);
+    _exit(body() & 0xFF);
+  }
+  int wstatus = 0;
+  if (waitpid(pid, &wstatus, 0) != pid || !WIFEXITED(wstatus))
+    return -1;
+  int code = WEXITSTATUS(wstatus);
+  return code == 255 ? -1 : code;
+}
+
+}  // namespace ocltest
+
+#endif
