@@ -8,6 +8,7 @@
 #include <fsic/volume_id.h>
 #include <fsic/buffer.h>
 #include <fsic/gost_r3411_94.h>
+#include <fsic/icl.h>
 #include <fsic/list.h>
 #include <fsic/log.h>
 #include <fsic/mount.h>

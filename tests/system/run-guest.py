@@ -175,6 +175,26 @@ def layout(disk, index):
     return result
 
 
+# Files put into file systems get fixed modes, owner and times, so that what a
+# scenario prints about them (hashes over attributes, mtimes) is the same every run.
+FIXED_MTIME = 1710504000  # 2024-03-15 12:00:00 UTC
+
+
+def fix_attributes(top):
+    for root, dirs, files in os.walk(top):
+        for name in files:
+            p = os.path.join(root, name)
+            os.chown(p, 0, 0)
+            os.chmod(p, 0o644)
+            os.utime(p, (FIXED_MTIME, FIXED_MTIME))
+        for name in dirs:
+            os.chmod(os.path.join(root, name), 0o755)
+    # Directories last, and deepest first: writing files changes their mtimes.
+    for root, dirs, files in os.walk(top, topdown=False):
+        os.chown(root, 0, 0)
+        os.utime(root, (FIXED_MTIME, FIXED_MTIME))
+
+
 def make_fs(fs, path, size_bytes, spec, what, tmp):
     if fs not in FS_MKFS:
         raise HarnessError(f"{what}: unsupported file system {fs!r} (have {sorted(FS_MKFS)})")
@@ -190,6 +210,7 @@ def make_fs(fs, path, size_bytes, spec, what, tmp):
         os.makedirs(os.path.dirname(target), exist_ok=True)
         with open(target, "w", encoding="utf-8") as f:
             f.write(text)
+    fix_attributes(content)
     with open(path, "wb") as f:
         f.truncate(size_bytes)
     fs_uuid = spec.get("uuid") or str(uuid.uuid5(UUID_NAMESPACE, what))

@@ -1,0 +1,86 @@
+// The blob of an integrity control list: u16 entry count, then per entry the volume
+// identifier record and the object control list, each delimiting itself.
+#include <fsic/icl.h>
+
+#include "fs/icl_internal.h"
+#include "fs/ocl_internal.h"
+#include "fs/volume_id_io.h"
+
+namespace {
+
+// Reads one entry and puts it at the front of the list.
+fsic_status read_volume(rb *buf, fs_icl *list) noexcept {
+  fs_volume_id *id;
+  fsic_status status = _fs_read_volume_id_from_rbuf(buf, &id);
+  if (status != FSIC_OK)
+    return status;
+  fs_ocl *ocl;
+  status = _fs_ocl_read_from_rbuf(buf, &ocl);
+  if (status != FSIC_OK) {
+    fs_volume_id_destroy(id);
+    return status;
+  }
+  status = _fs_icl_create_volume(list, id, ocl, nullptr);
+  if (status != FSIC_OK) {
+    fs_ocl_destroy(ocl);
+    fs_volume_id_destroy(id);
+  }
+  return status;
+}
+
+} // namespace
+
+extern "C" fsic_status fs_icl_write_to_wbuf(const fs_icl *list, wb *buf) noexcept {
+  // Only the low 16 bits of the count are stored.
+  fsic_status status = wb_write_uint16(buf, static_cast<uint16_t>(list->count));
+  for (const list_head *pos = list->volumes.next; status == FSIC_OK && pos != &list->volumes;
+       pos = pos->next) {
+    const fs_icl_volume *entry = list_entry(pos, fs_icl_volume, link);
+    status = _fs_write_volume_id_to_rbuf(entry->id, buf);
+    if (status == FSIC_OK)
+      status = _fs_ocl_write_to_wbuf(entry->ocl, buf);
+  }
+  return status;
+}
+
+extern "C" fsic_status fs_icl_write_to_mem(const fs_icl *list, uint8_t **blob,
+                                           uint32_t *length) noexcept {
+  wb buf;
+  fsic_status status = wb_init(&buf, 0);
+  if (status != FSIC_OK)
+    return status;
+  status = fs_icl_write_to_wbuf(list, &buf);
+  if (status != FSIC_OK) {
+    wb_finalize(&buf, 1);
+    return status;
+  }
+  *length = buf.used;
+  *blob = wb_finalize(&buf, 0);
+  return FSIC_OK;
+}
+
+extern "C" fsic_status fs_icl_read_from_rbuf(rb *buf, fs_icl **out) noexcept {
+  fs_icl *list;
+  fsic_status status = fs_icl_create(&list);
+  if (status != FSIC_OK)
+    return status;
+  uint16_t count;
+  status = rb_read_uint16(buf, &count);
+  for (uint32_t i = 0; status == FSIC_OK && i < count; i++)
+    status = read_volume(buf, list);
+  if (status != FSIC_OK) {
+    fs_icl_destroy(list);
+    return status;
+  }
+  *out = list;
+  return FSIC_OK;
+}
+
+extern "C" fsic_status fs_icl_read_from_mem(const uint8_t *blob, uint32_t length,
+                                            fs_icl **out) noexcept {
+  rb buf;
+  rb_init(&buf, blob, length);
+  fsic_status status = fs_icl_read_from_rbuf(&buf, out);
+  rb_finalize(&buf, 0);
+  return status;
+}
