@@ -8,30 +8,44 @@
 
 typedef uint8_t file_hash[FS_OCL_HASH_SIZE];
 
-/* The content hashes of the named files of the directory in `dir` (NULL for none). */
+/* The content hashes of the named files of the directory in `dir` (NULL for none) and,
+ * when `attrs_out` is not NULL, their attributes from the same open descriptors. */
 static fsic_status create_file_hashes(fs_str_buf *dir, char *const *names, int count,
-                                      file_hash **out) noexcept {
+                                      file_hash **out, fs_ocl_file_attrs **attrs_out) noexcept {
   if (count <= 0) {
     *out = NULL;
+    if (attrs_out)
+      *attrs_out = NULL;
     return FSIC_OK;
   }
   file_hash *hashes = static_cast<file_hash *>(malloc((size_t)count * sizeof(file_hash)));
   if (!hashes)
     return FSIC_ERR_NO_MEMORY;
+  fs_ocl_file_attrs *attrs = NULL;
+  if (attrs_out) {
+    attrs = static_cast<fs_ocl_file_attrs *>(malloc((size_t)count * sizeof *attrs));
+    if (!attrs) {
+      free(hashes);
+      return FSIC_ERR_NO_MEMORY;
+    }
+  }
 
   uint32_t len = _fs_str_buf_len(dir);
   for (int i = 0; i < count; ++i) {
     fsic_status status = _fs_str_buf_append(dir, "/", names[i], (char *)NULL);
     if (status == FSIC_OK) {
-      status = _fs_ocl_file_hash(dir->data, hashes[i]);
+      status = _fs_ocl_file_hash_attrs(dir->data, hashes[i], attrs ? &attrs[i] : NULL);
       _fs_str_buf_setlen(dir, len);
     }
     if (status != FSIC_OK) {
+      free(attrs);
       free(hashes);
       return status;
     }
   }
   *out = hashes;
+  if (attrs_out)
+    *attrs_out = attrs;
   return FSIC_OK;
 }
 
@@ -134,9 +148,11 @@ fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_
   fs_ocl_file_attrs *file_attrs = NULL;
   fs_ocl_dir_info **infos = NULL;
   fs_ocl_dir_attrs *subdir_attrs = NULL;
+  /* With both controls one open descriptor per file gives its hash and attributes. */
   if (flags & CONTROL_DATA)
-    status = create_file_hashes(dir, files, file_count, &hashes);
-  if (status == FSIC_OK && (flags & CONTROL_ATTRS))
+    status = create_file_hashes(dir, files, file_count, &hashes,
+                                (flags & CONTROL_ATTRS) ? &file_attrs : NULL);
+  else if (flags & CONTROL_ATTRS)
     status = _fs_ocl_create_file_attrs_array(dir, files, file_count, &file_attrs);
   if (status == FSIC_OK && recursive) {
     status = create_subdir_infos(dir, masks, flags, &subdirs, &subdir_count, &infos);

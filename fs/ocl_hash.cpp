@@ -107,18 +107,18 @@ static fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char
   fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)NULL);
   if (status != FSIC_OK)
     return status;
+  fs_ocl_file_attrs attrs;
   if (flags & CONTROL_DATA) {
+    /* With both controls the attributes come from the descriptor that was hashed. */
     uint8_t hash[FS_OCL_HASH_SIZE];
-    status = _fs_ocl_file_hash(dir->data, hash);
+    status = _fs_ocl_file_hash_attrs(dir->data, hash, (flags & CONTROL_ATTRS) ? &attrs : NULL);
     if (status == FSIC_OK)
       gost_r3411_94_update(ctx, hash, sizeof hash);
-  }
-  if (status == FSIC_OK && (flags & CONTROL_ATTRS)) {
-    fs_ocl_file_attrs attrs;
+  } else {
     status = _fs_ocl_init_file_attrs(dir->data, &attrs);
-    if (status == FSIC_OK)
-      feed_file_attrs(ctx, &attrs);
   }
+  if (status == FSIC_OK && (flags & CONTROL_ATTRS))
+    feed_file_attrs(ctx, &attrs);
   _fs_str_buf_setlen(dir, len);
   return status;
 }
@@ -205,13 +205,25 @@ static fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
 
 extern "C" {
 
-fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
+fsic_status _fs_ocl_file_hash_attrs(const char *path, uint8_t hash[FS_OCL_HASH_SIZE],
+                                    fs_ocl_file_attrs *attrs) noexcept {
   int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0)
     return FSIC_ERR_FAILED;
   fsic_status status = fd_hash(fd, hash);
+  if (status == FSIC_OK && attrs) {
+    struct stat st;
+    if (fstat(fd, &st) == 0)
+      _fs_ocl_stat_to_file_attrs(&st, attrs);
+    else
+      status = FSIC_ERR_FAILED;
+  }
   close(fd);
   return status;
+}
+
+fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
+  return _fs_ocl_file_hash_attrs(path, hash, NULL);
 }
 
 fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) noexcept {

@@ -44,6 +44,11 @@ fsic_status _fs_ocl_stat(const char *path, struct stat *st) FSIC_NOEXCEPT;
 /* ---- hashing (GOST R 34.11-94, parameter set 1) ---- */
 
 fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) FSIC_NOEXCEPT;
+/* The content hash and, when `attrs` is not NULL, the attributes of a file, both taken
+ * from one open descriptor (the file that a stat of the path follows links to): one
+ * path lookup instead of two. 0 or 1. */
+fsic_status _fs_ocl_file_hash_attrs(const char *path, uint8_t hash[FS_OCL_HASH_SIZE],
+                                    fs_ocl_file_attrs *attrs) FSIC_NOEXCEPT;
 /* A new 32-byte block with the file's hash: 0, 1, 3. */
 fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) FSIC_NOEXCEPT;
 /* The directory hash of the directory held in `dir` (the buffer is extended and cut back
