@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fs/image_disk.h"
 #include "fs/lvm.h"
 #include "fs/mount_internal.h"
 #include "fs/partition.h"
@@ -32,6 +33,26 @@ fs_disk_list *partition_get_disk_list(fs_volume *volume) {
 
 const fs_volume_ops partition_ops = {FS_VOLUME_PARTITION, partition_create_id,
                                      partition_get_disk_list};
+
+// ---- image partition kind ---------------------------------------------------------
+
+fsic_status image_partition_create_id(fs_volume *volume, fs_volume_id **out) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  auto *image = static_cast<fs_image_disk *>(part->disk);
+  return fs_image_partition_id_create(image->name, static_cast<uint32_t>(part->number), out);
+}
+
+fs_disk_list *image_partition_get_disk_list(fs_volume *volume) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  return static_cast<fs_image_disk *>(part->disk)->disk_list;
+}
+
+} // namespace
+
+extern "C" const fs_volume_ops _fs_image_partition_ops = {
+    FS_VOLUME_IMAGE_PARTITION, image_partition_create_id, image_partition_get_disk_list};
+
+namespace {
 
 // ---- disks -----------------------------------------------------------------------
 
@@ -252,6 +273,8 @@ extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
 extern "C" void fs_disk_list_destroy(fs_disk_list *list) noexcept {
   if (!list)
     return;
+  // Image disks first: they hold mounts of the volumes that store them.
+  _fs_destroy_image_disks(list);
   destroy_disks(list);
   _fs_destroy_lvm_groups(list);
   free(list->base_dir);

@@ -102,13 +102,34 @@ typedef struct fs_lvm_volume {
  * has no serial, 3 when memory is exhausted; nothing is left behind on failure. */
 FSIC_API fsic_status fs_disk_list_create(fs_disk_list **out) FSIC_NOEXCEPT;
 
-/* Destroys image disks (detaching them), disks with their partitions (unmounting a
- * still-mounted partition), LVM groups with their volumes, then the list. */
+/* Destroys image disks (detaching them, the last added first), disks with their
+ * partitions (unmounting a still-mounted partition), LVM groups with their volumes,
+ * then the list. */
 FSIC_API void fs_disk_list_destroy(fs_disk_list *list) FSIC_NOEXCEPT;
 
 /* Adds every LVM volume group with its active logical volumes. 0, 1 when LVM is
  * unusable or a group cannot be read (no group is then left in the list), 3. */
 FSIC_API fsic_status fs_disk_list_add_lvm_groups(fs_disk_list *list) FSIC_NOEXCEPT;
+
+/*
+ * Attaches the disk-image file `path` (absolute within `volume`, the volume that stores
+ * it) read-only to the first free loop device and appends it to the list's image disks
+ * under `name`; its partitions become volumes of the image-partition kind. The storing
+ * volume stays mounted (one hold) while the image is attached. *out, when `out` is not
+ * NULL, receives the new record. 0; 2 when `path` does not begin with "/"; 10 when an
+ * image disk of that name is already in the list (no loop device is touched then); 7
+ * when no loop device is free; 8 when udev does not settle in time; 1 when the loop
+ * device, the file, udev or sysfs fails; 3 when memory is exhausted; a failure to mount
+ * the storing volume passes through. A failure leaves nothing attached or held.
+ */
+FSIC_API fsic_status fs_disk_list_add_image_disk(fs_disk_list *list, fs_volume *volume,
+                                                 const char *path, const char *name,
+                                                 fs_image_disk **out) FSIC_NOEXCEPT;
+
+/* Detaches the image disk and destroys its record: 0, or 9 (and nothing changes) while
+ * one of its partitions is held (fs_volume_get_mount_point). */
+FSIC_API fsic_status fs_disk_list_remove_image_disk(fs_disk_list *list,
+                                                    fs_image_disk *image) FSIC_NOEXCEPT;
 
 /* Iteration: the first record, or the one after the given one; NULL at the end. */
 FSIC_API fs_disk *fs_disk_list_first_disk(fs_disk_list *list) FSIC_NOEXCEPT;

@@ -84,23 +84,10 @@ def load_machine(path):
     disks = machine.setdefault("disks", [])
     for i, disk in enumerate(disks):
         where = f"{path}: disks[{i}]"
-        check_keys(disk, {"bus", "serial", "size_mib", "table", "label_id", "partitions",
-                          "fs", "label", "uuid", "files", "comment"}, where)
+        check_keys(disk, {"bus", "serial"} | DISK_LAYOUT_KEYS, where)
         if disk.get("bus") not in ("virtio", "scsi", "usb"):
             raise HarnessError(f"{where}: bus must be virtio, scsi or usb")
-        if not isinstance(disk.get("size_mib"), int) or disk["size_mib"] < 1:
-            raise HarnessError(f"{where}: size_mib (a positive integer) is required")
-        if disk.get("table") not in (None, "msdos", "gpt"):
-            raise HarnessError(f"{where}: table must be msdos or gpt")
-        if disk.get("partitions") and not disk.get("table"):
-            raise HarnessError(f"{where}: partitions need a table")
-        if disk.get("table") and "fs" in disk:
-            raise HarnessError(f"{where}: a disk has either a table or a file system")
-        if "fs" not in disk and any(k in disk for k in ("label", "uuid", "files")):
-            raise HarnessError(f"{where}: label, uuid and files need fs")
-        for j, part in enumerate(disk.get("partitions", [])):
-            check_keys(part, {"size_mib", "type", "extended", "logical", "fs", "label", "uuid",
-                              "files", "comment"}, f"{where}.partitions[{j}]")
+        check_disk_layout(disk, where)
     if sum(d["bus"] == "virtio" for d in disks) > len(SLOTS_VIRTIO_DISK):
         raise HarnessError(f"{path}: at most {len(SLOTS_VIRTIO_DISK)} virtio disks")
     if not isinstance(machine.get("memory_mib", 1024), int):
@@ -112,6 +99,45 @@ def load_machine(path):
     return machine
 
 
+DISK_LAYOUT_KEYS = {"size_mib", "table", "label_id", "partitions", "fs", "label", "uuid", "files",
+                    "comment"}
+
+
+def check_disk_layout(disk, where):
+    """Checks what a machine disk and a disk image inside a file system have in common."""
+    if not isinstance(disk.get("size_mib"), int) or disk["size_mib"] < 1:
+        raise HarnessError(f"{where}: size_mib (a positive integer) is required")
+    if disk.get("table") not in (None, "msdos", "gpt"):
+        raise HarnessError(f"{where}: table must be msdos or gpt")
+    if disk.get("partitions") and not disk.get("table"):
+        raise HarnessError(f"{where}: partitions need a table")
+    if disk.get("table") and "fs" in disk:
+        raise HarnessError(f"{where}: a disk has either a table or a file system")
+    if "fs" not in disk and any(k in disk for k in ("label", "uuid", "files")):
+        raise HarnessError(f"{where}: label, uuid and files need fs")
+    check_files(disk, where)
+    for j, part in enumerate(disk.get("partitions", [])):
+        check_keys(part, {"size_mib", "type", "extended", "logical", "fs", "label", "uuid",
+                          "files", "comment"}, f"{where}.partitions[{j}]")
+        check_files(part, f"{where}.partitions[{j}]")
+
+
+def check_files(entry, where):
+    """A file is a text, or {"image": a disk layout}: a raw disk image built like a disk."""
+    files = entry.get("files", {})
+    if not isinstance(files, dict):
+        raise HarnessError(f"{where}: files must be an object")
+    for name, content in files.items():
+        if isinstance(content, str):
+            continue
+        what = f"{where}.files[{name!r}]"
+        check_keys(content, {"image", "comment"}, what)
+        if name.endswith("/") or "image" not in content:
+            raise HarnessError(f"{what}: an image file needs a name and an \"image\" layout")
+        check_keys(content["image"], DISK_LAYOUT_KEYS, f"{what}.image")
+        check_disk_layout(content["image"], f"{what}.image")
+
+
 def check_keys(obj, allowed, where):
     if not isinstance(obj, dict):
         raise HarnessError(f"{where}: expected an object")
@@ -120,7 +146,7 @@ def check_keys(obj, allowed, where):
         raise HarnessError(f"{where}: unknown keys {sorted(unknown)}")
 
 
-def layout(disk, index):
+def layout(disk, name):
     """Partition numbers, starts and sizes (in sectors) for a disk's table."""
     total = disk["size_mib"] * MIB // SECTOR
     gpt = disk["table"] == "gpt"
@@ -132,7 +158,7 @@ def layout(disk, index):
     logical_number = 4
     extended = None
     for j, part in enumerate(disk.get("partitions", [])):
-        where = f"disk {index} partition {j}"
+        where = f"{name} partition {j}"
         if part.get("logical"):
             if extended is None:
                 raise HarnessError(f"{where}: a logical partition needs an extended one before it")
@@ -165,7 +191,7 @@ def layout(disk, index):
             ptype = part.get("type", "83")
         entry = {"number": number, "start": start, "size": size, "type": ptype, "part": part}
         if gpt:
-            entry["uuid"] = str(uuid.uuid5(UUID_NAMESPACE, f"disk{index}-part{number}"))
+            entry["uuid"] = str(uuid.uuid5(UUID_NAMESPACE, f"{name}-part{number}"))
         result.append(entry)
         if part.get("extended"):
             extended = entry
@@ -198,9 +224,8 @@ def fix_attributes(top):
 def make_fs(fs, path, size_bytes, spec, what, tmp):
     if fs not in FS_MKFS:
         raise HarnessError(f"{what}: unsupported file system {fs!r} (have {sorted(FS_MKFS)})")
-    content = os.path.join(tmp, "content")
-    shutil.rmtree(content, ignore_errors=True)
-    os.mkdir(content)
+    # A directory of its own: an image file in the tree builds its file systems here too.
+    content = tempfile.mkdtemp(prefix="content-", dir=tmp)
     os.chmod(content, 0o755)
     for name, text in spec.get("files", {}).items():
         target = os.path.join(content, name)
@@ -208,6 +233,9 @@ def make_fs(fs, path, size_bytes, spec, what, tmp):
             os.makedirs(target, exist_ok=True)
             continue
         os.makedirs(os.path.dirname(target), exist_ok=True)
+        if isinstance(text, dict):
+            build_disk(text["image"], target, tmp, f"{what}:{name}")
+            continue
         with open(target, "w", encoding="utf-8") as f:
             f.write(text)
     fix_attributes(content)
@@ -218,6 +246,7 @@ def make_fs(fs, path, size_bytes, spec, what, tmp):
     if "label" in spec:
         cmd += ["-L", spec["label"]]
     run(cmd + [path])
+    shutil.rmtree(content)
 
 
 def copy_into(src, dst, offset):
@@ -236,23 +265,34 @@ def copy_into(src, dst, offset):
             pos += len(data)
 
 
-def build_disk(disk, index, image, tmp):
+def scratch_file(tmp):
+    """A new empty file in the run's directory, for a file system being built."""
+    fd, path = tempfile.mkstemp(prefix="fs-", suffix=".img", dir=tmp)
+    os.close(fd)
+    return path
+
+
+def build_disk(disk, image, tmp, name, index=None):
+    """Builds a machine disk (index: its position) or a disk image inside a file system
+    (index None) as a sparse file; `name` seeds the default identifiers."""
     with open(image, "wb") as f:
         f.truncate(disk["size_mib"] * MIB)
     if "fs" in disk:
-        fs_image = os.path.join(tmp, "fs.img")
-        make_fs(disk["fs"], fs_image, disk["size_mib"] * MIB, disk, f"disk{index}", tmp)
+        fs_image = scratch_file(tmp)
+        make_fs(disk["fs"], fs_image, disk["size_mib"] * MIB, disk, name, tmp)
         copy_into(fs_image, image, 0)
         os.unlink(fs_image)
         return
     if not disk.get("table"):
         return
-    parts = layout(disk, index)
+    parts = layout(disk, name)
     gpt = disk["table"] == "gpt"
     if gpt:
-        label_id = disk.get("label_id") or str(uuid.uuid5(UUID_NAMESPACE, f"disk{index}"))
-    else:
+        label_id = disk.get("label_id") or str(uuid.uuid5(UUID_NAMESPACE, name))
+    elif index is not None:
         label_id = disk.get("label_id") or f"0x{0x5e571000 + index:08x}"
+    else:
+        label_id = disk.get("label_id") or f"0x{uuid.uuid5(UUID_NAMESPACE, name).int & 0xffffffff:08x}"
     lines = [f"label: {'gpt' if gpt else 'dos'}", f"label-id: {label_id}", "unit: sectors", ""]
     for p in parts:
         line = f"{image}{p['number']} : start={p['start']}, size={p['size']}, type={p['type']}"
@@ -267,17 +307,17 @@ def build_disk(disk, index, image, tmp):
                  for p in table.get("partitions", []))
     want = sorted((p["number"], p["start"], p["size"]) for p in parts)
     if got != want:
-        raise HarnessError(f"disk {index}: sfdisk made {got}, wanted {want}")
+        raise HarnessError(f"{name}: sfdisk made {got}, wanted {want}")
     for p in parts:
         spec = p["part"]
         if "fs" in spec:
-            fs_image = os.path.join(tmp, "fs.img")
+            fs_image = scratch_file(tmp)
             make_fs(spec["fs"], fs_image, p["size"] * SECTOR, spec,
-                    f"disk{index}-part{p['number']}", tmp)
+                    f"{name}-part{p['number']}", tmp)
             copy_into(fs_image, image, p["start"] * SECTOR)
             os.unlink(fs_image)
         elif "files" in spec or "label" in spec or "uuid" in spec:
-            raise HarnessError(f"disk {index} partition {p['number']}: label, uuid and files need fs")
+            raise HarnessError(f"{name} partition {p['number']}: label, uuid and files need fs")
 
 
 def disk_args(disks, images):
@@ -530,7 +570,7 @@ def boot(args, machine, tmp, log_path):
     images = []
     for i, disk in enumerate(machine["disks"]):
         image = os.path.join(tmp, f"disk{i}.img")
-        build_disk(disk, i, image, tmp)
+        build_disk(disk, image, tmp, f"disk{i}", i)
         images.append(image)
 
     shares = []

@@ -1,0 +1,391 @@
+// Image disks: disk-image files stored on a volume of the list, attached read-only to a
+// free loop device, with the loop device's partitions as volumes of their own.
+//
+// While an image is attached, the volume that stores it keeps one mount hold (the file
+// lies in its mount directory). Every step that fails undoes the steps before it: the
+// loop device is detached again and the hold given back.
+#include <fsic/disk_list.h>
+#include <fsic/mount.h>
+#include <fsic/util.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <memory>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include "fs/image_disk.h"
+#include "fs/partition.h"
+#include "fs/udev_util.h"
+#include "util/dir_iter.h"
+
+namespace {
+
+constexpr const char *kSysClassBlock = "/sys/class/block";
+constexpr unsigned kLoopMajor = 7;
+// The udev queue must empty within this many whole seconds (measured with time(), so
+// the real limit lies between 5 and 6 seconds).
+constexpr time_t kSettleSeconds = 5;
+constexpr long kSettlePollNanoseconds = 50L * 1000 * 1000;
+
+// Owns a file descriptor; closes it when it goes out of scope.
+class fd_owner {
+public:
+  explicit fd_owner(int fd) noexcept : fd_(fd) {}
+  fd_owner(const fd_owner &) = delete;
+  fd_owner &operator=(const fd_owner &) = delete;
+  ~fd_owner() {
+    if (fd_ >= 0)
+      close(fd_);
+  }
+  int get() const noexcept { return fd_; }
+  bool ok() const noexcept { return fd_ >= 0; }
+
+private:
+  int fd_;
+};
+
+struct free_deleter {
+  void operator()(char *p) const noexcept { free(p); }
+};
+using str_ptr = std::unique_ptr<char, free_deleter>;
+
+// ---- udev settling -----------------------------------------------------------------
+
+// Waits until udev's event queue is empty, polling every 50 ms; 8 after the time
+// limit, 1 when the queue cannot be watched.
+fsic_status _sync_udev(struct udev *udev) noexcept {
+  fsic::udev_queue_ptr queue(udev_queue_new(udev));
+  if (!queue)
+    return FSIC_ERR_FAILED;
+  const time_t start = time(nullptr);
+  for (;;) {
+    if (udev_queue_get_queue_is_empty(queue.get()))
+      return FSIC_OK;
+    struct timespec pause = {0, kSettlePollNanoseconds};
+    nanosleep(&pause, nullptr);
+    if (time(nullptr) - start > kSettleSeconds)
+      return FSIC_ERR_UDEV_TIMEOUT;
+  }
+}
+
+// The same with a udev context of its own.
+fsic_status sync_udev() noexcept {
+  fsic::udev_ptr udev(udev_new());
+  if (!udev)
+    return FSIC_ERR_FAILED;
+  return _sync_udev(udev.get());
+}
+
+// ---- loop devices ------------------------------------------------------------------
+
+// A loop device is free when asking for its status fails with ENXIO (nothing bound);
+// a device that cannot be opened or answers otherwise counts as used.
+bool loop_device_is_free(const char *devnode) noexcept {
+  fd_owner fd(open(devnode, O_RDONLY | O_CLOEXEC));
+  if (!fd.ok())
+    return false;
+  struct loop_info info;
+  return ioctl(fd.get(), LOOP_GET_STATUS, &info) == -1 && errno == ENXIO;
+}
+
+// The first free loop device, loop0, loop1, ... up to the first name that sysfs does
+// not have (7 then). The udev device of the result goes to *out.
+fsic_status find_unused_loop_device(struct udev *udev, fsic::udev_device_ptr *out) noexcept {
+  char path[1024];
+  for (int n = 0;; n++) {
+    snprintf(path, sizeof path, "%s/loop%d", kSysClassBlock, n);
+    struct stat st;
+    if (stat(path, &st) != 0)
+      return FSIC_ERR_UNAVAILABLE;
+    // An entry that cannot be resolved is passed over; a later one may be free.
+    if (ic_util_resolve_link(path, sizeof path) != 0)
+      continue;
+    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
+    if (!dev)
+      return FSIC_ERR_FAILED;
+    if (major(udev_device_get_devnum(dev.get())) != kLoopMajor)
+      continue;
+    const char *devnode = udev_device_get_devnode(dev.get());
+    if (!devnode)
+      return FSIC_ERR_FAILED;
+    if (loop_device_is_free(devnode)) {
+      *out = std::move(dev);
+      return FSIC_OK;
+    }
+  }
+}
+
+// Records the file name in the loop device's status (cut to the 64-byte field), with
+// the 64-bit request first and the legacy one when that is refused.
+int set_loop_status(int loop_fd, const char *file_name) noexcept {
+  struct loop_info64 info64;
+  memset(&info64, 0, sizeof info64);
+  ic_util_strscpyl(reinterpret_cast<char *>(info64.lo_file_name), sizeof info64.lo_file_name,
+                   file_name, nullptr);
+  if (ioctl(loop_fd, LOOP_SET_STATUS64, &info64) == 0)
+    return 0;
+  struct loop_info info;
+  memset(&info, 0, sizeof info);
+  ic_util_strscpyl(info.lo_name, sizeof info.lo_name, file_name, nullptr);
+  return ioctl(loop_fd, LOOP_SET_STATUS, &info);
+}
+
+// Binds the whole file, read-only, to the loop device. The binding outlives both
+// descriptors.
+fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
+  fd_owner file(open(file_name, O_RDONLY | O_CLOEXEC));
+  if (!file.ok())
+    return FSIC_ERR_FAILED;
+  fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
+  if (!loop.ok())
+    return FSIC_ERR_FAILED;
+  if (ioctl(loop.get(), LOOP_SET_FD, file.get()) != 0)
+    return FSIC_ERR_FAILED;
+  if (set_loop_status(loop.get(), file_name) != 0) {
+    ioctl(loop.get(), LOOP_CLR_FD, 0);
+    return FSIC_ERR_FAILED;
+  }
+  return FSIC_OK;
+}
+
+// Unbinds whatever file the loop device holds.
+fsic_status _clear_loop(const char *devnode) noexcept {
+  fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
+  if (!loop.ok())
+    return FSIC_ERR_FAILED;
+  return ioctl(loop.get(), LOOP_CLR_FD, 0) == 0 ? FSIC_OK : FSIC_ERR_FAILED;
+}
+
+// Detaches an attached image: unbinds the loop device, lets udev handle the events and
+// gives back the hold on the storing volume. When the device cannot be unbound the hold
+// is kept (the file is still in use) and 1 is returned.
+fsic_status clear_loop(const char *devnode, fs_volume *volume) noexcept {
+  if (_clear_loop(devnode) != FSIC_OK)
+    return FSIC_ERR_FAILED;
+  sync_udev();
+  fs_volume_release_mount_point(volume);
+  return FSIC_OK;
+}
+
+// Binds "<mount point><path>" to the loop device and waits until udev has seen the new
+// device and its partitions; a loop device bound here is unbound again on failure.
+fsic_status attach_file(struct udev_device *loop, const char *mount_point,
+                        const char *path) noexcept {
+  const char *devnode = udev_device_get_devnode(loop);
+  str_ptr file_name(ic_util_dupstrs(mount_point, path, nullptr));
+  if (!file_name)
+    return FSIC_ERR_NO_MEMORY;
+  fsic_status status = _set_loop(devnode, file_name.get());
+  if (status != FSIC_OK)
+    return status;
+  status = _sync_udev(udev_device_get_udev(loop));
+  if (status != FSIC_OK)
+    _clear_loop(devnode);
+  return status;
+}
+
+// Mounts the storing volume (one hold, kept on success) and attaches the image file.
+fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *path) noexcept {
+  const char *mount_point;
+  fsic_status status = fs_volume_get_mount_point(volume, &mount_point);
+  if (status != FSIC_OK)
+    return status;
+  status = attach_file(loop, mount_point, path);
+  if (status != FSIC_OK)
+    fs_volume_release_mount_point(volume);
+  return status;
+}
+
+// ---- records -------------------------------------------------------------------------
+
+void destroy_partitions(fs_image_disk *image) noexcept {
+  list_head *pos = image->partitions.next;
+  while (pos != &image->partitions) {
+    list_head *next = pos->next;
+    _fs_destroy_partition(list_entry(pos, fs_partition, link));
+    pos = next;
+  }
+}
+
+// Frees the texts and the record of an image disk whose partition list is empty.
+void free_image_record(fs_image_disk *image) noexcept {
+  free(image->path);
+  free(image->devnode);
+  free(image->syspath);
+  free(image->name);
+  free(image);
+}
+
+// True when `syspath` names a device directly below the directory `parent` in sysfs.
+bool is_child_of(const char *syspath, const char *parent) noexcept {
+  const char *slash = strrchr(syspath, '/');
+  if (!slash)
+    return false;
+  const size_t len = static_cast<size_t>(slash - syspath);
+  return strncmp(parent, syspath, len) == 0 && parent[len] == '\0';
+}
+
+// Looks at one entry of /sys/class/block: a partition below the image's loop device
+// becomes an image partition of it.
+fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image, char *path) noexcept {
+  if (ic_util_resolve_link(path, 1024) != 0)
+    return FSIC_ERR_FAILED;
+  if (!is_child_of(path, image->syspath))
+    return FSIC_OK;
+  fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
+  if (!dev)
+    return FSIC_ERR_FAILED;
+  if (!_fs_is_partition(dev.get()))
+    return FSIC_OK;
+  fs_partition *part;
+  fsic_status status = _fs_create_partition(dev.get(), &_fs_image_partition_ops, &part);
+  if (status != FSIC_OK)
+    return status;
+  list_add_tail(&part->link, &image->partitions);
+  part->disk = image;
+  return FSIC_OK;
+}
+
+// Finds the partitions of the image's loop device in sysfs, in directory order. On
+// failure none is left.
+fsic_status create_partitions(struct udev *udev, fs_image_disk *image) noexcept {
+  fs_dir_iter iter;
+  if (_fs_dir_iterate_begin(&iter, kSysClassBlock) != 0)
+    return FSIC_ERR_FAILED;
+  fsic_status status = FSIC_OK;
+  char path[1024];
+  for (;;) {
+    char *entry;
+    if (_fs_dir_iterate_next(&iter, path, sizeof path, &entry) != 0) {
+      status = FSIC_ERR_FAILED;
+      break;
+    }
+    if (!entry)
+      break;
+    status = add_partition_entry(udev, image, path);
+    if (status != FSIC_OK)
+      break;
+  }
+  _fs_dir_iterate_end(&iter);
+  if (status != FSIC_OK)
+    destroy_partitions(image);
+  return status;
+}
+
+// The record of an image attached to `loop`, with its partitions.
+fsic_status _create_image_disk(struct udev *udev, struct udev_device *loop, fs_volume *volume,
+                               const char *path, const char *name,
+                               fs_image_disk **out) noexcept {
+  auto *image = static_cast<fs_image_disk *>(ic_util_zalloc(sizeof(fs_image_disk)));
+  if (!image)
+    return FSIC_ERR_NO_MEMORY;
+  INIT_LIST_HEAD(&image->link);
+  INIT_LIST_HEAD(&image->partitions);
+  image->name = strdup(name);
+  image->syspath = strdup(udev_device_get_syspath(loop));
+  image->devnode = strdup(udev_device_get_devnode(loop));
+  image->path = strdup(path);
+  image->volume = volume;
+  if (!image->name || !image->syspath || !image->devnode || !image->path) {
+    free_image_record(image);
+    return FSIC_ERR_NO_MEMORY;
+  }
+  fsic_status status = create_partitions(udev, image);
+  if (status != FSIC_OK) {
+    free_image_record(image);
+    return status;
+  }
+  *out = image;
+  return FSIC_OK;
+}
+
+// Attaches the image file `path` of `volume` to a free loop device and makes its record.
+fsic_status create_image_disk(fs_volume *volume, const char *path, const char *name,
+                              fs_image_disk **out) noexcept {
+  fsic::udev_ptr udev(udev_new());
+  if (!udev)
+    return FSIC_ERR_FAILED;
+  fsic::udev_device_ptr loop;
+  fsic_status status = find_unused_loop_device(udev.get(), &loop);
+  if (status != FSIC_OK)
+    return status;
+  status = set_loop(loop.get(), volume, path);
+  if (status != FSIC_OK)
+    return status;
+  status = _create_image_disk(udev.get(), loop.get(), volume, path, name, out);
+  if (status != FSIC_OK)
+    clear_loop(udev_device_get_devnode(loop.get()), volume);
+  return status;
+}
+
+// Drops the mounts of the image's partitions, frees them, unlinks the image, detaches
+// its loop device (whatever the outcome) and frees the record.
+void destroy_image_disk(fs_image_disk *image) noexcept {
+  destroy_partitions(image);
+  list_del(&image->link);
+  clear_loop(image->devnode, image->volume);
+  free_image_record(image);
+}
+
+fs_image_disk *find_image_disk(fs_disk_list *list, const char *name) noexcept {
+  for (fs_image_disk *i = fs_disk_list_first_image_disk(list); i;
+       i = fs_disk_list_next_image_disk(list, i))
+    if (strcmp(i->name, name) == 0)
+      return i;
+  return nullptr;
+}
+
+bool has_mounted_partition(fs_image_disk *image) noexcept {
+  for (fs_partition *p = fs_image_disk_first_partition(image); p;
+       p = fs_image_disk_next_partition(image, p))
+    if (p->volume.mount_count > 0)
+      return true;
+  return false;
+}
+
+} // namespace
+
+extern "C" fsic_status fs_disk_list_add_image_disk(fs_disk_list *list, fs_volume *volume,
+                                                   const char *path, const char *name,
+                                                   fs_image_disk **out) noexcept {
+  if (path[0] != '/')
+    return FSIC_ERR_RELATIVE_PATH;
+  // Names are checked before any loop device is touched.
+  if (find_image_disk(list, name))
+    return FSIC_ERR_EXISTS;
+  fs_image_disk *image;
+  fsic_status status = create_image_disk(volume, path, name, &image);
+  if (status != FSIC_OK)
+    return status;
+  list_add_tail(&image->link, &list->image_disks);
+  image->disk_list = list;
+  if (out)
+    *out = image;
+  return FSIC_OK;
+}
+
+extern "C" fsic_status fs_disk_list_remove_image_disk(fs_disk_list *list,
+                                                      fs_image_disk *image) noexcept {
+  (void)list;
+  if (has_mounted_partition(image))
+    return FSIC_ERR_BUSY;
+  destroy_image_disk(image);
+  return FSIC_OK;
+}
+
+extern "C" void _fs_destroy_image_disks(fs_disk_list *list) noexcept {
+  list_head *pos = list->image_disks.prev;
+  while (pos != &list->image_disks) {
+    list_head *prev = pos->prev;
+    destroy_image_disk(list_entry(pos, fs_image_disk, link));
+    pos = prev;
+  }
+}

@@ -1,0 +1,60 @@
+#!/bin/bash
+# Loop devices in the way of image disks, on the machine of the image-disk scenario:
+# loop0 taken by someone else (loop1 is used); two images A then B (destroying the
+# list detaches B first); the loop driver without partition scanning (the image disk
+# has no partitions); the driver with two loop devices, both taken (status 7). After
+# each step: no loop device left attached by the program, nothing mounted under /tmp,
+# nothing left in /tmp.
+set -u
+prog=$FSIC_IMAGE_DISK
+vmdk=/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf/esxconsole-flat.vmdk
+plain=/images/plain.img
+
+# Each step is announced on stdout and stderr alike, so that error lines can be told
+# apart.
+step() { echo "== $*"; echo "== $*" >&2; }
+
+afterwards() {
+  local name file loops=()
+  while read -r name file; do loops+=("$name $file"); done < <(losetup -n -l -O NAME,BACK-FILE | sort)
+  echo "-- loop devices attached: ${loops[*]:-none}"
+  echo "-- mounts under /tmp: $(grep -c ' /tmp/' /proc/self/mounts)"
+  echo "-- entries in /tmp: $(ls -A /tmp | wc -l)"
+}
+
+# Files for the loop devices taken by "someone else" (not in /tmp, which must stay
+# empty).
+truncate -s 1M /dev/shm/busy0.img /dev/shm/busy1.img
+
+step "loop0 taken"
+losetup /dev/loop0 /dev/shm/busy0.img
+"$prog" report test "$vmdk"
+echo "status $?"
+afterwards
+losetup -d /dev/loop0
+
+step "two images, A then B"
+"$prog" report A "$vmdk" B "$plain"
+echo "status $?"
+afterwards
+
+step "no partition scanning"
+rmmod loop && modprobe loop && udevadm settle
+echo "loop max_part: $(</sys/module/loop/parameters/max_part)"
+"$prog" report test "$vmdk"
+echo "status $?"
+afterwards
+
+step "two loop devices, both taken"
+rmmod loop && modprobe loop max_loop=2 max_part=15 && udevadm settle
+echo "loop devices: $(cd /sys/class/block && echo loop*)"
+losetup /dev/loop0 /dev/shm/busy0.img
+losetup /dev/loop1 /dev/shm/busy1.img
+"$prog" report test "$vmdk"
+echo "status $?"
+"$prog" image-disk
+echo "status $?"
+afterwards
+losetup -d /dev/loop0 /dev/loop1
+rm /dev/shm/busy0.img /dev/shm/busy1.img
+afterwards

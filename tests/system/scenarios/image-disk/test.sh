@@ -1,0 +1,102 @@
+#!/bin/bash
+# The driver's image-disk and mount scenarios on a machine whose second disk stores a
+# service-console disk image, the disk list with that image added (its partitions
+# identified and mounted), removal of an image while its partition is held, and the
+# two mount scenarios driven through their standard input. After each step: no loop
+# device attached, nothing mounted under /tmp, nothing left in /tmp.
+set -u
+shopt -s extglob
+prog=$FSIC_IMAGE_DISK
+vmdk=/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf/esxconsole-flat.vmdk
+
+# Each step is announced on stdout and stderr alike, so that error lines can be told
+# apart.
+step() { echo "== $*"; echo "== $*" >&2; }
+
+afterwards() {
+  local name file loops=()
+  while read -r name file; do loops+=("$name $file"); done < <(losetup -n -l -O NAME,BACK-FILE | sort)
+  echo "-- loop devices attached: ${loops[*]:-none}"
+  echo "-- mounts under /tmp: $(grep -c ' /tmp/' /proc/self/mounts)"
+  echo "-- entries in /tmp: $(ls -A /tmp | wc -l)"
+}
+
+# The mount line of a directory: device, file system type and options.
+mount_of() {
+  local dev dir type opts rest
+  while read -r dev dir type opts rest; do
+    [[ $dir == "$1" ]] && { echo "$dev $type $opts"; return; }
+  done </proc/self/mounts
+  echo "not mounted"
+}
+
+# A mount directory with the base directory's name (date, time and pid) replaced.
+anonymous() {
+  if [[ $1 =~ ^/tmp/fs\.[0-9]{17}\.[0-9]+/([a-z0-9]+)$ ]]; then
+    echo "/tmp/fs.<stamp>.<pid>/${BASH_REMATCH[1]}"
+  else
+    echo "unexpected directory: $1"
+  fi
+}
+
+# wait_unmounted DIR: up to 10 s until DIR is no mount point any more.
+wait_unmounted() {
+  local i
+  for ((i = 0; i < 200; i++)); do
+    [[ $(mount_of "$1") == "not mounted" ]] && return 0
+    sleep 0.05
+  done
+  return 1
+}
+
+step "test_image_disk"
+"$prog" image-disk
+echo "status $?"
+afterwards
+
+step "the image in the disk list"
+"$prog" report test "$vmdk"
+echo "status $?"
+afterwards
+
+step "removal while a partition is held"
+"$prog" hold test "$vmdk"
+echo "status $?"
+afterwards
+
+step "test_mount"
+coproc MOUNT { "$prog" mount; }
+mount_pid=$MOUNT_PID
+read -r -u "${MOUNT[0]}" line1
+read -r -u "${MOUNT[0]}" line2
+dir1=${line1#*: } dir2=${line2#*: }
+echo "printed: ${line1%%: *}: $(anonymous "$dir1")"
+echo "printed: ${line2%%: *}: $(anonymous "$dir2")"
+echo "mounted: $(mount_of "$dir1"); $(mount_of "$dir2")"
+echo "same base directory: $([[ ${dir1%/*} == "${dir2%/*}" ]] && echo yes || echo no)"
+echo "partition 1: $(<"$dir1/one.txt")"
+echo "partition 2: $(<"$dir2/two.txt")"
+printf x >&"${MOUNT[1]}"
+wait_unmounted "$dir2" || echo "partition 2 still mounted"
+echo "after one character: partition 2 $(mount_of "$dir2"), partition 1 $(mount_of "$dir1")"
+echo "directory of partition 2 left: $([[ -e $dir2 ]] && echo yes || echo no)"
+printf x >&"${MOUNT[1]}"
+wait "$mount_pid"
+echo "status $?"
+afterwards
+
+step "test_mount2"
+coproc MOUNT2 { "$prog" mount2; }
+mount2_pid=$MOUNT2_PID
+dir=
+for ((i = 0; i < 200 && ${#dir} == 0; i++)); do
+  while read -r d mp rest; do
+    [[ $mp == /tmp/fs.* ]] && dir=$mp
+  done </proc/self/mounts
+  ((${#dir})) || sleep 0.05
+done
+echo "held: $(anonymous "$dir"): $(mount_of "$dir")"
+printf x >&"${MOUNT2[1]}"
+wait "$mount2_pid"
+echo "status $?"
+afterwards
