@@ -1,9 +1,10 @@
 // The disk list: physical disks and their partitions from /sys/class/block and udev,
-// iteration over all kinds of record, and destruction.
+// and destruction (walking the list is in disk_list_iter.cpp).
 #include <fsic/disk_list.h>
 #include <fsic/util.h>
 #include <fsic/volume_id.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -82,14 +83,14 @@ void destroy_disks(fs_disk_list *list) noexcept {
 // Every non-removable, non-virtual disk must be identifiable by a serial: a disk
 // without one fails the whole scan.
 fsic_status add_disk(fs_disk_list *list, udev_device *dev) noexcept {
+  // A value that libudev could not read for lack of memory is not taken as missing.
+  errno = 0;
   const char *serial = udev_device_get_property_value(dev, "ID_SERIAL_SHORT");
-  if (!serial)
+  if (!serial && !fsic::udev_ran_out_of_memory())
     serial = udev_device_get_property_value(dev, "ID_SERIAL");
-  if (!serial)
-    return FSIC_ERR_FAILED;
-  const char *devnode = udev_device_get_devnode(dev);
+  const char *devnode = serial ? udev_device_get_devnode(dev) : nullptr;
   if (!devnode)
-    return FSIC_ERR_FAILED;
+    return fsic::udev_ran_out_of_memory() ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
 
   auto *disk = static_cast<fs_disk *>(ic_util_zalloc(sizeof(fs_disk)));
   if (!disk)
@@ -139,18 +140,25 @@ fsic_status add_partition(fs_disk_list *list, udev_device *dev) noexcept {
 
 // First pass: whole disks; removable devices and partitions are skipped.
 fsic_status disk_pass(fs_disk_list *list, udev_device *dev) noexcept {
+  errno = 0;
   const char *removable = udev_device_get_sysattr_value(dev, "removable");
+  if (!removable && fsic::udev_ran_out_of_memory())
+    return FSIC_ERR_NO_MEMORY;
   if (removable && strcmp(removable, "1") == 0)
     return FSIC_OK;
+  errno = 0;
   if (_fs_is_partition(dev))
     return FSIC_OK;
+  if (fsic::udev_ran_out_of_memory())
+    return FSIC_ERR_NO_MEMORY;
   return add_disk(list, dev);
 }
 
 // Second pass: partitions, attached to the disks found by the first.
 fsic_status partition_pass(fs_disk_list *list, udev_device *dev) noexcept {
+  errno = 0;
   if (!_fs_is_partition(dev))
-    return FSIC_OK;
+    return fsic::udev_ran_out_of_memory() ? FSIC_ERR_NO_MEMORY : FSIC_OK;
   return add_partition(list, dev);
 }
 
@@ -205,16 +213,25 @@ extern "C" int _fs_is_partition(struct udev_device *dev) noexcept {
 
 extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_volume_ops *ops,
                                             fs_partition **out) noexcept {
+  errno = 0;
   const char *devnode = udev_device_get_devnode(dev);
   if (!devnode)
-    return FSIC_ERR_FAILED;
+    return fsic::udev_ran_out_of_memory() ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
+  // Values missing for lack of memory would make a wrong record silently.
+  const char *uuid = udev_device_get_property_value(dev, "ID_FS_UUID");
+  if (!uuid && fsic::udev_ran_out_of_memory())
+    return FSIC_ERR_NO_MEMORY;
+  const char *fs_type = udev_device_get_property_value(dev, "ID_FS_TYPE");
+  if (!fs_type && fsic::udev_ran_out_of_memory())
+    return FSIC_ERR_NO_MEMORY;
+  const char *sysnum = udev_device_get_sysnum(dev);
+  if (!sysnum && fsic::udev_ran_out_of_memory())
+    return FSIC_ERR_NO_MEMORY;
   auto *part = static_cast<fs_partition *>(ic_util_zalloc(sizeof(fs_partition)));
   if (!part)
     return FSIC_ERR_NO_MEMORY;
   part->volume.ops = ops;
 
-  const char *uuid = udev_device_get_property_value(dev, "ID_FS_UUID");
-  const char *fs_type = udev_device_get_property_value(dev, "ID_FS_TYPE");
   part->volume.syspath = strdup(udev_device_get_syspath(dev));
   part->volume.devnode = strdup(devnode);
   bool copied = part->volume.syspath && part->volume.devnode;
@@ -230,7 +247,6 @@ extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_vo
     free(part);
     return FSIC_ERR_NO_MEMORY;
   }
-  const char *sysnum = udev_device_get_sysnum(dev);
   part->number = sysnum ? atoi(sysnum) : 0;
   *out = part;
   return FSIC_OK;
@@ -279,87 +295,4 @@ extern "C" void fs_disk_list_destroy(fs_disk_list *list) noexcept {
   _fs_destroy_lvm_groups(list);
   free(list->base_dir);
   free(list);
-}
-
-// ---- iteration -----------------------------------------------------------------------
-
-// The record whose `link` follows `pos` in the list headed by `head`, or null at the
-// end. With pos == head it is the first record.
-#define RECORD_AFTER(head, pos, type) \
-  ((pos)->next == (head) ? nullptr : list_entry((pos)->next, type, link))
-
-extern "C" fs_disk *fs_disk_list_first_disk(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->disks, &list->disks, fs_disk);
-}
-
-extern "C" fs_disk *fs_disk_list_next_disk(fs_disk_list *list, fs_disk *disk) noexcept {
-  return RECORD_AFTER(&list->disks, &disk->link, fs_disk);
-}
-
-extern "C" fs_partition *fs_disk_first_partition(fs_disk *disk) noexcept {
-  return RECORD_AFTER(&disk->partitions, &disk->partitions, fs_partition);
-}
-
-extern "C" fs_partition *fs_disk_next_partition(fs_disk *disk, fs_partition *part) noexcept {
-  return RECORD_AFTER(&disk->partitions, &part->link, fs_partition);
-}
-
-extern "C" fs_partition *fs_disk_partition_by_number(fs_disk *disk, int number) noexcept {
-  for (fs_partition *p = fs_disk_first_partition(disk); p; p = fs_disk_next_partition(disk, p))
-    if (p->number == number)
-      return p;
-  return nullptr;
-}
-
-extern "C" fs_image_disk *fs_disk_list_first_image_disk(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->image_disks, &list->image_disks, fs_image_disk);
-}
-
-extern "C" fs_image_disk *fs_disk_list_next_image_disk(fs_disk_list *list,
-                                                       fs_image_disk *image) noexcept {
-  return RECORD_AFTER(&list->image_disks, &image->link, fs_image_disk);
-}
-
-extern "C" fs_partition *fs_image_disk_first_partition(fs_image_disk *image) noexcept {
-  return RECORD_AFTER(&image->partitions, &image->partitions, fs_partition);
-}
-
-extern "C" fs_partition *fs_image_disk_next_partition(fs_image_disk *image,
-                                                      fs_partition *part) noexcept {
-  return RECORD_AFTER(&image->partitions, &part->link, fs_partition);
-}
-
-extern "C" fs_partition *fs_image_disk_partition_by_number(fs_image_disk *image,
-                                                           int number) noexcept {
-  for (fs_partition *p = fs_image_disk_first_partition(image); p;
-       p = fs_image_disk_next_partition(image, p))
-    if (p->number == number)
-      return p;
-  return nullptr;
-}
-
-extern "C" fs_lvm_group *fs_disk_list_first_lvm_group(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->lvm_groups, &list->lvm_groups, fs_lvm_group);
-}
-
-extern "C" fs_lvm_group *fs_disk_list_next_lvm_group(fs_disk_list *list,
-                                                     fs_lvm_group *group) noexcept {
-  return RECORD_AFTER(&list->lvm_groups, &group->link, fs_lvm_group);
-}
-
-extern "C" fs_lvm_volume *fs_lvm_group_first_volume(fs_lvm_group *group) noexcept {
-  return RECORD_AFTER(&group->volumes, &group->volumes, fs_lvm_volume);
-}
-
-extern "C" fs_lvm_volume *fs_lvm_group_next_volume(fs_lvm_group *group,
-                                                   fs_lvm_volume *volume) noexcept {
-  return RECORD_AFTER(&group->volumes, &volume->link, fs_lvm_volume);
-}
-
-extern "C" fs_volume *fs_disk_list_find_volume(fs_disk_list *list, fs_volume_id *id) noexcept {
-  return id->ops->find_volume(id, list);
-}
-
-extern "C" fsic_status fs_volume_create_id(fs_volume *volume, fs_volume_id **out) noexcept {
-  return volume->ops->create_id(volume, out);
 }

@@ -111,7 +111,11 @@ fsic_status find_unused_loop_device(struct udev *udev, fsic::udev_device_ptr *ou
     fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
     if (!dev)
       return FSIC_ERR_FAILED;
-    if (major(udev_device_get_devnum(dev.get())) != kLoopMajor)
+    errno = 0;
+    const dev_t devnum = udev_device_get_devnum(dev.get());
+    if (devnum == 0 && fsic::udev_ran_out_of_memory())
+      return FSIC_ERR_NO_MEMORY;
+    if (major(devnum) != kLoopMajor)
       continue;
     const char *devnode = udev_device_get_devnode(dev.get());
     if (!devnode)
@@ -156,12 +160,35 @@ fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
   return FSIC_OK;
 }
 
-// Unbinds whatever file the loop device holds.
+// Waits until the loop device holds no file any more (its sysfs attribute
+// loop/backing_file is gone), polling like the udev wait and within its time limit.
+void wait_unbound(const char *devnode) noexcept {
+  const char *name = strrchr(devnode, '/');
+  char path[1024];
+  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock,
+           name ? name + 1 : devnode);
+  const time_t start = time(nullptr);
+  while (access(path, F_OK) == 0 && time(nullptr) - start <= kSettleSeconds) {
+    struct timespec pause = {0, kSettlePollNanoseconds};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+// Unbinds whatever file the loop device holds. While someone else has the device open
+// (udev probing it and its partitions, just after it was bound) the kernel only marks it
+// to be unbound at the last close: this waits for that, so that the file, and the
+// volume that stores it, are free again when it returns (else unmounting that volume
+// would fail and its mount would be left behind).
 fsic_status _clear_loop(const char *devnode) noexcept {
-  fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
-  if (!loop.ok())
-    return FSIC_ERR_FAILED;
-  return ioctl(loop.get(), LOOP_CLR_FD, 0) == 0 ? FSIC_OK : FSIC_ERR_FAILED;
+  {
+    fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
+    if (!loop.ok())
+      return FSIC_ERR_FAILED;
+    if (ioctl(loop.get(), LOOP_CLR_FD, 0) != 0)
+      return FSIC_ERR_FAILED;
+  }
+  wait_unbound(devnode);
+  return FSIC_OK;
 }
 
 // Detaches an attached image: unbinds the loop device, lets udev handle the events and
@@ -243,8 +270,9 @@ fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image, char *p
   fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
   if (!dev)
     return FSIC_ERR_FAILED;
+  errno = 0;
   if (!_fs_is_partition(dev.get()))
-    return FSIC_OK;
+    return fsic::udev_ran_out_of_memory() ? FSIC_ERR_NO_MEMORY : FSIC_OK;
   fs_partition *part;
   fsic_status status = _fs_create_partition(dev.get(), &_fs_image_partition_ops, &part);
   if (status != FSIC_OK)

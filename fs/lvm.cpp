@@ -5,6 +5,7 @@
 #include <fsic/util.h>
 #include <fsic/volume_id.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -85,7 +86,12 @@ fsic_status create_volume_record(fs_lvm_group *group, const char *name,
   if (!lv)
     return FSIC_ERR_NO_MEMORY;
   lv->volume.ops = &lvm_volume_ops;
+  errno = 0;
   const char *fs_type = udev_device_get_property_value(dev, "ID_FS_TYPE");
+  if (!fs_type && fsic::udev_ran_out_of_memory()) {
+    free(lv);
+    return FSIC_ERR_NO_MEMORY;
+  }
   lv->volume.syspath = strdup(udev_device_get_syspath(dev));
   lv->volume.devnode = strdup(devnode);
   lv->name = strdup(name);

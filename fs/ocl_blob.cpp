@@ -236,11 +236,21 @@ static fsic_status read_count(rb *buf, int32_t *out) noexcept {
   return FSIC_OK;
 }
 
-static fsic_status read_dir_info(rb *buf, uint32_t flags, fs_ocl_dir_info **out) noexcept;
+/* Deepest nesting of info records that the reader accepts (the root's record is level
+ * 1). Reading, writing and destroying an info tree recurse once per level, so a blob
+ * nested deeper than the stack can hold would crash the process: a few bytes per level
+ * suffice (70000 levels, some 770 KB, overflow an 8 MB stack). A scanned tree stays far
+ * below this, as every path in it is shorter than PATH_MAX (4096 bytes, at least two
+ * per level); a deeper blob is treated like a count too large to allocate: status 3. */
+#define MAX_INFO_DEPTH 4096u
+
+static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
+                                 fs_ocl_dir_info **out) noexcept;
 
 /* The counts grow as entries are read, so that a failure part-way frees (and touches)
  * only what was read; a huge count costs no more than the blob that backs it. */
-static fsic_status read_subdirs(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
+static fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
+                                fs_ocl_dir_info *info) noexcept {
   int32_t total;
   TRY(read_count(buf, &total));
   uint32_t count = (uint32_t)total;
@@ -260,7 +270,7 @@ static fsic_status read_subdirs(rb *buf, uint32_t flags, fs_ocl_dir_info *info) 
     TRY(read_zstr(buf, &info->subdir_names[i]));
     info->subdir_count = (int32_t)i + 1;
     /* Kept even when empty: the blob is taken as it is. */
-    TRY(read_dir_info(buf, flags, &info->subdir_infos[i]));
+    TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
     if (flags & CONTROL_ATTRS)
       TRY(read_dir_attrs(buf, &info->subdir_attrs[i]));
   }
@@ -295,12 +305,16 @@ static fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) no
   return FSIC_OK;
 }
 
-/* One info record with its subtree; nothing is left allocated on failure. */
-static fsic_status read_dir_info(rb *buf, uint32_t flags, fs_ocl_dir_info **out) noexcept {
+/* One info record at nesting level `depth` with its subtree; nothing is left allocated
+ * on failure. */
+static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
+                                 fs_ocl_dir_info **out) noexcept {
+  if (depth > MAX_INFO_DEPTH)
+    return FSIC_ERR_NO_MEMORY;
   fs_ocl_dir_info *info = static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(*info)));
   if (!info)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = read_subdirs(buf, flags, info);
+  fsic_status status = read_subdirs(buf, flags, depth, info);
   if (status == FSIC_OK)
     status = read_files(buf, flags, info);
   if (status != FSIC_OK) {
@@ -368,7 +382,7 @@ static fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
   uint32_t flags = flags16;
   if (status == FSIC_OK) {
     if (flags & EACH_FILE) {
-      status = read_dir_info(buf, flags, &info);
+      status = read_dir_info(buf, flags, 1, &info);
       if (status == FSIC_OK && (flags & CONTROL_ATTRS))
         status = read_and_alloc_dir_attrs(buf, &attrs);
     } else {

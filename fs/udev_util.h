@@ -4,6 +4,7 @@
 
 #include <libudev.h>
 
+#include <cerrno>
 #include <memory>
 
 namespace fsic {
@@ -21,6 +22,18 @@ struct udev_queue_unref_deleter {
 using udev_ptr = std::unique_ptr<struct udev, udev_unref_deleter>;
 using udev_device_ptr = std::unique_ptr<struct udev_device, udev_device_unref_deleter>;
 using udev_queue_ptr = std::unique_ptr<struct udev_queue, udev_queue_unref_deleter>;
+
+// libudev's getters (properties, system attributes, device node, number) give null, or
+// device number 0, both when the value is not there and when libudev runs out of memory
+// reading it; only errno tells the two apart. Reset errno, call the getter, then ask:
+//
+//   errno = 0;
+//   const char *type = udev_device_get_property_value(dev, "ID_FS_TYPE");
+//   if (!type && fsic::udev_ran_out_of_memory())
+//     return FSIC_ERR_NO_MEMORY;
+//
+// A value taken as missing when memory ran out would make a wrong record silently.
+inline bool udev_ran_out_of_memory() noexcept { return errno == ENOMEM; }
 
 } // namespace fsic
 

@@ -18,6 +18,9 @@ packages=(
   libgtest-dev libgmock-dev libgcrypt20-dev librhash-dev rhash libbotan-2-dev
   # integration tests: real ext4 images on loop devices
   e2fsprogs util-linux mount kmod
+  # the 32-bit (-m32) build of the portable code; its GoogleTest is built from these
+  # sources
+  gcc-multilib g++-multilib googletest
 )
 
 if [[ "${1:-}" == "--guest" ]]; then

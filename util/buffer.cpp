@@ -61,7 +61,12 @@ fsic_status wb_write_str(wb *buf, const char *str) noexcept {
   fsic_status status = wb_write_uint16(buf, (uint16_t)len);
   if (status != FSIC_OK)
     return status;
-  return wb_write(buf, str, (uint32_t)len);
+  status = wb_write(buf, str, (uint32_t)len);
+  /* Like the other writers, a failed one leaves nothing written: the length goes again
+   * (the block may have grown for it, which changes no byte written before). */
+  if (status != FSIC_OK)
+    buf->used -= (uint32_t)sizeof(uint16_t);
+  return status;
 }
 
 uint8_t *wb_finalize(wb *buf, int discard) noexcept {

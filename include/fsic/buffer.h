@@ -39,7 +39,8 @@ FSIC_API fsic_status wb_init(wb *buf, uint32_t initial) FSIC_NOEXCEPT;
 FSIC_API fsic_status wb_write(wb *buf, const void *bytes, uint32_t n) FSIC_NOEXCEPT;
 FSIC_API fsic_status wb_write_uint16(wb *buf, uint16_t value) FSIC_NOEXCEPT;
 FSIC_API fsic_status wb_write_uint32(wb *buf, uint32_t value) FSIC_NOEXCEPT;
-/* The u16 length (modulo 65536) and then all of the string's bytes. */
+/* The u16 length (modulo 65536) and then all of the string's bytes; on 3 neither is
+ * written. */
 FSIC_API fsic_status wb_write_str(wb *buf, const char *str) FSIC_NOEXCEPT;
 
 /* Ends the buffer's life: with `discard` non-zero frees the block and returns NULL;

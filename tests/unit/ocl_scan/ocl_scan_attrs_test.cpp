@@ -15,6 +15,13 @@ namespace {
 
 constexpr uint64_t four_gib = uint64_t{1} << 32;
 
+// Files of 4 GiB and more, and files dated after January 2038, are stat()ed through the
+// 64-bit interfaces (_FILE_OFFSET_BITS=64, _TIME_BITS=64), in a 32-bit build as well;
+// with a 32-bit off_t or time_t their stat would fail with EOVERFLOW instead of giving
+// the size's or the time's low bits.
+static_assert(sizeof(off_t) == 8, "off_t is not 64 bits wide: large-file interfaces are off");
+static_assert(sizeof(time_t) == 8, "time_t is not 64 bits wide: 64-bit time interfaces are off");
+
 fs_ocl_file_attrs read_file_attrs(const std::string &path) {
   fs_ocl_file_attrs a{};
   EXPECT_EQ(_fs_ocl_init_file_attrs(path.c_str(), &a), 0u) << path;
@@ -43,8 +50,6 @@ TEST(OclAttrs, StatToFileAttrsKeepsTheLowBits) {
 }
 
 TEST(OclAttrs, StatToFileAttrsWrapsAWideMtime) {
-  if (sizeof(time_t) < 8)
-    GTEST_SKIP() << "time_t is 32 bits wide here";
   struct stat st {};
   st.st_mtime = static_cast<time_t>(int64_t{0x100000007});
   fs_ocl_file_attrs a{};
@@ -73,15 +78,75 @@ TEST(OclAttrs, SparseFileOfFourGibPlusFiveBytesHasSizeFive) {
   EXPECT_EQ(read_file_attrs(t.path("big")).size, 5u);
 }
 
+// The whole way of a large file: the scanner lists it with the regular files; the
+// per-directory array, a file object and a directory object of a list (attributes
+// only, nothing is read) take the low 32 bits of its size.
+TEST(OclAttrs, SparseFileOfFourGibPlusFiveBytesThroughTheScanAndTheList) {
+  TempTree t;
+  t.dir("d");
+  t.file("d/big");
+  ASSERT_EQ(truncate(t.path("d/big").c_str(), static_cast<off_t>(four_gib + 5)), 0);
+
+  char **files = nullptr, **subdirs = nullptr;
+  int nfiles = 0, nsubdirs = 0;
+  ASSERT_EQ(_fs_ocl_scan_dir(t.path("d").c_str(), nullptr, &files, &nfiles, &subdirs, &nsubdirs),
+            0u);
+  ASSERT_EQ(nfiles, 1);
+  EXPECT_STREQ(files[0], "big");
+  EXPECT_EQ(nsubdirs, 0);
+  PathBuf dir(t.path("d"));
+  fs_ocl_file_attrs *fa = nullptr;
+  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), files, nfiles, &fa), 0u);
+  EXPECT_EQ(fa[0].size, 5u);
+  free(fa);
+  _fs_ocl_free_str_array(files, nfiles);
+  _fs_ocl_free_str_array(subdirs, nsubdirs);
+
+  fs_ocl *ocl = nullptr;
+  ASSERT_EQ(fs_ocl_create(&ocl), 0u);
+  fs_ocl_object *obj = nullptr;
+  ASSERT_EQ(fs_ocl_add_file(ocl, t.root().c_str(), "/d/big", CONTROL_ATTRS, &obj), 0u);
+  auto *file = reinterpret_cast<fs_ocl_file_object *>(obj);
+  ASSERT_NE(file->attrs, nullptr);
+  EXPECT_EQ(file->attrs->size, 5u);
+  EXPECT_EQ(file->hash, nullptr);
+
+  ASSERT_EQ(fs_ocl_add_dir(ocl, t.root().c_str(), "/d", nullptr, EACH_FILE | CONTROL_ATTRS, &obj),
+            0u);
+  auto *d = reinterpret_cast<fs_ocl_dir_object *>(obj);
+  ASSERT_NE(d->info, nullptr);
+  ASSERT_EQ(d->info->file_count, 1);
+  ASSERT_NE(d->info->file_attrs, nullptr);
+  EXPECT_EQ(d->info->file_attrs[0].size, 5u);
+  EXPECT_EQ(d->info->file_hashes, nullptr);
+  fs_ocl_destroy(ocl);
+}
+
 TEST(OclAttrs, MtimeBeyond32BitsWraps) {
-  if (sizeof(time_t) < 8)
-    GTEST_SKIP() << "time_t is 32 bits wide here";
   TempTree t;
   t.file("f");
   t.mtime("f", static_cast<time_t>(int64_t{0x100000009}));
   if (static_cast<int64_t>(t.stat_of("f").st_mtime) != int64_t{0x100000009})
     GTEST_SKIP() << "the file system does not keep times past 2106";
   EXPECT_EQ(read_file_attrs(t.path("f")).mtime, 9u);
+}
+
+// 2040-01-01 00:00:00 UTC: past the range of a 32-bit time_t, within that of the
+// record's 32 bits.
+TEST(OclAttrs, AFileDatedAfter2038IsAddedWithItsTime) {
+  constexpr int64_t y2040 = 2208988800;
+  TempTree t;
+  t.file("f");
+  t.mtime("f", static_cast<time_t>(y2040));
+  if (static_cast<int64_t>(t.stat_of("f").st_mtime) != y2040)
+    GTEST_SKIP() << "the file system does not keep times past 2038";
+  EXPECT_EQ(read_file_attrs(t.path("f")).mtime, uint32_t{2208988800u});
+  fs_ocl *ocl = nullptr;
+  ASSERT_EQ(fs_ocl_create(&ocl), 0u);
+  fs_ocl_object *obj = nullptr;
+  ASSERT_EQ(fs_ocl_add_file(ocl, t.root().c_str(), "/f", CONTROL_ATTRS, &obj), 0u);
+  EXPECT_EQ(reinterpret_cast<fs_ocl_file_object *>(obj)->attrs->mtime, uint32_t{2208988800u});
+  fs_ocl_destroy(ocl);
 }
 
 TEST(OclAttrs, Uid65536IsStoredAsZero) {

@@ -1,5 +1,6 @@
 // File content hashes and directory hashes, with expected values built in the test from
-// the feeding rules and libgcrypt's GOST R 34.11-94 (CryptoPro parameters).
+// the feeding rules and the oracle's GOST R 34.11-94 (CryptoPro parameters): libgcrypt's,
+// or the slow reference where libgcrypt is not at hand.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

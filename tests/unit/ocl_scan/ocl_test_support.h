@@ -1,19 +1,20 @@
 // Shared helpers of the object-control-list engine tests: a temporary directory tree
 // that removes itself (also after a failed assertion, and below PATH_MAX or not), a
-// path buffer owner, GOST R 34.11-94 from libgcrypt as the reference, little-endian
-// encoders, and running a piece of code in a child process without root's privileges.
+// path buffer owner, GOST R 34.11-94 from libgcrypt as the reference (or, in builds
+// without libgcrypt, from the slow reference of tests/unit/hash), little-endian encoders,
+// and running a piece of code in a child process without root's privileges.
 #ifndef FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 #define FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <gcrypt.h>
 #include <grp.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -24,10 +25,27 @@
 
 #include "util/str_buf.h"
 
+#ifdef FSIC_TEST_ORACLE_REFERENCE
+#include "tests/unit/hash/gost_reference.h"
+#else
+#include <gcrypt.h>
+#endif
+
 namespace ocltest {
 
 using Digest = std::array<uint8_t, 32>;
 
+#ifdef FSIC_TEST_ORACLE_REFERENCE
+// The CryptoPro parameter set of GOST R 34.11-94, computed by the slow reference.
+inline Digest gost(const void *data, size_t size) {
+  const gost_ref::block b = gost_ref::digest(1, static_cast<const uint8_t *>(data), size);
+  if (b.size() != 32)
+    throw std::runtime_error("the reference digest is not 32 bytes long");
+  Digest d{};
+  std::copy(b.begin(), b.end(), d.begin());
+  return d;
+}
+#else
 // The CryptoPro parameter set of GOST R 34.11-94, computed by libgcrypt.
 inline Digest gost(const void *data, size_t size) {
   static const bool ready = [] {
@@ -42,6 +60,7 @@ inline Digest gost(const void *data, size_t size) {
   gcry_md_hash_buffer(GCRY_MD_GOSTR3411_CP, d.data(), data, size);
   return d;
 }
+#endif
 inline Digest gost(const std::string &s) { return gost(s.data(), s.size()); }
 
 inline std::string bytes(const Digest &d) { return std::string(d.begin(), d.end()); }

@@ -1,6 +1,7 @@
 // An independent model of the directory hash and the directory control info, written
-// from the feeding rules with std::filesystem, stat() and libgcrypt, to check the
-// library's values against. Each level's message is built in memory and hashed whole.
+// from the feeding rules with std::filesystem, stat() and the oracle hash of
+// ocl_test_support.h (libgcrypt or the slow reference), to check the library's values
+// against. Each level's message is built in memory and hashed whole.
 #ifndef FSIC_TESTS_UNIT_OCL_SCAN_TREE_MODEL_H
 #define FSIC_TESTS_UNIT_OCL_SCAN_TREE_MODEL_H
 

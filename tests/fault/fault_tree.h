@@ -1,0 +1,88 @@
+// The directory tree that the fault tests add to their lists: a few small files (the
+// allocations do not depend on file sizes), files that the masks "*.txt" and "*.bin"
+// admit and one they do not, a kept and a pruned subdirectory, and symbolic links to a
+// file and to a directory (the scanner follows them).
+#ifndef FSIC_TESTS_FAULT_FAULT_TREE_H
+#define FSIC_TESTS_FAULT_FAULT_TREE_H
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <fsic/ocl.h>
+
+namespace faulttest {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void write_file(const std::string &path, const std::string &content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  if (!out)
+    throw std::runtime_error("cannot write " + path);
+}
+
+// Makes the tree in the directory `root` (created).
+inline void make_tree(const std::string &root) {
+  namespace fs = std::filesystem;
+  write_file(root + "/readme.txt", "read me\n");
+  write_file(root + "/data.bin", std::string(700, 'd'));
+  write_file(root + "/notes.log", "not admitted by the masks\n");
+  write_file(root + "/sub/inner.txt", "inner\n");
+  write_file(root + "/sub/deeper/deep.bin", "deep");
+  write_file(root + "/sub/deeper/other.log", "other");
+  write_file(root + "/logs_only/x.log", "pruned under the masks");
+  fs::create_directories(root + "/empty");
+  fs::create_symlink("readme.txt", root + "/link.txt");
+  fs::create_symlink("sub", root + "/to_sub");
+}
+
+// A private directory under /tmp, removed with its contents.
+class temp_dir {
+ public:
+  temp_dir() {
+    std::string templ = "/tmp/fsic-fault-XXXXXX";
+    if (!mkdtemp(templ.data()))
+      throw std::runtime_error("mkdtemp failed");
+    path_ = templ;
+  }
+  ~temp_dir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  temp_dir(const temp_dir &) = delete;
+  temp_dir &operator=(const temp_dir &) = delete;
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// The list's blob, written with the injector disarmed.
+inline Bytes blob_of(const fs_ocl *ocl) {
+  uint8_t *data = nullptr;
+  uint32_t size = 0;
+  if (fs_ocl_write_to_mem(ocl, &data, &size) != FSIC_OK)
+    throw std::runtime_error("the list could not be written");
+  Bytes b(data, data + size);
+  free(data);
+  return b;
+}
+
+// The masks of the tests: "*.txt" and "*.bin".
+inline char *const *test_masks() {
+  static char txt[] = "*.txt", bin[] = "*.bin";
+  static char *const masks[] = {txt, bin, nullptr};
+  return masks;
+}
+
+}  // namespace faulttest
+
+#endif  // FSIC_TESTS_FAULT_FAULT_TREE_H
