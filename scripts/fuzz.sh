@@ -7,8 +7,8 @@
 #   -t SECONDS   run each target for this long (default 60)
 #   -r RUNS      run each target for this many executions instead
 #   -m           merge: afterwards minimise the target's corpus (fuzz/corpus/<target>)
-#                together with what the run found, with -merge=1, and replace it;
-#                named seeds (any file whose name is not a 40-digit hash) are kept
+#                together with what the run found, with -merge=1 on edge coverage,
+#                and replace it; named seeds (a name that is not a 40-digit hash) stay
 #   -M           merge only: no fuzzing run, just the merge of -m
 #   -b DIR       build directory (default build/fuzz)
 #   -j N         ninja jobs (default 2)
@@ -102,11 +102,14 @@ for t in "${targets[@]}"; do
     merged="$work/merged"
     rm -rf "$merged"
     mkdir -p "$merged"
-    # Named seeds go first and stay; libFuzzer adds what else brings new features.
-    find "$root/fuzz/corpus/$t" -maxdepth 1 -type f ! -regex '.*/[0-9a-f]\{40\}' \
-      -exec cp {} "$merged/" \;
+    # Named seeds go first and stay; libFuzzer adds what else brings new edges. Hit
+    # counts are left out (-use_counters=0), which keeps the committed corpus small; the
+    # work directory keeps the full corpus for the next run.
+    find "$root/fuzz/corpus/$t" -maxdepth 1 -type f -regextype posix-extended \
+      ! -regex '.*/[0-9a-f]{40}' -exec cp {} "$merged/" \;
     status=0
-    "$bin" "${limits[@]}" -merge=1 "$merged" "$root/fuzz/corpus/$t" "$work/corpus" 2>&1 |
+    "$bin" "${limits[@]}" -use_counters=0 -merge=1 "$merged" "$root/fuzz/corpus/$t" \
+      "$work/corpus" 2>&1 |
       grep -v 'WARNING: AddressSanitizer failed to allocate' >"$work/merge.log" || status=$?
     if [ $status != 0 ]; then
       echo "fuzz.sh: merging $t failed; see $work/merge.log" >&2
