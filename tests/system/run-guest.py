@@ -221,13 +221,13 @@ def fix_attributes(top):
         os.utime(root, (FIXED_MTIME, FIXED_MTIME))
 
 
-def make_fs(fs, path, size_bytes, spec, what, tmp):
+def make_fs(fs, path, size_bytes, pdesc, what, tmp):
     if fs not in FS_MKFS:
         raise HarnessError(f"{what}: unsupported file system {fs!r} (have {sorted(FS_MKFS)})")
     # A directory of its own: an image file in the tree builds its file systems here too.
     content = tempfile.mkdtemp(prefix="content-", dir=tmp)
     os.chmod(content, 0o755)
-    for name, text in spec.get("files", {}).items():
+    for name, text in pdesc.get("files", {}).items():
         target = os.path.join(content, name)
         if name.endswith("/"):
             os.makedirs(target, exist_ok=True)
@@ -241,10 +241,10 @@ def make_fs(fs, path, size_bytes, spec, what, tmp):
     fix_attributes(content)
     with open(path, "wb") as f:
         f.truncate(size_bytes)
-    fs_uuid = spec.get("uuid") or str(uuid.uuid5(UUID_NAMESPACE, what))
+    fs_uuid = pdesc.get("uuid") or str(uuid.uuid5(UUID_NAMESPACE, what))
     cmd = [f"mkfs.{fs}", "-F", "-q", "-U", fs_uuid, "-d", content]
-    if "label" in spec:
-        cmd += ["-L", spec["label"]]
+    if "label" in pdesc:
+        cmd += ["-L", pdesc["label"]]
     run(cmd + [path])
     shutil.rmtree(content)
 
@@ -309,14 +309,14 @@ def build_disk(disk, image, tmp, name, index=None):
     if got != want:
         raise HarnessError(f"{name}: sfdisk made {got}, wanted {want}")
     for p in parts:
-        spec = p["part"]
-        if "fs" in spec:
+        pdesc = p["part"]
+        if "fs" in pdesc:
             fs_image = scratch_file(tmp)
-            make_fs(spec["fs"], fs_image, p["size"] * SECTOR, spec,
+            make_fs(pdesc["fs"], fs_image, p["size"] * SECTOR, pdesc,
                     f"{name}-part{p['number']}", tmp)
             copy_into(fs_image, image, p["start"] * SECTOR)
             os.unlink(fs_image)
-        elif "files" in spec or "label" in spec or "uuid" in spec:
+        elif "files" in pdesc or "label" in pdesc or "uuid" in pdesc:
             raise HarnessError(f"{name} partition {p['number']}: label, uuid and files need fs")
 
 
