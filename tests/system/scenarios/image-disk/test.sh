@@ -5,6 +5,20 @@
 # two mount scenarios driven through their standard input. After each step: no loop
 # device attached, nothing mounted under /tmp, nothing left in /tmp.
 set -u
+# What is left in /tmp and mounted under it, not counting the build tree that the harness
+# shares at its own path when it lives under /tmp.
+tmp_entries() {
+  local n=0 e
+  for e in /tmp/* /tmp/.[!.]* /tmp/..?*; do
+    [[ -e $e || -L $e ]] || continue
+    [[ -n ${BUILD_DIR:-} && $BUILD_DIR/ == "$e"/* ]] && continue
+    n=$((n + 1))
+  done
+  echo "$n"
+}
+tmp_mounts() {
+  awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
+}
 shopt -s extglob
 prog=$FSIC_IMAGE_DISK
 vmdk=/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf/esxconsole-flat.vmdk
@@ -17,8 +31,8 @@ afterwards() {
   local name file loops=()
   while read -r name file; do loops+=("$name $file"); done < <(losetup -n -l -O NAME,BACK-FILE | sort)
   echo "-- loop devices attached: ${loops[*]:-none}"
-  echo "-- mounts under /tmp: $(grep -c ' /tmp/' /proc/self/mounts)"
-  echo "-- entries in /tmp: $(ls -A /tmp | wc -l)"
+  echo "-- mounts under /tmp: $(tmp_mounts)"
+  echo "-- entries in /tmp: $(tmp_entries)"
 }
 
 # The mount line of a directory: device, file system type and options.
