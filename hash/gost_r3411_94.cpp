@@ -308,17 +308,26 @@ constexpr word_masks masks_of(const lane_matrix &a) {
 
 constexpr word_masks psi61_masks = masks_of(psi_power(61));
 
+// The four mask words from column J of row I of M's direct (or swapped) masks.
+template <const word_masks &M, bool Swapped, int I, int J>
+constexpr const uint32_t *mask_words() {
+  return Swapped ? &M.swapped[I][J] : &M.direct[I][J];
+}
+
 // x & mask for four words of a constant mask, skipping what the mask makes trivial.
-template <const uint32_t *Mask>
+// (The mask is named by its table and position, not by a pointer to an array element,
+// which not every compiler takes as a template argument.)
+template <const word_masks &M, bool Swapped, int I, int J>
 FSIC_GOST_INLINE __m128i and_mask(__m128i x) {
-  constexpr bool zero = (Mask[0] | Mask[1] | Mask[2] | Mask[3]) == 0;
-  constexpr bool ones = (Mask[0] & Mask[1] & Mask[2] & Mask[3]) == 0xffffffffu;
+  constexpr const uint32_t *m = mask_words<M, Swapped, I, J>();
+  constexpr bool zero = (m[0] | m[1] | m[2] | m[3]) == 0;
+  constexpr bool ones = (m[0] & m[1] & m[2] & m[3]) == 0xffffffffu;
   if constexpr (zero) {
     return _mm_setzero_si128();
   } else if constexpr (ones) {
     return x;
   } else {
-    return _mm_and_si128(x, _mm_setr_epi32(int(Mask[0]), int(Mask[1]), int(Mask[2]), int(Mask[3])));
+    return _mm_and_si128(x, _mm_setr_epi32(int(m[0]), int(m[1]), int(m[2]), int(m[3])));
   }
 }
 
@@ -328,8 +337,8 @@ template <const word_masks &M, int I>
 FSIC_GOST_INLINE void map_word(__m128i x, __m128i xs, __m128i &lo, __m128i &hi) {
   constexpr int sel = (I & 3) * 0x55;  // broadcast word I & 3
   const __m128i b = _mm_shuffle_epi32(x, sel), bs = _mm_shuffle_epi32(xs, sel);
-  lo = _mm_xor_si128(and_mask<&M.direct[I][0]>(b), and_mask<&M.swapped[I][0]>(bs));
-  hi = _mm_xor_si128(and_mask<&M.direct[I][4]>(b), and_mask<&M.swapped[I][4]>(bs));
+  lo = _mm_xor_si128(and_mask<M, false, I, 0>(b), and_mask<M, true, I, 0>(bs));
+  hi = _mm_xor_si128(and_mask<M, false, I, 4>(b), and_mask<M, true, I, 4>(bs));
 }
 
 FSIC_GOST_INLINE __m128i swap16(__m128i x) {

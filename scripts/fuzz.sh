@@ -59,6 +59,7 @@ for t in "${targets[@]}"; do
 done
 
 if [ $do_build = 1 ]; then
+  bash "$root/scripts/install-deps.sh" --fuzz
   CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFSIC_BUILD_FUZZERS=ON -DFSIC_SANITIZE=ON \
     -DFSIC_BUILD_TESTS=OFF -DFSIC_BUILD_BENCH=OFF >/dev/null

@@ -5,6 +5,7 @@
 #
 #   scripts/install-deps.sh            build + unit/integration tests + benchmarks
 #   scripts/install-deps.sh --guest    also what the qemu system tests need
+#   scripts/install-deps.sh --fuzz     also what the libFuzzer build needs (scripts/fuzz.sh)
 set -euo pipefail
 
 packages=(
@@ -23,11 +24,14 @@ packages=(
   gcc-multilib g++-multilib googletest
 )
 
-if [[ "${1:-}" == "--guest" ]]; then
-  packages+=(
-    qemu-system-x86 linux-image-amd64 busybox-static udev fdisk python3
-  )
-fi
+for opt in "$@"; do
+  case $opt in
+    --guest) packages+=(qemu-system-x86 linux-image-amd64 busybox-static udev fdisk python3) ;;
+    # clang with its sanitizer and libFuzzer runtimes
+    --fuzz) packages+=(clang libclang-rt-dev) ;;
+    *) echo "install-deps: unknown option $opt" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
