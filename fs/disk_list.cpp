@@ -12,12 +12,10 @@
 #include "fs/lvm.h"
 #include "fs/mount_internal.h"
 #include "fs/partition.h"
+#include "fs/sys_block.h"
 #include "fs/udev_util.h"
-#include "util/dir_iter.h"
 
 namespace {
-
-constexpr const char *kSysClassBlock = "/sys/class/block";
 
 // ---- partition kind --------------------------------------------------------------
 
@@ -169,38 +167,15 @@ fsic_status scan_block_devices(fs_disk_list *list,
   fsic::udev_ptr udev(udev_new());
   if (!udev)
     return FSIC_ERR_FAILED;
-  fs_dir_iter iter;
-  if (_fs_dir_iterate_begin(&iter, kSysClassBlock) != 0)
-    return FSIC_ERR_FAILED;
-
-  fsic_status status = FSIC_OK;
-  char path[1024];
-  for (;;) {
-    char *entry;
-    if (_fs_dir_iterate_next(&iter, path, sizeof path, &entry) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    if (!entry)
-      break;
-    if (ic_util_resolve_link(path, sizeof path) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
+  return fsic::walk_block_devices([&](const char *syspath, bool *) noexcept -> fsic_status {
     // Loop, device-mapper, ram and other virtual block devices are not disks.
-    if (strstr(path, "/virtual/"))
-      continue;
-    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev.get(), path));
-    if (!dev) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    status = pass(list, dev.get());
-    if (status != FSIC_OK)
-      break;
-  }
-  _fs_dir_iterate_end(&iter);
-  return status;
+    if (strstr(syspath, "/virtual/"))
+      return FSIC_OK;
+    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev.get(), syspath));
+    if (!dev)
+      return FSIC_ERR_FAILED;
+    return pass(list, dev.get());
+  });
 }
 
 } // namespace

@@ -24,7 +24,7 @@
 #include "fs/image_disk.h"
 #include "fs/partition.h"
 #include "fs/udev_util.h"
-#include "util/dir_iter.h"
+#include "fs/sys_block.h"
 
 namespace {
 
@@ -260,14 +260,13 @@ bool is_child_of(const char *syspath, const char *parent) noexcept {
   return strncmp(parent, syspath, len) == 0 && parent[len] == '\0';
 }
 
-// Looks at one entry of /sys/class/block: a partition below the image's loop device
-// becomes an image partition of it.
-fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image, char *path) noexcept {
-  if (ic_util_resolve_link(path, 1024) != 0)
-    return FSIC_ERR_FAILED;
-  if (!is_child_of(path, image->syspath))
+// Looks at one block device: a partition below the image's loop device becomes an
+// image partition of it.
+fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image,
+                                const char *syspath) noexcept {
+  if (!is_child_of(syspath, image->syspath))
     return FSIC_OK;
-  fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
+  fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
   if (!dev)
     return FSIC_ERR_FAILED;
   errno = 0;
@@ -285,24 +284,10 @@ fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image, char *p
 // Finds the partitions of the image's loop device in sysfs, in directory order. On
 // failure none is left.
 fsic_status create_partitions(struct udev *udev, fs_image_disk *image) noexcept {
-  fs_dir_iter iter;
-  if (_fs_dir_iterate_begin(&iter, kSysClassBlock) != 0)
-    return FSIC_ERR_FAILED;
-  fsic_status status = FSIC_OK;
-  char path[1024];
-  for (;;) {
-    char *entry;
-    if (_fs_dir_iterate_next(&iter, path, sizeof path, &entry) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    if (!entry)
-      break;
-    status = add_partition_entry(udev, image, path);
-    if (status != FSIC_OK)
-      break;
-  }
-  _fs_dir_iterate_end(&iter);
+  fsic_status status =
+      fsic::walk_block_devices([&](const char *syspath, bool *) noexcept -> fsic_status {
+        return add_partition_entry(udev, image, syspath);
+      });
   if (status != FSIC_OK)
     destroy_partitions(image);
   return status;

@@ -13,7 +13,7 @@
 #include "fs/lvm_backend.h"
 #include "fs/lvm_names.h"
 #include "fs/udev_util.h"
-#include "util/dir_iter.h"
+#include "fs/sys_block.h"
 
 namespace {
 
@@ -45,36 +45,17 @@ void destroy_volume(fs_lvm_volume *lv) noexcept {
 // Finds the block device whose sysfs attribute dm/name equals `dm_name`. Device-mapper
 // devices are virtual, so nothing is skipped here. 0 with *out null when none matches.
 fsic_status find_dm_device(udev *udev, const char *dm_name, fsic::udev_device_ptr *out) noexcept {
-  fs_dir_iter iter;
-  if (_fs_dir_iterate_begin(&iter, "/sys/class/block") != 0)
-    return FSIC_ERR_FAILED;
-  fsic_status status = FSIC_OK;
-  char path[1024];
-  for (;;) {
-    char *entry;
-    if (_fs_dir_iterate_next(&iter, path, sizeof path, &entry) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    if (!entry)
-      break;
-    if (ic_util_resolve_link(path, sizeof path) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
-    if (!dev) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
+  return fsic::walk_block_devices([&](const char *syspath, bool *stop) noexcept -> fsic_status {
+    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
+    if (!dev)
+      return FSIC_ERR_FAILED;
     const char *name = udev_device_get_sysattr_value(dev.get(), "dm/name");
     if (name && strcmp(name, dm_name) == 0) {
       *out = std::move(dev);
-      break;
+      *stop = true;
     }
-  }
-  _fs_dir_iterate_end(&iter);
-  return status;
+    return FSIC_OK;
+  });
 }
 
 fsic_status create_volume_record(fs_lvm_group *group, const char *name,
