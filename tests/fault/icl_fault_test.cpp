@@ -5,10 +5,13 @@
 // failure leaves the list byte for byte as it was, gives nothing out, leaves the volume
 // unmounted and no directory behind, and leaves nothing allocated.
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,7 +26,9 @@
 #include "fault_tree.h"
 #include "fs/icl_internal.h"
 #include "fs/volume_id_io.h"
+#include "icl_report.h"
 #include "tests/integration/host_helpers.h"
+#include "tests/unit/driver/stdio_capture.h"
 
 namespace {
 
@@ -367,6 +372,135 @@ TEST_F(FaultIcl, ReadTheBlob) {
     };
     fault::expect_exercised(fault::run(op), op);
   }
+}
+
+// An entry that cannot be made consumes neither its identifier nor the object list it
+// was given: both stay the caller's (the teardown destroys them; a double free or a
+// leak would show), and the list stays empty.
+TEST_F(FaultIcl, AnEntryThatCannotBeMadeLeavesItsPartsToTheCaller) {
+  for (bool with_ocl : {false, true}) {
+    fs_icl *list = nullptr;
+    fs_volume_id *id = nullptr;
+    fs_ocl *ocl = nullptr;
+    fs_icl_volume sentinel{};
+    fs_icl_volume *entry = nullptr;
+    operation op;
+    op.name = std::string("_fs_icl_create_volume") + (with_ocl ? " with a list" : "");
+    op.setup = [&] {
+      ASSERT_EQ(fs_icl_create(&list), FSIC_OK);
+      id = make_id(id_cases()[0]);
+      ocl = nullptr;
+      if (with_ocl) {
+        ASSERT_EQ(fs_ocl_create(&ocl), FSIC_OK);
+      }
+      entry = &sentinel;
+    };
+    op.call = [&] { return _fs_icl_create_volume(list, id, ocl, &entry); };
+    op.after_failure = [&](checks &c, const attempt &) {
+      c.that(entry == &sentinel, "an entry came out");
+      c.equal(list->count, 0u, "entries");
+      c.that(fs_icl_first_volume(list) == nullptr, "an entry was linked");
+    };
+    op.after_success = [&](checks &c, const attempt &) {
+      c.equal(list->count, 1u, "entries");
+      c.that(entry == fs_icl_first_volume(list), "the new entry did not come out");
+      c.that(entry != &sentinel && entry->id == id, "the identifier was not taken");
+      c.that(entry != &sentinel && entry->ocl && (!with_ocl || entry->ocl == ocl),
+             "the object list was not taken");
+    };
+    op.teardown = [&] {
+      if (entry == &sentinel) {
+        fs_volume_id_destroy(id);
+        if (ocl)
+          fs_ocl_destroy(ocl);
+      }
+      fs_icl_destroy(list);
+    };
+    fault::expect_exercised(fault::run(op), op);
+  }
+}
+
+// Standard error sent to a temporary file from setup to teardown, outside the armed
+// call, so that the capture's own allocations are not the operation's.
+class stderr_capture {
+ public:
+  void begin() {
+    fflush(stderr);
+    file_ = tmpfile();
+    saved_ = dup(2);
+    ASSERT_TRUE(file_ && saved_ >= 0);
+    dup2(fileno(file_), 2);
+  }
+  std::string text() {
+    fflush(stderr);
+    return drivertest::read_all(file_);
+  }
+  void end() {
+    fflush(stderr);
+    dup2(saved_, 2);
+    close(saved_);
+    fclose(file_);
+    file_ = nullptr;
+  }
+
+ private:
+  FILE *file_ = nullptr;
+  int saved_ = -1;
+};
+
+// The driver's round trip (write, read, then two more rounds on the copy): each
+// failure is reported by its own message and ends in the library's status; no copy
+// comes out and nothing stays allocated.
+TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
+  fs_icl *list = rich_list();
+  const Bytes reference = blob_of(list);
+  fs_icl sentinel{};
+  fs_icl *copy = nullptr;
+  stderr_capture err;
+  // (Flags, not a set of strings: the checks must leave no block behind.)
+  static const char *const kMessages[] = {
+      "error: can't write icl to memory\n", "error: can't read icl from memory\n",
+      "error: can't write icl2 to memory\n", "error: can't read icl2 from memory\n"};
+  bool seen[4] = {};
+  operation op;
+  op.name = "save_and_restore_icl cycles=2";
+  op.setup = [&] {
+    copy = &sentinel;
+    err.begin();
+  };
+  op.call = [&] { return save_and_restore_icl(list, &copy, 2); };
+  op.after_failure = [&](checks &c, const attempt &) {
+    const std::string text = err.text();
+    const auto known = std::find(std::begin(kMessages), std::end(kMessages), text);
+    c.that(known != std::end(kMessages), "unexpected message \"" + text + "\"");
+    if (known != std::end(kMessages))
+      seen[known - std::begin(kMessages)] = true;
+    c.that(copy == &sentinel, "a copy came out");
+  };
+  op.after_success = [&](checks &c, const attempt &) {
+    c.equal(err.text(), std::string(), "message");
+    // Three round trips reverse the entries an odd number of times; one more read puts
+    // them back in order.
+    fs_icl *back = nullptr;
+    const Bytes once = blob_of(copy);
+    c.that(fs_icl_read_from_mem(once.data(), static_cast<uint32_t>(once.size()), &back) ==
+               FSIC_OK,
+           "the copy cannot be read back");
+    if (back) {
+      c.that(blob_of(back) == reference, "the copy differs");
+      fs_icl_destroy(back);
+    }
+  };
+  op.teardown = [&] {
+    err.end();
+    if (copy != &sentinel)
+      fs_icl_destroy(copy);
+  };
+  fault::expect_exercised(fault::run(op), op);
+  for (int i = 0; i < 4; i++)
+    EXPECT_TRUE(seen[i]) << "never seen: " << kMessages[i];
+  EXPECT_EQ(blob_of(list), reference);
+  fs_icl_destroy(list);
 }
 
 // ---- adds on a mounted volume (root) ----------------------------------------------------

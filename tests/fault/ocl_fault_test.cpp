@@ -2,7 +2,8 @@
 // with all 16 flag combinations (directories with and without masks) on a real tree,
 // and the list's blob both ways. A failed add leaves the list byte for byte as it was
 // (an object of the same path is kept), gives no object out and leaves nothing
-// allocated; a failed read gives no list out; a failed write gives no blob out.
+// allocated; a failed read gives no list out; a failed write gives no blob out. Also
+// the heap blocks that replacing an object and reading a cut blob leave in use.
 #include <stdlib.h>
 
 #include <memory>
@@ -249,6 +250,50 @@ TEST_F(FaultOcl, ReadTheBlob) {
       fs_ocl_destroy(ocl);
   };
   fault::expect_exercised(fault::run(op), op);
+}
+
+// Replacing an object frees the older one: the blocks in use depend only on what the
+// list holds, not on how often an object was added.
+TEST_F(FaultOcl, ReplacingAnObjectFreesTheOlderOne) {
+  fs_ocl *ocl = rich_list();
+  const Bytes snapshot = blob_of(ocl);
+  const long start = fault::live().blocks;
+  // A file object with hash and attributes is four blocks: object, path, hash, attrs.
+  ASSERT_EQ(fs_ocl_add_file(ocl, base(), "/tree/sub/inner.txt", 12, nullptr), FSIC_OK);
+  const long one = fault::live().blocks;
+  EXPECT_EQ(one - start, 4);
+  ASSERT_EQ(fs_ocl_add_file(ocl, base(), "/tree/sub/inner.txt", 12, nullptr), FSIC_OK);
+  EXPECT_EQ(fault::live().blocks, one);
+  ASSERT_EQ(fs_ocl_add_file(ocl, base(), "/tree/sub/inner.txt", 0, nullptr), FSIC_OK);
+  EXPECT_EQ(fault::live().blocks, one - 2);
+  ASSERT_EQ(fs_ocl_remove_object(ocl, "/tree/sub/inner.txt"), FSIC_OK);
+  EXPECT_EQ(fault::live().blocks, start);
+  // A directory object with its whole info tree, replaced by the same one.
+  for (int i = 0; i < 3; i++) {
+    ASSERT_EQ(fs_ocl_add_dir(ocl, base(), "/tree", faulttest::test_masks(), 15, nullptr),
+              FSIC_OK);
+    EXPECT_EQ(fault::live().blocks, start) << "add " << i;
+  }
+  EXPECT_EQ(blob_of(ocl), snapshot);
+  fs_ocl_destroy(ocl);
+}
+
+// A blob cut anywhere ends in 1, gives no list out and leaves nothing allocated: every
+// partly read object and list is released.
+TEST_F(FaultOcl, CutBlobsLeaveNothingBehind) {
+  fs_ocl *source = rich_list();
+  const Bytes blob = blob_of(source);
+  fs_ocl_destroy(source);
+  fs_ocl sentinel{};
+  for (size_t n = 0; n < blob.size(); n++) {
+    fs_ocl *out = &sentinel;
+    const fault::live_counts before = fault::live();
+    ASSERT_EQ(fs_ocl_read_from_mem(blob.data(), static_cast<uint32_t>(n), &out), FSIC_ERR_FAILED)
+        << "prefix of " << n << " bytes";
+    ASSERT_EQ(fault::live().blocks, before.blocks) << "prefix of " << n << " bytes";
+    ASSERT_EQ(out, &sentinel) << "prefix of " << n << " bytes";
+  }
+  EXPECT_FALSE(fault::leak_check_found_leaks());
 }
 
 }  // namespace
