@@ -6,24 +6,10 @@
 # that the error lines can be told apart. After each step nothing is mounted under
 # /tmp and nothing is left there.
 set -u
-# What is left in /tmp and mounted under it, not counting the build tree that the harness
-# shares at its own path when it lives under /tmp.
-tmp_entries() {
-  local n=0 e
-  for e in /tmp/* /tmp/.[!.]* /tmp/..?*; do
-    [[ -e $e || -L $e ]] || continue
-    [[ -n ${BUILD_DIR:-} && $BUILD_DIR/ == "$e"/* ]] && continue
-    n=$((n + 1))
-  done
-  echo "$n"
-}
-tmp_mounts() {
-  awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
-}
+source "$FSIC_SCENARIO_CHECKS"
 shopt -s nullglob
 prog=$FSIC_IMAGE_DISK
 
-step() { echo "== $*"; echo "== $*" >&2; }
 afterwards() {
   echo "-- mounts under /tmp: $(tmp_mounts)," \
     "entries in /tmp: $(tmp_entries)"

@@ -3,20 +3,7 @@
 # held twice, and a file of an LVM volume. Afterwards: the volumes are byte for byte
 # unchanged, nothing is left in /tmp and nothing is mounted there.
 set -u
-# What is left in /tmp and mounted under it, not counting the build tree that the harness
-# shares at its own path when it lives under /tmp.
-tmp_entries() {
-  local n=0 e
-  for e in /tmp/* /tmp/.[!.]* /tmp/..?*; do
-    [[ -e $e || -L $e ]] || continue
-    [[ -n ${BUILD_DIR:-} && $BUILD_DIR/ == "$e"/* ]] && continue
-    n=$((n + 1))
-  done
-  echo "$n"
-}
-tmp_mounts() {
-  awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
-}
+source "$FSIC_SCENARIO_CHECKS"
 volumes() { sha256sum /dev/sda1 /dev/mapper/vg--data-lv_home; }
 before=$(volumes)
 "$FSIC_ICL_SCENARIO" icl

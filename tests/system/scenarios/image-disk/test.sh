@@ -5,35 +5,10 @@
 # two mount scenarios driven through their standard input. After each step: no loop
 # device attached, nothing mounted under /tmp, nothing left in /tmp.
 set -u
-# What is left in /tmp and mounted under it, not counting the build tree that the harness
-# shares at its own path when it lives under /tmp.
-tmp_entries() {
-  local n=0 e
-  for e in /tmp/* /tmp/.[!.]* /tmp/..?*; do
-    [[ -e $e || -L $e ]] || continue
-    [[ -n ${BUILD_DIR:-} && $BUILD_DIR/ == "$e"/* ]] && continue
-    n=$((n + 1))
-  done
-  echo "$n"
-}
-tmp_mounts() {
-  awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
-}
+source "$FSIC_SCENARIO_CHECKS"
 shopt -s extglob
 prog=$FSIC_IMAGE_DISK
 vmdk=/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf/esxconsole-flat.vmdk
-
-# Each step is announced on stdout and stderr alike, so that error lines can be told
-# apart.
-step() { echo "== $*"; echo "== $*" >&2; }
-
-afterwards() {
-  local name file loops=()
-  while read -r name file; do loops+=("$name $file"); done < <(losetup -n -l -O NAME,BACK-FILE | sort)
-  echo "-- loop devices attached: ${loops[*]:-none}"
-  echo "-- mounts under /tmp: $(tmp_mounts)"
-  echo "-- entries in /tmp: $(tmp_entries)"
-}
 
 # The mount line of a directory: device, file system type and options.
 mount_of() {

@@ -1,0 +1,30 @@
+# Shared by the guest scripts (sourced; the harness names it in $FSIC_SCENARIO_CHECKS):
+# what a scenario leaves behind, and the announcement of its steps.
+
+# What is left in /tmp and mounted under it, not counting the build tree that the harness
+# shares at its own path when it lives under /tmp.
+tmp_entries() {
+  local n=0 e
+  for e in /tmp/* /tmp/.[!.]* /tmp/..?*; do
+    [[ -e $e || -L $e ]] || continue
+    [[ -n ${BUILD_DIR:-} && $BUILD_DIR/ == "$e"/* ]] && continue
+    n=$((n + 1))
+  done
+  echo "$n"
+}
+tmp_mounts() {
+  awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
+}
+
+# Each step is announced on stdout and stderr alike, so that error lines can be told
+# apart.
+step() { echo "== $*"; echo "== $*" >&2; }
+
+# The loop devices attached, the mounts under /tmp and the entries in /tmp.
+afterwards() {
+  local name file loops=()
+  while read -r name file; do loops+=("$name $file"); done < <(losetup -n -l -O NAME,BACK-FILE | sort)
+  echo "-- loop devices attached: ${loops[*]:-none}"
+  echo "-- mounts under /tmp: $(tmp_mounts)"
+  echo "-- entries in /tmp: $(tmp_entries)"
+}
