@@ -7,6 +7,7 @@
 // out of scope, also after a failed assertion. Volumes are created inactive: this also
 // works on hosts without device-mapper in the kernel.
 #include "fs/lvm_backend.h"
+#include "tests/integration/host_helpers.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -45,89 +46,13 @@ namespace lvm = fsic::lvm;
 
 // ---- processes ----------------------------------------------------------------------
 
-struct proc_result {
-  int status = -1;  // exit status, or 128 + signal
-  bool timed_out = false;
-  std::string out;
-  std::string err;
-  std::string describe() const {
-    std::ostringstream s;
-    s << "status " << status << (timed_out ? " (timed out)" : "") << "\nstdout:\n"
-      << out << "stderr:\n"
-      << err;
-    return s.str();
-  }
-};
+using host::env_list;
+using host::proc_result;
 
-using env_list = std::vector<std::pair<std::string, std::optional<std::string>>>;
-
-// Runs argv (searched on PATH) with stdin from /dev/null, stdout and stderr captured, only
-// descriptors 0-2 open, the environment changed by env, and a time limit.
+// Runs argv, searched on PATH as this process has it (tests change PATH through env).
 proc_result run(const std::vector<std::string> &argv, const env_list &env = {},
                 int timeout_seconds = 120) {
-  proc_result r;
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return r;
-  std::vector<char *> args;
-  for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-  args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDONLY);
-    dup2(null, 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    syscall(SYS_close_range, 3u, ~0u, 0u);
-    for (const auto &[name, value] : env) {
-      if (value)
-        setenv(name.c_str(), value->c_str(), 1);
-      else
-        unsetenv(name.c_str());
-    }
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
-  if (pid < 0) {
-    close(out[0]);
-    close(err[0]);
-    return r;
-  }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string *sinks[2] = {&r.out, &r.err};
-  int open_fds = 2;
-  while (open_fds > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) {
-      r.timed_out = true;
-      kill(pid, SIGKILL);
-      break;
-    }
-    if (poll(fds, 2, static_cast<int>(left)) < 0) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<std::size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_fds;
-      }
-    }
-  }
-  for (auto &f : fds)
-    if (f.fd >= 0) close(f.fd);
-  int ws = 0;
-  while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
-  }
-  r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
-  return r;
+  return host::run(argv, env, /*system_path=*/false, timeout_seconds);
 }
 
 std::vector<std::string> words(const std::string &text) {
