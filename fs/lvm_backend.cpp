@@ -166,36 +166,27 @@ int scan(handle *h) noexcept {
   return 0;
 }
 
+// ---- listings -----------------------------------------------------------------------
+
+namespace detail {
+
+void free_rows(BDLVMVGdata **rows, std::size_t size) noexcept {
+  for (std::size_t i = 0; i < size; ++i) bd_lvm_vgdata_free(rows[i]);
+  g_free(rows);
+}
+
+void free_rows(BDLVMLVdata **rows, std::size_t size) noexcept {
+  for (std::size_t i = 0; i < size; ++i) bd_lvm_lvdata_free(rows[i]);
+  g_free(rows);
+}
+
+}  // namespace detail
+
 // ---- name_list ----------------------------------------------------------------------
 
-name_list::name_list(name_list &&other) noexcept : rows_(other.rows_), size_(other.size_) {
-  other.rows_ = nullptr;
-  other.size_ = 0;
-}
-
-name_list &name_list::operator=(name_list &&other) noexcept {
-  if (this != &other) {
-    reset();
-    rows_ = other.rows_;
-    size_ = other.size_;
-    other.rows_ = nullptr;
-    other.size_ = 0;
-  }
-  return *this;
-}
-
-name_list::~name_list() { reset(); }
-
-void name_list::reset() noexcept {
-  if (rows_ == nullptr) return;
-  for (std::size_t i = 0; i < size_; ++i) bd_lvm_vgdata_free(rows_[i]);
-  g_free(rows_);
-  rows_ = nullptr;
-  size_ = 0;
-}
-
 const char *name_list::operator[](std::size_t i) const noexcept {
-  return i < size_ ? rows_[i]->name : nullptr;
+  const BDLVMVGdata *row = rows_.at(i);
+  return row != nullptr ? row->name : nullptr;
 }
 
 name_list list_vg_names(handle *h) noexcept {
@@ -209,7 +200,7 @@ name_list list_vg_names(handle *h) noexcept {
   }
   std::size_t n = 0;
   while (rows[n] != nullptr) ++n;
-  return name_list(rows, n);
+  return name_list({rows, n});
 }
 
 // ---- groups -------------------------------------------------------------------------
@@ -241,35 +232,9 @@ void vg_close(group *g) noexcept {
 
 // ---- lv_list ------------------------------------------------------------------------
 
-lv_list::lv_list(lv_list &&other) noexcept : rows_(other.rows_), size_(other.size_) {
-  other.rows_ = nullptr;
-  other.size_ = 0;
-}
-
-lv_list &lv_list::operator=(lv_list &&other) noexcept {
-  if (this != &other) {
-    reset();
-    rows_ = other.rows_;
-    size_ = other.size_;
-    other.rows_ = nullptr;
-    other.size_ = 0;
-  }
-  return *this;
-}
-
-lv_list::~lv_list() { reset(); }
-
-void lv_list::reset() noexcept {
-  if (rows_ == nullptr) return;
-  for (std::size_t i = 0; i < size_; ++i) bd_lvm_lvdata_free(rows_[i]);
-  g_free(rows_);
-  rows_ = nullptr;
-  size_ = 0;
-}
-
 // An lv is libblockdev's record seen through an opaque type.
 const lv *lv_list::operator[](std::size_t i) const noexcept {
-  return i < size_ ? reinterpret_cast<const lv *>(rows_[i]) : nullptr;
+  return reinterpret_cast<const lv *>(rows_.at(i));
 }
 
 lv_list vg_list_lvs(group *g) noexcept {
@@ -297,7 +262,7 @@ lv_list vg_list_lvs(group *g) noexcept {
     g_free(rows);
     return {};
   }
-  return lv_list(rows, kept);
+  return lv_list({rows, kept});
 }
 
 const char *lv_get_name(const lv *v) noexcept {

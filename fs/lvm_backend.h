@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <utility>
 
 // libblockdev's record types, kept opaque so that users of this header need neither
 // GLib nor libblockdev headers.
@@ -24,6 +25,51 @@ struct BDLVMVGdata;
 struct BDLVMLVdata;
 
 namespace fsic::lvm {
+
+namespace detail {
+
+// Free a listing's first `size` records and the array itself.
+void free_rows(BDLVMVGdata **rows, std::size_t size) noexcept;
+void free_rows(BDLVMLVdata **rows, std::size_t size) noexcept;
+
+// Owns an array of libblockdev records as a listing call returns it. Null (operator
+// bool false) when nothing is owned; moving hands the array over.
+template <typename Row>
+class row_array {
+public:
+  row_array() noexcept = default;
+  row_array(Row **rows, std::size_t size) noexcept : rows_(rows), size_(size) {}
+  row_array(row_array &&other) noexcept
+      : rows_(std::exchange(other.rows_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  row_array &operator=(row_array &&other) noexcept {
+    if (this != &other) {
+      reset();
+      rows_ = std::exchange(other.rows_, nullptr);
+      size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+  }
+  row_array(const row_array &) = delete;
+  row_array &operator=(const row_array &) = delete;
+  ~row_array() { reset(); }
+
+  explicit operator bool() const noexcept { return rows_ != nullptr; }
+  std::size_t size() const noexcept { return size_; }
+  // Null past the end.
+  Row *at(std::size_t i) const noexcept { return i < size_ ? rows_[i] : nullptr; }
+
+private:
+  void reset() noexcept {
+    if (rows_ != nullptr) free_rows(rows_, size_);
+    rows_ = nullptr;
+    size_ = 0;
+  }
+
+  Row **rows_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+}  // namespace detail
 
 struct handle;  // a usable LVM session, from init() to quit()
 struct group;   // an opened volume group, from vg_open() to vg_close()
@@ -41,24 +87,17 @@ int scan(handle *h) noexcept;
 class name_list {
 public:
   name_list() noexcept = default;
-  name_list(name_list &&other) noexcept;
-  name_list &operator=(name_list &&other) noexcept;
-  name_list(const name_list &) = delete;
-  name_list &operator=(const name_list &) = delete;
-  ~name_list();
 
-  explicit operator bool() const noexcept { return rows_ != nullptr; }
-  std::size_t size() const noexcept { return size_; }
+  explicit operator bool() const noexcept { return static_cast<bool>(rows_); }
+  std::size_t size() const noexcept { return rows_.size(); }
   // Valid while the list lives; i < size().
   const char *operator[](std::size_t i) const noexcept;
 
 private:
   friend name_list list_vg_names(handle *h) noexcept;
-  name_list(BDLVMVGdata **rows, std::size_t size) noexcept : rows_(rows), size_(size) {}
-  void reset() noexcept;
+  explicit name_list(detail::row_array<BDLVMVGdata> rows) noexcept : rows_(std::move(rows)) {}
 
-  BDLVMVGdata **rows_ = nullptr;
-  std::size_t size_ = 0;
+  detail::row_array<BDLVMVGdata> rows_;
 };
 
 name_list list_vg_names(handle *h) noexcept;
@@ -72,24 +111,17 @@ group *vg_open(handle *h, const char *name) noexcept;
 class lv_list {
 public:
   lv_list() noexcept = default;
-  lv_list(lv_list &&other) noexcept;
-  lv_list &operator=(lv_list &&other) noexcept;
-  lv_list(const lv_list &) = delete;
-  lv_list &operator=(const lv_list &) = delete;
-  ~lv_list();
 
-  explicit operator bool() const noexcept { return rows_ != nullptr; }
-  std::size_t size() const noexcept { return size_; }
+  explicit operator bool() const noexcept { return static_cast<bool>(rows_); }
+  std::size_t size() const noexcept { return rows_.size(); }
   // Valid while the list lives; i < size().
   const lv *operator[](std::size_t i) const noexcept;
 
 private:
   friend lv_list vg_list_lvs(group *g) noexcept;
-  lv_list(BDLVMLVdata **rows, std::size_t size) noexcept : rows_(rows), size_(size) {}
-  void reset() noexcept;
+  explicit lv_list(detail::row_array<BDLVMLVdata> rows) noexcept : rows_(std::move(rows)) {}
 
-  BDLVMLVdata **rows_ = nullptr;
-  std::size_t size_ = 0;
+  detail::row_array<BDLVMLVdata> rows_;
 };
 
 // Lists the logical volumes of this one group (asked for by the group's name alone).
