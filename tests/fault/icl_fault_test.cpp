@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -420,34 +421,6 @@ TEST_F(FaultIcl, AnEntryThatCannotBeMadeLeavesItsPartsToTheCaller) {
   }
 }
 
-// Standard error sent to a temporary file from setup to teardown, outside the armed
-// call, so that the capture's own allocations are not the operation's.
-class stderr_capture {
- public:
-  void begin() {
-    fflush(stderr);
-    file_ = tmpfile();
-    saved_ = dup(2);
-    ASSERT_TRUE(file_ && saved_ >= 0);
-    dup2(fileno(file_), 2);
-  }
-  std::string text() {
-    fflush(stderr);
-    return drivertest::read_all(file_);
-  }
-  void end() {
-    fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    fclose(file_);
-    file_ = nullptr;
-  }
-
- private:
-  FILE *file_ = nullptr;
-  int saved_ = -1;
-};
-
 // The driver's round trip (write, read, then two more rounds on the copy): each
 // failure is reported by its own message and ends in the library's status; no copy
 // comes out and nothing stays allocated.
@@ -456,7 +429,9 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
   const Bytes reference = blob_of(list);
   fs_icl sentinel{};
   fs_icl *copy = nullptr;
-  stderr_capture err;
+  // Standard error goes to a file from setup to teardown, outside the armed call, so
+  // that the capture's own allocations are not the operation's.
+  std::optional<drivertest::stderr_capture> err;
   // (Flags, not a set of strings: the checks must leave no block behind.)
   static const char *const kMessages[] = {
       "error: can't write icl to memory\n", "error: can't read icl from memory\n",
@@ -466,11 +441,11 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
   op.name = "save_and_restore_icl cycles=2";
   op.setup = [&] {
     copy = &sentinel;
-    err.begin();
+    err.emplace();
   };
   op.call = [&] { return save_and_restore_icl(list, &copy, 2); };
   op.after_failure = [&](checks &c, const attempt &) {
-    const std::string text = err.text();
+    const std::string text = err->text();
     const auto known = std::find(std::begin(kMessages), std::end(kMessages), text);
     c.that(known != std::end(kMessages), "unexpected message \"" + text + "\"");
     if (known != std::end(kMessages))
@@ -478,7 +453,7 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
     c.that(copy == &sentinel, "a copy came out");
   };
   op.after_success = [&](checks &c, const attempt &) {
-    c.equal(err.text(), std::string(), "message");
+    c.equal(err->text(), std::string(), "message");
     // Three round trips reverse the entries an odd number of times; one more read puts
     // them back in order.
     fs_icl *back = nullptr;
@@ -492,7 +467,7 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
     }
   };
   op.teardown = [&] {
-    err.end();
+    err.reset();
     if (copy != &sentinel)
       fs_icl_destroy(copy);
   };

@@ -8,6 +8,7 @@
 // works on hosts without device-mapper in the kernel.
 #include "fs/lvm_backend.h"
 #include "tests/integration/host_helpers.h"
+#include "tests/unit/driver/stdio_capture.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -96,39 +97,7 @@ private:
   std::optional<std::string> old_;
 };
 
-// Sends file descriptor 2 of this process to a temporary file until text() is called.
-class stderr_capture {
-public:
-  stderr_capture() {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    file_ = std::tmpfile();
-    if (saved_ >= 0 && file_ != nullptr) dup2(fileno(file_), 2);
-  }
-  ~stderr_capture() { text(); }
-  std::string text() {
-    if (saved_ >= 0) {
-      std::fflush(stderr);
-      dup2(saved_, 2);
-      close(saved_);
-      saved_ = -1;
-    }
-    if (file_ != nullptr) {
-      std::rewind(file_);
-      char buf[4096];
-      std::size_t n;
-      while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0) text_.append(buf, n);
-      std::fclose(file_);
-      file_ = nullptr;
-    }
-    return text_;
-  }
-
-private:
-  int saved_ = -1;
-  std::FILE *file_ = nullptr;
-  std::string text_;
-};
+using drivertest::stderr_capture;
 
 // ---- sandbox ------------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 // Captures what a call writes to the standard output and the standard error (the
-// descriptors themselves, so that printf, putchar, puts and fputs are all seen).
+// descriptors themselves, so that printf, putchar, puts and fputs are all seen), or
+// what is written to the standard error while a capture object lives.
 #ifndef FSIC_TESTS_UNIT_DRIVER_STDIO_CAPTURE_H
 #define FSIC_TESTS_UNIT_DRIVER_STDIO_CAPTURE_H
 
@@ -52,6 +53,39 @@ Captured capture_stdio(F &&f) {
   fclose(err);
   return c;
 }
+
+// Sends descriptor 2 to a temporary file from construction until the first text(),
+// which puts it back and returns what was written; later calls return the same.
+class stderr_capture {
+public:
+  stderr_capture() {
+    std::fflush(stderr);
+    saved_ = dup(2);
+    file_ = std::tmpfile();
+    if (saved_ >= 0 && file_ != nullptr) dup2(fileno(file_), 2);
+  }
+  ~stderr_capture() { text(); }
+  bool ok() const { return saved_ >= 0 && file_ != nullptr; }
+  std::string text() {
+    if (saved_ >= 0) {
+      std::fflush(stderr);
+      dup2(saved_, 2);
+      close(saved_);
+      saved_ = -1;
+    }
+    if (file_ != nullptr) {
+      text_ = read_all(file_);
+      std::fclose(file_);
+      file_ = nullptr;
+    }
+    return text_;
+  }
+
+private:
+  int saved_ = -1;
+  std::FILE *file_ = nullptr;
+  std::string text_;
+};
 
 }  // namespace drivertest
 

@@ -1,5 +1,6 @@
 // The adapter's argument checks and its GLib message guard.
 #include "fs/lvm_backend.h"
+#include "tests/unit/driver/stdio_capture.h"
 
 #include <fcntl.h>
 #include <glib.h>
@@ -16,40 +17,7 @@ namespace {
 
 using fsic::lvm::detail::quiet_glib_log;
 
-// Sends file descriptor 2 to a temporary file until text() is called.
-class stderr_capture {
-public:
-  stderr_capture() {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    file_ = std::tmpfile();
-    if (saved_ >= 0 && file_ != nullptr) dup2(fileno(file_), 2);
-  }
-  ~stderr_capture() { text(); }
-  bool ok() const { return saved_ >= 0 && file_ != nullptr; }
-  std::string text() {
-    if (saved_ >= 0) {
-      std::fflush(stderr);
-      dup2(saved_, 2);
-      close(saved_);
-      saved_ = -1;
-    }
-    if (file_ != nullptr) {
-      std::rewind(file_);
-      char buf[4096];
-      std::size_t n;
-      while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0) text_.append(buf, n);
-      std::fclose(file_);
-      file_ = nullptr;
-    }
-    return text_;
-  }
-
-private:
-  int saved_ = -1;
-  std::FILE *file_ = nullptr;
-  std::string text_;
-};
+using drivertest::stderr_capture;
 
 struct host_log {
   int calls = 0;
