@@ -9,8 +9,8 @@
 set -euo pipefail
 
 packages=(
-  # build
-  build-essential cmake ninja-build pkg-config
+  # build (clang: the second compiler of the tests, and the fuzzers')
+  build-essential cmake ninja-build pkg-config clang
   # library dependencies
   libudev-dev libblockdev-dev libblockdev-lvm-dev libblockdev-lvm2 lvm2 libglib2.0-dev
   # blockdev/lvm.h includes libdevmapper.h, which libblockdev-lvm-dev does not pull in
@@ -27,8 +27,8 @@ packages=(
 for opt in "$@"; do
   case $opt in
     --guest) packages+=(qemu-system-x86 linux-image-amd64 busybox-static udev fdisk python3) ;;
-    # clang with its sanitizer and libFuzzer runtimes
-    --fuzz) packages+=(clang libclang-rt-dev) ;;
+    # clang's sanitizer and libFuzzer runtimes
+    --fuzz) packages+=(libclang-rt-dev) ;;
     *) echo "install-deps: unknown option $opt" >&2; exit 2 ;;
   esac
 done
