@@ -23,12 +23,11 @@
 
 #include "fs/image_disk.h"
 #include "fs/partition.h"
-#include "fs/udev_util.h"
 #include "fs/sys_block.h"
+#include "fs/udev_util.h"
 
 namespace {
 
-constexpr const char *kSysClassBlock = "/sys/class/block";
 constexpr unsigned kLoopMajor = 7;
 // The udev queue must empty within this many whole seconds (measured with time(), so
 // the real limit lies between 5 and 6 seconds).
@@ -101,7 +100,7 @@ bool loop_device_is_free(const char *devnode) noexcept {
 fsic_status find_unused_loop_device(struct udev *udev, fsic::udev_device_ptr *out) noexcept {
   char path[1024];
   for (int n = 0;; n++) {
-    snprintf(path, sizeof path, "%s/loop%d", kSysClassBlock, n);
+    snprintf(path, sizeof path, "%s/loop%d", fsic::kSysClassBlock, n);
     struct stat st;
     if (stat(path, &st) != 0)
       return FSIC_ERR_UNAVAILABLE;
@@ -165,7 +164,7 @@ fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
 void wait_unbound(const char *devnode) noexcept {
   const char *name = strrchr(devnode, '/');
   char path[1024];
-  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock,
+  snprintf(path, sizeof path, "%s/%s/loop/backing_file", fsic::kSysClassBlock,
            name ? name + 1 : devnode);
   const time_t start = time(nullptr);
   while (access(path, F_OK) == 0 && time(nullptr) - start <= kSettleSeconds) {

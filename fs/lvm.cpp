@@ -12,8 +12,8 @@
 #include "fs/lvm.h"
 #include "fs/lvm_backend.h"
 #include "fs/lvm_names.h"
-#include "fs/udev_util.h"
 #include "fs/sys_block.h"
+#include "fs/udev_util.h"
 
 namespace {
 

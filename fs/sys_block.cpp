@@ -11,7 +11,7 @@ namespace fsic {
 
 fsic_status walk_block_devices(block_visitor visit, void *ctx) noexcept {
   fs_dir_iter iter;
-  if (_fs_dir_iterate_begin(&iter, "/sys/class/block") != 0)
+  if (_fs_dir_iterate_begin(&iter, kSysClassBlock) != 0)
     return FSIC_ERR_FAILED;
   fsic_status status = FSIC_OK;
   char path[1024];

@@ -4,10 +4,11 @@
 
 #include <fsic/defs.h>
 
-#include <cstddef>
 #include <type_traits>
 
 namespace fsic {
+
+inline constexpr const char *kSysClassBlock = "/sys/class/block";
 
 // A visitor gets each block device's sysfs path with its links resolved. It returns
 // FSIC_OK to go on, or another status to end the walk with that status; it sets *stop
