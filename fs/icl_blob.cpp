@@ -4,7 +4,7 @@
 
 #include "fs/icl_internal.h"
 #include "fs/ocl_internal.h"
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 
 namespace {
 

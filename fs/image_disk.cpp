@@ -15,18 +15,19 @@
 #include <ctime>
 #include <fcntl.h>
 #include <linux/loop.h>
-#include <memory>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include "fs/image_disk.h"
-#include "fs/partition.h"
-#include "fs/sys_block.h"
-#include "fs/udev_util.h"
+#include "fs/inventory_internal.h"
+#include "util/owner.h"
 
 namespace {
+
+using namespace fsic::detail;
+
+constexpr const char *kLogSource = "image_disk";
 
 constexpr unsigned kLoopMajor = 7;
 // The udev queue must empty within this many whole seconds (measured with time(), so
@@ -51,35 +52,36 @@ private:
   int fd_;
 };
 
-struct free_deleter {
-  void operator()(char *p) const noexcept { free(p); }
-};
-using str_ptr = std::unique_ptr<char, free_deleter>;
-
 // ---- udev settling -----------------------------------------------------------------
 
 // Waits until udev's event queue is empty, polling every 50 ms; 8 after the time
 // limit, 1 when the queue cannot be watched.
 fsic_status _sync_udev(struct udev *udev) noexcept {
-  fsic::udev_queue_ptr queue(udev_queue_new(udev));
-  if (!queue)
+  udev_queue_ptr queue(udev_queue_new(udev));
+  if (!queue) {
+    FSIC_LOG_FAILED("udev_queue_new");
     return FSIC_ERR_FAILED;
+  }
   const time_t start = time(nullptr);
   for (;;) {
     if (udev_queue_get_queue_is_empty(queue.get()))
       return FSIC_OK;
     struct timespec pause = {0, kSettlePollNanoseconds};
     nanosleep(&pause, nullptr);
-    if (time(nullptr) - start > kSettleSeconds)
+    if (time(nullptr) - start > kSettleSeconds) {
+      FSIC_LOG_FAILED("waiting for the udev event queue to settle");
       return FSIC_ERR_UDEV_TIMEOUT;
+    }
   }
 }
 
 // The same with a udev context of its own.
 fsic_status sync_udev() noexcept {
-  fsic::udev_ptr udev(udev_new());
-  if (!udev)
+  udev_ptr udev(udev_new());
+  if (!udev) {
+    FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
+  }
   return _sync_udev(udev.get());
 }
 
@@ -97,28 +99,34 @@ bool loop_device_is_free(const char *devnode) noexcept {
 
 // The first free loop device, loop0, loop1, ... up to the first name that sysfs does
 // not have (7 then). The udev device of the result goes to *out.
-fsic_status find_unused_loop_device(struct udev *udev, fsic::udev_device_ptr *out) noexcept {
+fsic_status find_unused_loop_device(struct udev *udev, udev_device_ptr *out) noexcept {
   char path[1024];
   for (int n = 0;; n++) {
-    snprintf(path, sizeof path, "%s/loop%d", fsic::kSysClassBlock, n);
+    snprintf(path, sizeof path, "%s/loop%d", kSysClassBlock, n);
     struct stat st;
-    if (stat(path, &st) != 0)
+    if (stat(path, &st) != 0) {
+      FSIC_LOG_FAILED("stat of the next loop device (no free one)");
       return FSIC_ERR_UNAVAILABLE;
+    }
     // An entry that cannot be resolved is passed over; a later one may be free.
     if (ic_util_resolve_link(path, sizeof path) != 0)
       continue;
-    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
-    if (!dev)
+    udev_device_ptr dev(udev_device_new_from_syspath(udev, path));
+    if (!dev) {
+      FSIC_LOG_FAILED("udev_device_new_from_syspath");
       return FSIC_ERR_FAILED;
-    errno = 0;
-    const dev_t devnum = udev_device_get_devnum(dev.get());
-    if (devnum == 0 && fsic::udev_ran_out_of_memory())
+    }
+    dev_t devnum;
+    if (udev_devnum(dev.get(), &devnum) == udev_value::no_memory)
       return FSIC_ERR_NO_MEMORY;
     if (major(devnum) != kLoopMajor)
       continue;
-    const char *devnode = udev_device_get_devnode(dev.get());
-    if (!devnode)
-      return FSIC_ERR_FAILED;
+    const char *devnode;
+    const fsic_status status = required_value(udev_devnode(dev.get(), &devnode));
+    if (status != FSIC_OK) {
+      FSIC_LOG_FAILED("udev_device_get_devnode");
+      return status;
+    }
     if (loop_device_is_free(devnode)) {
       *out = std::move(dev);
       return FSIC_OK;
@@ -145,14 +153,21 @@ int set_loop_status(int loop_fd, const char *file_name) noexcept {
 // descriptors.
 fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
   fd_owner file(open(file_name, O_RDONLY | O_CLOEXEC));
-  if (!file.ok())
+  if (!file.ok()) {
+    FSIC_LOG_FAILED("open of the image file");
     return FSIC_ERR_FAILED;
+  }
   fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
-  if (!loop.ok())
+  if (!loop.ok()) {
+    FSIC_LOG_FAILED("open of the loop device");
     return FSIC_ERR_FAILED;
-  if (ioctl(loop.get(), LOOP_SET_FD, file.get()) != 0)
+  }
+  if (ioctl(loop.get(), LOOP_SET_FD, file.get()) != 0) {
+    FSIC_LOG_FAILED("ioctl LOOP_SET_FD");
     return FSIC_ERR_FAILED;
+  }
   if (set_loop_status(loop.get(), file_name) != 0) {
+    FSIC_LOG_FAILED("ioctl LOOP_SET_STATUS");
     ioctl(loop.get(), LOOP_CLR_FD, 0);
     return FSIC_ERR_FAILED;
   }
@@ -164,7 +179,7 @@ fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
 void wait_unbound(const char *devnode) noexcept {
   const char *name = strrchr(devnode, '/');
   char path[1024];
-  snprintf(path, sizeof path, "%s/%s/loop/backing_file", fsic::kSysClassBlock,
+  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock,
            name ? name + 1 : devnode);
   const time_t start = time(nullptr);
   while (access(path, F_OK) == 0 && time(nullptr) - start <= kSettleSeconds) {
@@ -181,10 +196,14 @@ void wait_unbound(const char *devnode) noexcept {
 fsic_status _clear_loop(const char *devnode) noexcept {
   {
     fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
-    if (!loop.ok())
+    if (!loop.ok()) {
+      FSIC_LOG_FAILED("open of the loop device");
       return FSIC_ERR_FAILED;
-    if (ioctl(loop.get(), LOOP_CLR_FD, 0) != 0)
+    }
+    if (ioctl(loop.get(), LOOP_CLR_FD, 0) != 0) {
+      FSIC_LOG_FAILED("ioctl LOOP_CLR_FD");
       return FSIC_ERR_FAILED;
+    }
   }
   wait_unbound(devnode);
   return FSIC_OK;
@@ -232,23 +251,27 @@ fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *pa
 
 // ---- records -------------------------------------------------------------------------
 
-void destroy_partitions(fs_image_disk *image) noexcept {
-  list_head *pos = image->partitions.next;
-  while (pos != &image->partitions) {
-    list_head *next = pos->next;
-    _fs_destroy_partition(list_entry(pos, fs_partition, link));
-    pos = next;
+// Unlinks (when linked) an image disk, drops the mounts of its partitions and frees them,
+// detaches its loop device when it is attached (whatever the outcome) and frees the
+// record. Accepts a zero-filled, partly built record.
+void destroy_image_disk(fs_image_disk *image) noexcept {
+  if (image->partitions.next) {
+    fs_partition *part, *next;
+    list_for_each_entry_safe(part, next, &image->partitions, fs_partition, link)
+      _fs_destroy_partition(part);
   }
-}
-
-// Frees the texts and the record of an image disk whose partition list is empty.
-void free_image_record(fs_image_disk *image) noexcept {
+  if (image->link.next)
+    list_del(&image->link);
+  if (image->volume)
+    clear_loop(image->devnode, image->volume);
   free(image->path);
   free(image->devnode);
   free(image->syspath);
   free(image->name);
   free(image);
 }
+
+using image_owner = owner<fs_image_disk, destroy_image_disk>;
 
 // True when `syspath` names a device directly below the directory `parent` in sysfs.
 bool is_child_of(const char *syspath, const char *parent) noexcept {
@@ -265,12 +288,17 @@ fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image,
                                 const char *syspath) noexcept {
   if (!is_child_of(syspath, image->syspath))
     return FSIC_OK;
-  fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
-  if (!dev)
+  udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
+  if (!dev) {
+    FSIC_LOG_FAILED("udev_device_new_from_syspath");
     return FSIC_ERR_FAILED;
-  errno = 0;
-  if (!_fs_is_partition(dev.get()))
-    return fsic::udev_ran_out_of_memory() ? FSIC_ERR_NO_MEMORY : FSIC_OK;
+  }
+  switch (_fs_is_partition(dev.get())) {
+    case 0:
+      return FSIC_OK;
+    case -1:
+      return FSIC_ERR_NO_MEMORY;
+  }
   fs_partition *part;
   fsic_status status = _fs_create_partition(dev.get(), &_fs_image_partition_ops, &part);
   if (status != FSIC_OK)
@@ -280,71 +308,60 @@ fsic_status add_partition_entry(struct udev *udev, fs_image_disk *image,
   return FSIC_OK;
 }
 
-// Finds the partitions of the image's loop device in sysfs, in directory order. On
-// failure none is left.
+// Finds the partitions of the image's loop device in sysfs, in directory order.
 fsic_status create_partitions(struct udev *udev, fs_image_disk *image) noexcept {
-  fsic_status status =
-      fsic::walk_block_devices([&](const char *syspath, bool *) noexcept -> fsic_status {
-        return add_partition_entry(udev, image, syspath);
-      });
-  if (status != FSIC_OK)
-    destroy_partitions(image);
-  return status;
+  return walk_block_devices([&](const char *syspath, bool *) noexcept -> fsic_status {
+    return add_partition_entry(udev, image, syspath);
+  });
 }
 
-// The record of an image attached to `loop`, with its partitions.
-fsic_status _create_image_disk(struct udev *udev, struct udev_device *loop, fs_volume *volume,
-                               const char *path, const char *name,
-                               fs_image_disk **out) noexcept {
-  auto *image = static_cast<fs_image_disk *>(ic_util_zalloc(sizeof(fs_image_disk)));
+// The record of an image about to be attached to `loop`; not attached yet.
+fsic_status start_image_disk(struct udev_device *loop, const char *path, const char *name,
+                             image_owner *out) noexcept {
+  const char *devnode;
+  fsic_status status = required_value(udev_devnode(loop, &devnode));
+  if (status != FSIC_OK) {
+    FSIC_LOG_FAILED("udev_device_get_devnode");
+    return status;
+  }
+  image_owner image = make_zeroed<fs_image_disk, destroy_image_disk>();
   if (!image)
     return FSIC_ERR_NO_MEMORY;
   INIT_LIST_HEAD(&image->link);
   INIT_LIST_HEAD(&image->partitions);
-  image->name = strdup(name);
-  image->syspath = strdup(udev_device_get_syspath(loop));
-  image->devnode = strdup(udev_device_get_devnode(loop));
-  image->path = strdup(path);
-  image->volume = volume;
-  if (!image->name || !image->syspath || !image->devnode || !image->path) {
-    free_image_record(image);
-    return FSIC_ERR_NO_MEMORY;
-  }
-  fsic_status status = create_partitions(udev, image);
-  if (status != FSIC_OK) {
-    free_image_record(image);
+  if ((status = dup_into(&image->name, name)) != FSIC_OK ||
+      (status = dup_into(&image->syspath, udev_device_get_syspath(loop))) != FSIC_OK ||
+      (status = dup_into(&image->devnode, devnode)) != FSIC_OK ||
+      (status = dup_into(&image->path, path)) != FSIC_OK)
     return status;
-  }
-  *out = image;
+  *out = std::move(image);
   return FSIC_OK;
 }
 
-// Attaches the image file `path` of `volume` to a free loop device and makes its record.
+// Attaches the image file `path` of `volume` to a free loop device and makes its record
+// with its partitions. Whatever fails undoes the rest through the record's destroyer.
 fsic_status create_image_disk(fs_volume *volume, const char *path, const char *name,
                               fs_image_disk **out) noexcept {
-  fsic::udev_ptr udev(udev_new());
-  if (!udev)
+  udev_ptr udev(udev_new());
+  if (!udev) {
+    FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
-  fsic::udev_device_ptr loop;
+  }
+  udev_device_ptr loop;
   fsic_status status = find_unused_loop_device(udev.get(), &loop);
   if (status != FSIC_OK)
     return status;
-  status = set_loop(loop.get(), volume, path);
-  if (status != FSIC_OK)
+  image_owner image;
+  if ((status = start_image_disk(loop.get(), path, name, &image)) != FSIC_OK)
     return status;
-  status = _create_image_disk(udev.get(), loop.get(), volume, path, name, out);
-  if (status != FSIC_OK)
-    clear_loop(udev_device_get_devnode(loop.get()), volume);
-  return status;
-}
-
-// Drops the mounts of the image's partitions, frees them, unlinks the image, detaches
-// its loop device (whatever the outcome) and frees the record.
-void destroy_image_disk(fs_image_disk *image) noexcept {
-  destroy_partitions(image);
-  list_del(&image->link);
-  clear_loop(image->devnode, image->volume);
-  free_image_record(image);
+  if ((status = set_loop(loop.get(), volume, path)) != FSIC_OK)
+    return status;
+  // Attached: from here on the destroyer detaches it and gives the hold back.
+  image->volume = volume;
+  if ((status = create_partitions(udev.get(), image.get())) != FSIC_OK)
+    return status;
+  *out = image.release();
+  return FSIC_OK;
 }
 
 fs_image_disk *find_image_disk(fs_disk_list *list, const char *name) noexcept {
@@ -394,10 +411,7 @@ extern "C" fsic_status fs_disk_list_remove_image_disk(fs_disk_list *list,
 }
 
 extern "C" void _fs_destroy_image_disks(fs_disk_list *list) noexcept {
-  list_head *pos = list->image_disks.prev;
-  while (pos != &list->image_disks) {
-    list_head *prev = pos->prev;
+  list_head *pos, *prev;
+  list_for_each_prev_safe(pos, prev, &list->image_disks)
     destroy_image_disk(list_entry(pos, fs_image_disk, link));
-    pos = prev;
-  }
 }

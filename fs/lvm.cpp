@@ -2,20 +2,20 @@
 // each active volume's block device is found in /sys/class/block by its
 // device-mapper name.
 #include <fsic/disk_list.h>
-#include <fsic/util.h>
 #include <fsic/volume_id.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "fs/lvm.h"
-#include "fs/lvm_backend.h"
-#include "fs/lvm_names.h"
-#include "fs/sys_block.h"
-#include "fs/udev_util.h"
+#include "fs/inventory_internal.h"
+#include "fs/lvm_internal.h"
+#include "util/owner.h"
 
 namespace {
+
+using namespace fsic::detail;
+
+constexpr const char *kLogSource = "lvm";
 
 // ---- the LVM-volume kind ----------------------------------------------------------
 
@@ -33,8 +33,10 @@ const fs_volume_ops lvm_volume_ops = {FS_VOLUME_LVM, lvm_volume_create_id,
 
 // ---- volumes ------------------------------------------------------------------------
 
+// Unlinks (when linked) and frees a volume; accepts a zero-filled, partly built record.
 void destroy_volume(fs_lvm_volume *lv) noexcept {
-  list_del(&lv->link);
+  if (lv->link.next)
+    list_del(&lv->link);
   free(lv->name);
   free(lv->volume.fs_type);
   free(lv->volume.devnode);
@@ -44,13 +46,18 @@ void destroy_volume(fs_lvm_volume *lv) noexcept {
 
 // Finds the block device whose sysfs attribute dm/name equals `dm_name`. Device-mapper
 // devices are virtual, so nothing is skipped here. 0 with *out null when none matches.
-fsic_status find_dm_device(udev *udev, const char *dm_name, fsic::udev_device_ptr *out) noexcept {
-  return fsic::walk_block_devices([&](const char *syspath, bool *stop) noexcept -> fsic_status {
-    fsic::udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
-    if (!dev)
+fsic_status find_dm_device(udev *udev, const char *dm_name, udev_device_ptr *out) noexcept {
+  return walk_block_devices([&](const char *syspath, bool *stop) noexcept -> fsic_status {
+    udev_device_ptr dev(udev_device_new_from_syspath(udev, syspath));
+    if (!dev) {
+      FSIC_LOG_FAILED("udev_device_new_from_syspath");
       return FSIC_ERR_FAILED;
-    const char *name = udev_device_get_sysattr_value(dev.get(), "dm/name");
-    if (name && strcmp(name, dm_name) == 0) {
+    }
+    const char *name;
+    const udev_value got = udev_sysattr(dev.get(), "dm/name", &name);
+    if (got == udev_value::no_memory)
+      return FSIC_ERR_NO_MEMORY;
+    if (got == udev_value::present && strcmp(name, dm_name) == 0) {
       *out = std::move(dev);
       *stop = true;
     }
@@ -60,35 +67,25 @@ fsic_status find_dm_device(udev *udev, const char *dm_name, fsic::udev_device_pt
 
 fsic_status create_volume_record(fs_lvm_group *group, const char *name,
                                  udev_device *dev) noexcept {
-  const char *devnode = udev_device_get_devnode(dev);
-  if (!devnode)
-    return FSIC_ERR_FAILED;
-  auto *lv = static_cast<fs_lvm_volume *>(ic_util_zalloc(sizeof(fs_lvm_volume)));
+  const char *devnode, *fs_type;
+  fsic_status status = required_value(udev_devnode(dev, &devnode));
+  if (status != FSIC_OK) {
+    FSIC_LOG_FAILED("udev_device_get_devnode");
+    return status;
+  }
+  if ((status = optional_value(udev_property(dev, "ID_FS_TYPE", &fs_type))) != FSIC_OK)
+    return status;
+  owner<fs_lvm_volume, destroy_volume> lv = make_zeroed<fs_lvm_volume, destroy_volume>();
   if (!lv)
     return FSIC_ERR_NO_MEMORY;
   lv->volume.ops = &lvm_volume_ops;
-  errno = 0;
-  const char *fs_type = udev_device_get_property_value(dev, "ID_FS_TYPE");
-  if (!fs_type && fsic::udev_ran_out_of_memory()) {
-    free(lv);
-    return FSIC_ERR_NO_MEMORY;
-  }
-  lv->volume.syspath = strdup(udev_device_get_syspath(dev));
-  lv->volume.devnode = strdup(devnode);
-  lv->name = strdup(name);
-  bool copied = lv->volume.syspath && lv->volume.devnode && lv->name;
-  if (copied && fs_type)
-    copied = (lv->volume.fs_type = strdup(fs_type)) != nullptr;
-  if (!copied) {
-    free(lv->volume.fs_type);
-    free(lv->name);
-    free(lv->volume.devnode);
-    free(lv->volume.syspath);
-    free(lv);
-    return FSIC_ERR_NO_MEMORY;
-  }
+  if ((status = dup_into(&lv->volume.syspath, udev_device_get_syspath(dev))) != FSIC_OK ||
+      (status = dup_into(&lv->volume.devnode, devnode)) != FSIC_OK ||
+      (status = dup_into(&lv->name, name)) != FSIC_OK ||
+      (status = dup_into(&lv->volume.fs_type, fs_type)) != FSIC_OK)
+    return status;
   lv->group = group;
-  list_add_tail(&lv->link, &group->volumes);
+  list_add_tail(&lv.release()->link, &group->volumes);
   return FSIC_OK;
 }
 
@@ -98,15 +95,16 @@ fsic_status create_volume_record(fs_lvm_group *group, const char *name,
 fsic_status create_volume(fs_lvm_group *group, const char *lv_name) noexcept {
   if (!lv_name)
     return FSIC_ERR_FAILED;
-  fsic::udev_ptr udev(udev_new());
-  if (!udev)
+  udev_ptr udev(udev_new());
+  if (!udev) {
+    FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
-  char *dm_name = alloc_name(group->name, lv_name);
+  }
+  str_ptr dm_name(alloc_name(group->name, lv_name));
   if (!dm_name)
     return FSIC_ERR_NO_MEMORY;
-  fsic::udev_device_ptr dev;
-  fsic_status status = find_dm_device(udev.get(), dm_name, &dev);
-  free(dm_name);
+  udev_device_ptr dev;
+  fsic_status status = find_dm_device(udev.get(), dm_name.get(), &dev);
   if (status == FSIC_OK && dev)
     status = create_volume_record(group, lv_name, dev.get());
   return status;
@@ -114,53 +112,52 @@ fsic_status create_volume(fs_lvm_group *group, const char *lv_name) noexcept {
 
 // ---- groups -------------------------------------------------------------------------
 
+// Unlinks (when linked) and frees a group with its volumes; accepts a zero-filled,
+// partly built record.
 void destroy_group(fs_lvm_group *group) noexcept {
-  list_head *pos = group->volumes.next;
-  while (pos != &group->volumes) {
-    list_head *next = pos->next;
-    destroy_volume(list_entry(pos, fs_lvm_volume, link));
-    pos = next;
+  if (group->volumes.next) {
+    fs_lvm_volume *lv, *next;
+    list_for_each_entry_safe(lv, next, &group->volumes, fs_lvm_volume, link)
+      destroy_volume(lv);
   }
-  list_del(&group->link);
+  if (group->link.next)
+    list_del(&group->link);
   free(group->name);
   free(group);
 }
 
 // Opens the group read-only, appends its record and its active volumes. Only a failed
 // open or an allocation failure of the group itself is an error.
-fsic_status create_group(fs_disk_list *list, fsic::lvm::handle *lvm, const char *name) noexcept {
-  fsic::lvm::group *vg = fsic::lvm::vg_open(lvm, name);
-  if (!vg)
+fsic_status create_group(fs_disk_list *list, lvm::handle *lvm, const char *name) noexcept {
+  lvm::group_ptr vg(lvm::vg_open(lvm, name));
+  if (!vg) {
+    FSIC_LOG_FAILED("lvm vgs <group>");
     return FSIC_ERR_FAILED;
+  }
+  owner<fs_lvm_group, destroy_group> group = make_zeroed<fs_lvm_group, destroy_group>();
+  if (!group)
+    return FSIC_ERR_NO_MEMORY;
+  INIT_LIST_HEAD(&group->volumes);
+  fsic_status status = dup_into(&group->name, name);
+  if (status != FSIC_OK)
+    return status;
+  group->disk_list = list;
+  fs_lvm_group *added = group.release();
+  list_add_tail(&added->link, &list->lvm_groups);
 
-  fsic_status status = FSIC_ERR_NO_MEMORY;
-  // Every field is set below, so the record needs no zero-filling.
-  auto *group = static_cast<fs_lvm_group *>(malloc(sizeof(fs_lvm_group)));
-  if (group) {
-    group->name = strdup(name);
-    if (group->name) {
-      INIT_LIST_HEAD(&group->volumes);
-      group->disk_list = list;
-      list_add_tail(&group->link, &list->lvm_groups);
-      status = FSIC_OK;
-    } else {
-      free(group);
-    }
-  }
-  if (status == FSIC_OK) {
-    // A null list counts as empty.
-    fsic::lvm::lv_list lvs = fsic::lvm::vg_list_lvs(vg);
-    for (size_t i = 0; i < lvs.size(); i++)
-      create_volume(group, fsic::lvm::lv_get_name(lvs[i]));
-  }
-  fsic::lvm::vg_close(vg);
-  return status;
+  // A null list counts as empty.
+  lvm::lv_list lvs = lvm::vg_list_lvs(vg.get());
+  for (size_t i = 0; i < lvs.size(); i++)
+    create_volume(added, lvm::lv_get_name(lvs[i]));
+  return FSIC_OK;
 }
 
-fsic_status create_groups(fs_disk_list *list, fsic::lvm::handle *lvm) noexcept {
-  fsic::lvm::name_list names = fsic::lvm::list_vg_names(lvm);
-  if (!names)
+fsic_status create_groups(fs_disk_list *list, lvm::handle *lvm) noexcept {
+  lvm::name_list names = lvm::list_vg_names(lvm);
+  if (!names) {
+    FSIC_LOG_FAILED("lvm vgs");
     return FSIC_ERR_FAILED;
+  }
   for (size_t i = 0; i < names.size(); i++) {
     fsic_status status = create_group(list, lvm, names[i]);
     if (status != FSIC_OK) {
@@ -174,21 +171,20 @@ fsic_status create_groups(fs_disk_list *list, fsic::lvm::handle *lvm) noexcept {
 } // namespace
 
 extern "C" fsic_status fs_disk_list_add_lvm_groups(fs_disk_list *list) noexcept {
-  fsic::lvm::handle *lvm = fsic::lvm::init();
-  if (!lvm)
+  lvm::handle_ptr lvm(lvm::init());
+  if (!lvm) {
+    FSIC_LOG_FAILED("LVM plugin or lvm program");
     return FSIC_ERR_FAILED;
-  fsic_status status = FSIC_ERR_FAILED;
-  if (fsic::lvm::scan(lvm) != -1)
-    status = create_groups(list, lvm);
-  fsic::lvm::quit(lvm);
-  return status;
+  }
+  if (lvm::scan(lvm.get()) == -1) {
+    FSIC_LOG_FAILED("lvm pvscan");
+    return FSIC_ERR_FAILED;
+  }
+  return create_groups(list, lvm.get());
 }
 
 extern "C" void _fs_destroy_lvm_groups(fs_disk_list *list) noexcept {
-  list_head *pos = list->lvm_groups.next;
-  while (pos != &list->lvm_groups) {
-    list_head *next = pos->next;
-    destroy_group(list_entry(pos, fs_lvm_group, link));
-    pos = next;
-  }
+  fs_lvm_group *group, *next;
+  list_for_each_entry_safe(group, next, &list->lvm_groups, fs_lvm_group, link)
+    destroy_group(group);
 }

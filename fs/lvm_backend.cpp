@@ -24,7 +24,7 @@
 // child watch and so no GLib worker thread. Descriptors above 2 are closed in the
 // child and stdin is /dev/null. The environment, LVM_SYSTEM_DIR included, is passed on
 // with LC_ALL=C added.
-#include "fs/lvm_backend.h"
+#include "fs/lvm_internal.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -42,7 +42,7 @@ extern "C" {
 #include <blockdev/utils.h>
 }
 
-namespace fsic::lvm {
+namespace fsic::detail::lvm {
 
 struct handle {};
 
@@ -88,13 +88,13 @@ void quiet_handler(const gchar *domain, GLogLevelFlags level, const gchar *messa
 }
 
 // Runs libblockdev calls quietly: one per adapter call.
-using quiet = detail::quiet_glib_log;
+using quiet = impl::quiet_glib_log;
 
 void drop_error(GError *&error) noexcept { g_clear_error(&error); }
 
 }  // namespace
 
-namespace detail {
+namespace impl {
 
 quiet_glib_log::quiet_glib_log() noexcept {
   g_mutex_lock(&quiet_lock);
@@ -123,7 +123,7 @@ quiet_glib_log::~quiet_glib_log() {
   g_mutex_unlock(&quiet_lock);
 }
 
-}  // namespace detail
+}  // namespace impl
 
 handle *init() noexcept {
   quiet q;
@@ -168,7 +168,7 @@ int scan(handle *h) noexcept {
 
 // ---- listings -----------------------------------------------------------------------
 
-namespace detail {
+namespace impl {
 
 void free_rows(BDLVMVGdata **rows, std::size_t size) noexcept {
   for (std::size_t i = 0; i < size; ++i) bd_lvm_vgdata_free(rows[i]);
@@ -180,7 +180,7 @@ void free_rows(BDLVMLVdata **rows, std::size_t size) noexcept {
   g_free(rows);
 }
 
-}  // namespace detail
+}  // namespace impl
 
 // ---- name_list ----------------------------------------------------------------------
 
@@ -271,4 +271,4 @@ const char *lv_get_name(const lv *v) noexcept {
 
 void quit(handle *h) noexcept { delete h; }
 
-}  // namespace fsic::lvm
+}  // namespace fsic::detail::lvm

@@ -1,17 +1,19 @@
 // Device-mapper names: LVM joins group and volume names with '-' and doubles every
 // '-' inside them, so that the join stays unambiguous.
-#include "fs/lvm_names.h"
-
 #include <cstdlib>
 
-extern "C" size_t quote_hyphens_len(const char *name) noexcept {
+#include "fs/lvm_internal.h"
+
+namespace fsic::detail {
+
+size_t quote_hyphens_len(const char *name) noexcept {
   size_t len = 0;
   for (const char *p = name; *p; p++)
     len += (*p == '-') ? 2 : 1;
   return len;
 }
 
-extern "C" void quote_hyphens(char **cursor, const char *name) noexcept {
+void quote_hyphens(char **cursor, const char *name) noexcept {
   char *out = *cursor;
   for (const char *p = name; *p; p++) {
     if (*p == '-')
@@ -21,7 +23,7 @@ extern "C" void quote_hyphens(char **cursor, const char *name) noexcept {
   *cursor = out;
 }
 
-extern "C" char *alloc_name(const char *vg, const char *lv) noexcept {
+char *alloc_name(const char *vg, const char *lv) noexcept {
   auto *name = static_cast<char *>(malloc(quote_hyphens_len(vg) + quote_hyphens_len(lv) + 2));
   if (!name)
     return nullptr;
@@ -32,3 +34,5 @@ extern "C" char *alloc_name(const char *vg, const char *lv) noexcept {
   *cursor = '\0';
   return name;
 }
+
+} // namespace fsic::detail

@@ -16,14 +16,19 @@
 #include <unistd.h>
 
 #include "fs/mount_internal.h"
+#include "util/log_internal.h"
 
-namespace fsic {
+namespace {
+// The source that log records of this file name.
+constexpr const char *kLogSource = "mount";
+} // namespace
+
+namespace fsic::detail {
 
 namespace {
 
 // Log records of the runner name this source and fixed line numbers, so that they
 // read the same whatever the layout of this file.
-constexpr const char *kSource = "mount";
 constexpr int kLineWaitFailed = 135;
 constexpr int kLineKilled = 142;
 constexpr int kLineExitCode = 146;
@@ -39,6 +44,8 @@ fsic_status run_cmd(const char *program, char *const argv[]) noexcept {
 
   fsic_status status = FSIC_ERR_FAILED;
   pid_t pid = fork();
+  if (pid == -1)
+    FSIC_LOG_FAILED("fork");
   if (pid == 0) {
     sigprocmask(SIG_SETMASK, &previous, nullptr);
     execvp(program, argv);
@@ -53,15 +60,15 @@ fsic_status run_cmd(const char *program, char *const argv[]) noexcept {
 
     if (waited == -1) {
       if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
-        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineWaitFailed, "ret = %d\n",
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kLogSource, "run_cmd", kLineWaitFailed, "ret = %d\n",
                static_cast<int>(status));
     } else if (!WIFEXITED(wstatus)) {
       if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
-        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineKilled, "ret = %d\n",
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kLogSource, "run_cmd", kLineKilled, "ret = %d\n",
                static_cast<int>(status));
     } else if (WEXITSTATUS(wstatus) != 0) {
       if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_ERROR))
-        ic_log(&__ic_log_fs, IC_LOG_ERROR, kSource, "run_cmd", kLineExitCode,
+        ic_log(&__ic_log_fs, IC_LOG_ERROR, kLogSource, "run_cmd", kLineExitCode,
                "exec '%s': error_code = %d\n", program, WEXITSTATUS(wstatus));
     } else {
       status = FSIC_OK;
@@ -82,7 +89,7 @@ fsic_status vmfs_umount(const char *dir) noexcept {
   return run_cmd("umount", argv);
 }
 
-} // namespace fsic
+} // namespace fsic::detail
 
 namespace {
 
@@ -96,7 +103,7 @@ struct mount_entry {
 const char *const vmfs_names[] = {"vmfs", "VMFS_volume_member", nullptr};
 
 const mount_entry mount_entries[] = {
-    {vmfs_names, fsic::vmfs_mount, fsic::vmfs_umount},
+    {vmfs_names, fsic::detail::vmfs_mount, fsic::detail::vmfs_umount},
     {nullptr, nullptr, nullptr},
 };
 
@@ -115,13 +122,20 @@ constexpr unsigned long kMountFlags = MS_RDONLY | MS_NODEV | MS_NOEXEC | MS_NOAT
 fsic_status mount_volume(const char *devnode, const char *dir, const char *fs_type) noexcept {
   if (const mount_entry *e = find_mount_entry(fs_type))
     return e->mount(devnode, dir);
-  return mount(devnode, dir, fs_type, kMountFlags, nullptr) == -1 ? FSIC_ERR_FAILED : FSIC_OK;
+  if (mount(devnode, dir, fs_type, kMountFlags, nullptr) == -1) {
+    FSIC_LOG_FAILED("mount");
+    return FSIC_ERR_FAILED;
+  }
+  return FSIC_OK;
 }
 
 int umount_volume(const char *dir, const char *fs_type) noexcept {
   if (const mount_entry *e = find_mount_entry(fs_type))
     e->umount(dir);
-  return umount(dir);
+  const int rc = umount(dir);
+  if (rc != 0)
+    FSIC_LOG_FAILED("umount");
+  return rc;
 }
 
 // One hold on the list's base directory, created with the first hold.
@@ -139,6 +153,7 @@ fsic_status get_base_mount_dir(fs_disk_list *list) noexcept {
     if (!list->base_dir)
       return FSIC_ERR_NO_MEMORY;
     if (mkdir(list->base_dir, 0755) != 0) {
+      FSIC_LOG_FAILED("mkdir of the base mount directory");
       free(list->base_dir);
       list->base_dir = nullptr;
       return FSIC_ERR_FAILED;
@@ -181,6 +196,7 @@ extern "C" fsic_status fs_volume_get_mount_point(fs_volume *volume,
   if (!volume->mount_point) {
     status = FSIC_ERR_NO_MEMORY;
   } else if (mkdir(volume->mount_point, 0755) != 0) {
+    FSIC_LOG_FAILED("mkdir of the mount directory");
     status = FSIC_ERR_FAILED;
   } else {
     status = mount_volume(volume->devnode, volume->mount_point, volume->fs_type);

@@ -13,7 +13,7 @@ void _fs_volume_release_mount_point(fs_volume *volume) FSIC_NOEXCEPT;
 FSIC_END_DECLS
 
 #ifdef __cplusplus
-namespace fsic {
+namespace fsic::detail {
 
 /* Runs `program` (searched in PATH) with `argv` (argv[0] is the program again, NULL
  * ends it), waits for it with SIGCHLD blocked, and returns 0 when it exited normally
@@ -24,7 +24,7 @@ fsic_status run_cmd(const char *program, char *const argv[]) noexcept;
 fsic_status vmfs_mount(const char *devnode, const char *dir) noexcept;
 fsic_status vmfs_umount(const char *dir) noexcept;
 
-} // namespace fsic
+} // namespace fsic::detail
 #endif
 
 #endif /* FSIC_FS_MOUNT_INTERNAL_H */

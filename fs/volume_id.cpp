@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 
 namespace {
 

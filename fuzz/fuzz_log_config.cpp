@@ -24,6 +24,8 @@
 #include "log_model.h"
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const bool clean_environment = [] {
     unsetenv("LOG_LEVEL");

@@ -19,7 +19,7 @@
 #include <fsic/volume_id.h>
 
 #include "blob_model.h"
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 #include "fuzz_check.h"
 
 namespace {

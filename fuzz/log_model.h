@@ -19,6 +19,8 @@
 
 namespace fuzz {
 
+using namespace fsic::detail;
+
 // ---------------------------------------------------------------- format strings
 
 // "%" followed by one of these (first match wins) is placeholder index + 1.

@@ -24,7 +24,7 @@
 
 #include "blob_model.h"
 #include "fs/icl_internal.h"
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 
 namespace {
 

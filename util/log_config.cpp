@@ -8,13 +8,15 @@
 #include <stdlib.h>
 #include <string.h>
 
-extern "C" {
+namespace fsic::detail {
 
 const char *const log_classes[LOG_N_CLASSES] = {"FATAL", "ERROR", "WARN",
                                                 "INFO",  "DEBUG", "TRACE"};
 
+extern "C" {
 ic_log_channel __ic_log_fs = IC_LOG_CHANNEL_INIT("fs");
 ic_log_channel __ic_log_fs_ocl = IC_LOG_CHANNEL_INIT("fs_ocl");
+}
 
 static uint32_t default_flags = 3;            /* FATAL and ERROR */
 static log_options options[LOG_MAX_OPTIONS];  /* sorted by name (strcmp) */
@@ -32,7 +34,7 @@ static uint32_t configured_mask(int32_t level) noexcept {
   return level_to_mask(level) & 0x7FFFFFFFu;
 }
 
-uint32_t ic_log_set_default_level(int32_t level) noexcept {
+extern "C" uint32_t ic_log_set_default_level(int32_t level) noexcept {
   default_flags = level_to_mask(level);
   return default_flags;
 }
@@ -247,7 +249,7 @@ static void load_config(void) noexcept {
 
 /* --- Test hooks --- */
 
-void _ic_log_reset(void) noexcept {
+extern "C" void _ic_log_reset(void) noexcept {
   default_flags = 3;
   memset(options, 0, sizeof options);
   n_options = 0;
@@ -257,9 +259,9 @@ void _ic_log_reset(void) noexcept {
   _ic_log_reset_output();
 }
 
-const log_options *_ic_log_options(unsigned *count) noexcept {
+extern "C" const log_options *_ic_log_options(unsigned *count) noexcept {
   *count = n_options;
   return options;
 }
 
-}  // extern "C"
+}  // namespace fsic::detail

@@ -3,6 +3,7 @@
  * writer (write() to standard error). */
 #include "util/log_internal.h"
 
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -10,7 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
-extern "C" {
+namespace fsic::detail {
 
 /* Placeholder item codes; literal runs are TEXT_ITEM(start). */
 enum {
@@ -284,7 +285,7 @@ static void put_data_message(log_record *r, const void *arg) noexcept {
   if (m->data) put_bytes(r, m->data, m->len);
 }
 
-void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
+extern "C" void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
             int line, const char *format, ...) noexcept {
   if (!class_enabled(channel, cls)) return;
   va_list args;
@@ -295,7 +296,7 @@ void ic_log(ic_log_channel *channel, int cls, const char *file, const char *func
   va_end(args);
 }
 
-int ic_log_write(ic_log_channel *channel, int cls, const char *file, const char *function,
+extern "C" int ic_log_write(ic_log_channel *channel, int cls, const char *file, const char *function,
                  int line, const void *data, unsigned data_len) noexcept {
   if (!class_enabled(channel, cls)) return 0;
   const data_message m = {(const char *)data, data_len};
@@ -305,15 +306,23 @@ int ic_log_write(ic_log_channel *channel, int cls, const char *file, const char 
 
 /* --- Test hooks --- */
 
-void _ic_log_reset_output(void) noexcept {
+extern "C" void _ic_log_reset_output(void) noexcept {
   default_format = initial_format;
   funcs[0] = default_write_log;
 }
 
-log_writer_fn _ic_log_set_writer(log_writer_fn fn) noexcept {
+extern "C" log_writer_fn _ic_log_set_writer(log_writer_fn fn) noexcept {
   const log_writer_fn old = funcs[0];
   funcs[0] = fn ? fn : default_write_log;
   return old;
 }
 
-}  // extern "C"
+void log_failed_call(const char *source, const char *func, int line, const char *call) noexcept {
+  const int saved = errno;
+  if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_DEBUG))
+    ic_log(&__ic_log_fs, IC_LOG_DEBUG, source, func, line, "%s failed: %s\n", call,
+           strerror(saved));
+  errno = saved;
+}
+
+}  // namespace fsic::detail

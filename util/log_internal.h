@@ -10,7 +10,7 @@
 
 #include <fsic/log.h>
 
-FSIC_BEGIN_DECLS
+namespace fsic::detail {
 
 #define LOG_N_CLASSES 6        /* FATAL .. TRACE */
 #define LOG_MAX_OPTIONS 256    /* capacity of the options table */
@@ -44,51 +44,66 @@ typedef int (*log_writer_fn)(const void *data, unsigned len);
 
 /* The channel's mask, first re-resolved (from its options entry, else from the default
  * mask) whenever any of the five low bits of the cached word is set. */
-uint32_t get_channel_flags(ic_log_channel *channel) FSIC_NOEXCEPT;
+uint32_t get_channel_flags(ic_log_channel *channel) noexcept;
 
 /* Loads the configuration on the first call; then the entry named like the channel,
  * or null. */
-log_options *get_channel_options(const ic_log_channel *channel) FSIC_NOEXCEPT;
+log_options *get_channel_options(const ic_log_channel *channel) noexcept;
 
 /* The entry of that name, added in sorted place with the current default mask when
  * missing; null when the table is full or the name does not fit. */
-log_options *add_channel_options(const char *name) FSIC_NOEXCEPT;
+log_options *add_channel_options(const char *name) noexcept;
 
 /* A class name (any case) or a strtol base-0 number, blanks around it allowed;
  * -1 when it is neither. */
-int32_t value_to_level(const char *value) FSIC_NOEXCEPT;
+int32_t value_to_level(const char *value) noexcept;
 
 /* A double- or single-quoted string into out (size bytes, NUL included); 0, or -1
  * when the quoting is wrong, the text does not fit or anything but blanks follows. */
-int value_to_string(const char *value, char *out, size_t size) FSIC_NOEXCEPT;
+int value_to_string(const char *value, char *out, size_t size) noexcept;
 
 /* Applies the configuration lines read from file (the LOG_CONFIG file when loading). */
-void load_config_from_stream(FILE *file) FSIC_NOEXCEPT;
+void load_config_from_stream(FILE *file) noexcept;
 
 /* --- log_format.cpp --- */
 
 /* Compiles a format string; 0, or -1 when items or text overflow (out is then
  * partly filled). */
-int format_to_desc(const char *format, format_desc *out) FSIC_NOEXCEPT;
+int format_to_desc(const char *format, format_desc *out) noexcept;
 
 /* The current format description, which the configuration may replace. */
-format_desc *get_format(void) FSIC_NOEXCEPT;
+format_desc *get_format(void) noexcept;
+
+/* --- Debug records of failed calls --- */
+
+/* Logs on channel "fs", class DEBUG (off by default), that `call` failed, with
+ * strerror(errno); errno is left as it was. `source` names the source file. */
+void log_failed_call(const char *source, const char *func, int line, const char *call) noexcept;
+
+} /* namespace fsic::detail */
+
+/* A DEBUG record that `call` (a text naming the failed call) failed here; the source
+ * file defines kLogSource. */
+#define FSIC_LOG_FAILED(call) \
+  ::fsic::detail::log_failed_call(kLogSource, __func__, __LINE__, call)
+
+FSIC_BEGIN_DECLS
 
 /* --- Test hooks --- */
 
 /* Back to the state of a new process: default mask 3, no entries, configuration not
  * loaded, the library's channels unresolved, the default format and writer. */
-void _ic_log_reset(void) FSIC_NOEXCEPT;
+void _ic_log_reset(void) noexcept;
 
 /* The default format and writer again (called by _ic_log_reset()). */
-void _ic_log_reset_output(void) FSIC_NOEXCEPT;
+void _ic_log_reset_output(void) noexcept;
 
 /* Installs a writer (the default one, write() to descriptor 2, when fn is null) and
  * returns the previous one. */
-log_writer_fn _ic_log_set_writer(log_writer_fn fn) FSIC_NOEXCEPT;
+fsic::detail::log_writer_fn _ic_log_set_writer(fsic::detail::log_writer_fn fn) noexcept;
 
 /* The options table and its number of entries. */
-const log_options *_ic_log_options(unsigned *count) FSIC_NOEXCEPT;
+const fsic::detail::log_options *_ic_log_options(unsigned *count) noexcept;
 
 FSIC_END_DECLS
 

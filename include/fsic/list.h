@@ -64,6 +64,23 @@ static inline int list_empty(const struct list_head *head) FSIC_NOEXCEPT {
   return head->next == head;
 }
 
+/* Walks the links of the list `head` front to back with `pos`; `n` keeps the next link,
+ * so that the body may unlink (and free) the record at `pos`. */
+#define list_for_each_safe(pos, n, head) \
+  for ((pos) = (head)->next, (n) = (pos)->next; (pos) != (head); (pos) = (n), (n) = (pos)->next)
+
+/* The same back to front. */
+#define list_for_each_prev_safe(pos, n, head) \
+  for ((pos) = (head)->prev, (n) = (pos)->prev; (pos) != (head); (pos) = (n), (n) = (pos)->prev)
+
+/* Walks the records of type `type` linked through `member`, front to back, with `pos`;
+ * `n` keeps the next record, so that the body may unlink (and free) `pos`. */
+#define list_for_each_entry_safe(pos, n, head, type, member)                          \
+  for ((pos) = list_entry((head)->next, type, member),                               \
+      (n) = list_entry((pos)->member.next, type, member);                            \
+       &(pos)->member != (head);                                                      \
+       (pos) = (n), (n) = list_entry((n)->member.next, type, member))
+
 FSIC_END_DECLS
 
 #endif /* FSIC_LIST_H */

@@ -26,7 +26,7 @@
 #include "fault_gtest.h"
 #include "fault_tree.h"
 #include "fs/icl_internal.h"
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 #include "icl_report.h"
 #include "tests/integration/host_helpers.h"
 #include "tests/unit/driver/stdio_capture.h"

@@ -19,6 +19,8 @@
 #include "fault_tree.h"
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 namespace {
 
 using fault::attempt;

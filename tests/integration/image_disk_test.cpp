@@ -13,7 +13,7 @@
 #include <fsic/util.h>
 #include <fsic/volume_id.h>
 
-#include "fs/image_disk.h"
+#include "fs/inventory_internal.h"
 #include "host_helpers.h"
 
 #include <fcntl.h>

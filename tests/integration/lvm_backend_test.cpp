@@ -6,7 +6,7 @@
 // The sandbox removes its groups, physical volumes, loop devices and files when it goes
 // out of scope, also after a failed assertion. Volumes are created inactive: this also
 // works on hosts without device-mapper in the kernel.
-#include "fs/lvm_backend.h"
+#include "fs/lvm_internal.h"
 #include "tests/integration/host_helpers.h"
 #include "tests/unit/driver/stdio_capture.h"
 
@@ -39,7 +39,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-namespace lvm = fsic::lvm;
+namespace lvm = fsic::detail::lvm;
 
 // ---- processes ----------------------------------------------------------------------
 

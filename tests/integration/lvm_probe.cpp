@@ -9,7 +9,7 @@
 //                         number of threads after every step
 //
 // Exit status: 0 done as expected, 3 init returned null, 4 a step failed.
-#include "fs/lvm_backend.h"
+#include "fs/lvm_internal.h"
 
 #include <dirent.h>
 #include <glib.h>
@@ -46,9 +46,9 @@ void host_default_handler(const gchar *, GLogLevelFlags, const gchar *message, g
 }
 
 int run_init() {
-  fsic::lvm::handle *h = fsic::lvm::init();
+  fsic::detail::lvm::handle *h = fsic::detail::lvm::init();
   std::printf("init=%s\n", h != nullptr ? "ok" : "null");
-  fsic::lvm::quit(h);
+  fsic::detail::lvm::quit(h);
   return h != nullptr ? 0 : 3;
 }
 
@@ -74,28 +74,28 @@ int run_walk(const char *missing) {
     std::printf("threads %s %d\n", what, n);
   };
   step("start");
-  fsic::lvm::handle_ptr h(fsic::lvm::init());
+  fsic::detail::lvm::handle_ptr h(fsic::detail::lvm::init());
   step("init");
   if (!h) return 3;
-  if (fsic::lvm::scan(h.get()) != 0) return 4;
+  if (fsic::detail::lvm::scan(h.get()) != 0) return 4;
   step("scan");
-  fsic::lvm::name_list names = fsic::lvm::list_vg_names(h.get());
+  fsic::detail::lvm::name_list names = fsic::detail::lvm::list_vg_names(h.get());
   step("list");
   if (!names) return 4;
   for (std::size_t i = 0; i < names.size(); ++i) {
     std::string vg = names[i];
-    fsic::lvm::group_ptr g(fsic::lvm::vg_open(h.get(), vg.c_str()));
+    fsic::detail::lvm::group_ptr g(fsic::detail::lvm::vg_open(h.get(), vg.c_str()));
     step("open");
     if (!g) return 4;
     std::printf("vg %s\n", vg.c_str());
-    fsic::lvm::lv_list lvs = fsic::lvm::vg_list_lvs(g.get());
+    fsic::detail::lvm::lv_list lvs = fsic::detail::lvm::vg_list_lvs(g.get());
     step("lvs");
     for (std::size_t j = 0; j < lvs.size(); ++j)
-      std::printf("lv %s %s\n", vg.c_str(), fsic::lvm::lv_get_name(lvs[j]));
+      std::printf("lv %s %s\n", vg.c_str(), fsic::detail::lvm::lv_get_name(lvs[j]));
     g.reset();
     step("close");
   }
-  fsic::lvm::group_ptr gone(fsic::lvm::vg_open(h.get(), missing));
+  fsic::detail::lvm::group_ptr gone(fsic::detail::lvm::vg_open(h.get(), missing));
   step("open-missing");
   if (gone) return 4;
   h.reset();

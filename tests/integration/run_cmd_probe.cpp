@@ -20,7 +20,7 @@ int main(int argc, char **argv) {
   }
   std::vector<char *> args(argv + 1, argv + argc);
   args.push_back(nullptr);
-  const fsic_status status = fsic::run_cmd(argv[1], args.data());
+  const fsic_status status = fsic::detail::run_cmd(argv[1], args.data());
   printf("status=%u flags=%#x\n", static_cast<unsigned>(status),
          static_cast<unsigned>(__ic_log_fs.flags));
   return 0;

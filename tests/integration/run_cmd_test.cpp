@@ -13,6 +13,8 @@
 #include "host_helpers.h"
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -173,7 +175,7 @@ protected:
     std::vector<char *> args;
     for (auto &a : argv) args.push_back(a.data());
     args.push_back(nullptr);
-    return fsic::run_cmd(argv[0].c_str(), args.data());
+    return fsic::detail::run_cmd(argv[0].c_str(), args.data());
   }
 
   host::base_dir_guard guard_;
@@ -187,12 +189,12 @@ protected:
 
 TEST_F(RunCmdTest, ASuccessfulCommandGetsItsArgumentsAndLogsNothing) {
   recording_standin("vmfs-fuse", "args");
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/a dir with blanks"), FSIC_OK);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/a dir with blanks"), FSIC_OK);
   EXPECT_EQ(recorded("args"), "vmfs-fuse\n/dev/fsic-test-dev\n/tmp/a dir with blanks\n");
   EXPECT_TRUE(g_records.empty());
 
   recording_standin("umount", "umount-args");
-  EXPECT_EQ(fsic::vmfs_umount("/tmp/fs.x/sdb1"), FSIC_OK);
+  EXPECT_EQ(fsic::detail::vmfs_umount("/tmp/fs.x/sdb1"), FSIC_OK);
   EXPECT_EQ(recorded("umount-args"), "umount\n/tmp/fs.x/sdb1\n");
   EXPECT_TRUE(g_records.empty());
 
@@ -204,7 +206,7 @@ TEST_F(RunCmdTest, ASuccessfulCommandGetsItsArgumentsAndLogsNothing) {
 TEST_F(RunCmdTest, ANonZeroExitCodeFailsAndIsLogged) {
   recording_standin("vmfs-fuse", "args", 3);
   const timeval before = now();
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   const timeval after = now();
   EXPECT_EQ(recorded("args"), "vmfs-fuse\n/dev/fsic-test-dev\n/tmp/dir\n");
   ASSERT_EQ(g_records.size(), 1u);
@@ -212,7 +214,7 @@ TEST_F(RunCmdTest, ANonZeroExitCodeFailsAndIsLogged) {
 
   g_records.clear();
   standin("umount", "exit 255\n");
-  EXPECT_EQ(fsic::vmfs_umount("/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_umount("/tmp/dir"), FSIC_ERR_FAILED);
   ASSERT_EQ(g_records.size(), 1u);
   EXPECT_NE(g_records[0].find(" [fs] ERROR: mount:run_cmd:146 exec 'umount': error_code = 255\n"),
             std::string::npos)
@@ -222,14 +224,14 @@ TEST_F(RunCmdTest, ANonZeroExitCodeFailsAndIsLogged) {
 TEST_F(RunCmdTest, ACommandKilledByASignalFails) {
   standin("vmfs-fuse", "kill -9 $$\nexit 0\n");
   const timeval before = now();
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   const timeval after = now();
   ASSERT_EQ(g_records.size(), 1u);
   expect_record(g_records[0], 142, "ret = 1\n", before, after);
 
   g_records.clear();
   standin("vmfs-fuse", "kill -TERM $$\nexit 0\n");
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   ASSERT_EQ(g_records.size(), 1u);
   EXPECT_EQ(g_records[0].substr(23), " [fs] ERROR: mount:run_cmd:142 ret = 1\n");
 }
@@ -237,7 +239,7 @@ TEST_F(RunCmdTest, ACommandKilledByASignalFails) {
 TEST_F(RunCmdTest, AMissingProgramExitsWith127) {
   set_path(empty_);
   const timeval before = now();
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   const timeval after = now();
   ASSERT_EQ(g_records.size(), 1u);
   expect_record(g_records[0], 146, "exec 'vmfs-fuse': error_code = 127\n", before, after);
@@ -249,7 +251,7 @@ TEST_F(RunCmdTest, AMissingProgramExitsWith127) {
   g_records.clear();
   set_path(bin_);
   ASSERT_TRUE(host::write_text(bin_ + "/vmfs-fuse", "#!/bin/sh\nexit 0\n", 0644));
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   ASSERT_EQ(g_records.size(), 1u);
   EXPECT_EQ(g_records[0].substr(23),
             " [fs] ERROR: mount:run_cmd:146 exec 'vmfs-fuse': error_code = 127\n");
@@ -262,7 +264,7 @@ TEST_F(RunCmdTest, AFailedWaitIsLogged) {
   // (Kept to shell built-ins: the ignored SIGCHLD is inherited by the command.)
   standin("vmfs-fuse", ": > '" + (work_ / "args") + "'\nexit 0\n");
   const timeval before = now();
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   const timeval after = now();
   EXPECT_TRUE(was_run("args"));
   ASSERT_EQ(g_records.size(), 1u);
@@ -285,7 +287,7 @@ TEST_F(RunCmdTest, ErrorOutputWithExitCodeZeroIsASuccess) {
   const int saved_out = dup(1), saved_err = dup(2);
   dup2(out_fd, 1);
   dup2(err_fd, 2);
-  const fsic_status status = fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir");
+  const fsic_status status = fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir");
   dup2(saved_out, 1);
   dup2(saved_err, 2);
   close(saved_out);
@@ -326,7 +328,7 @@ TEST_F(RunCmdTest, AnInterruptedWaitIsRepeated) {
     itimerval every{{0, 30000}, {0, 30000}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
     const timeval before = now();
-    const fsic_status status = fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir");
+    const fsic_status status = fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir");
     const timeval after = now();
     itimerval off_now{};
     setitimer(ITIMER_REAL, &off_now, nullptr);
@@ -410,7 +412,7 @@ TEST_F(RunCmdTest, SigchldIsBlockedDuringTheWaitAndTheMaskIsRestored) {
   sigemptyset(&m);
   ASSERT_EQ(sigprocmask(SIG_SETMASK, &m, nullptr), 0);
   standin("vmfs-fuse", "exit 9\n");
-  EXPECT_EQ(fsic::vmfs_mount("/dev/x", "/tmp/x"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/x", "/tmp/x"), FSIC_ERR_FAILED);
   EXPECT_TRUE(same_mask(current_mask(), m));
 }
 
@@ -440,7 +442,7 @@ TEST_F(RunCmdTest, AHostSigchldHandlerDoesNotTakeTheChild) {
 
   standin("vmfs-fuse", "sleep 0.1\nexit 4\n");
   const timeval before = now();
-  EXPECT_EQ(fsic::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
+  EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   const timeval after = now();
   ASSERT_EQ(g_records.size(), 1u);
   expect_record(g_records[0], 146, "exec 'vmfs-fuse': error_code = 4\n", before, after);

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <vector>
 
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 
 namespace {
 

@@ -5,9 +5,11 @@
 #include <cstring>
 #include <string>
 
-#include "fs/lvm_names.h"
+#include "fs/lvm_internal.h"
 
 namespace {
+
+using namespace fsic::detail;
 
 std::string dm_name(const char *vg, const char *lv) {
   char *name = alloc_name(vg, lv);

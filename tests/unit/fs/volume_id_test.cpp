@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The adapter's argument checks and its GLib message guard.
-#include "fs/lvm_backend.h"
+#include "fs/lvm_internal.h"
 #include "tests/unit/driver/stdio_capture.h"
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-using fsic::lvm::detail::quiet_glib_log;
+using fsic::detail::lvm::impl::quiet_glib_log;
 
 using drivertest::stderr_capture;
 
@@ -31,14 +31,14 @@ void host_handler(const gchar *, GLogLevelFlags, const gchar *message, gpointer 
 }
 
 TEST(LvmAdapterArguments, NullArgumentsAreRejectedWithoutCrashing) {
-  EXPECT_EQ(fsic::lvm::scan(nullptr), -1);
-  EXPECT_FALSE(fsic::lvm::list_vg_names(nullptr));
-  EXPECT_EQ(fsic::lvm::vg_open(nullptr, "vg"), nullptr);
-  EXPECT_FALSE(fsic::lvm::vg_list_lvs(nullptr));
-  EXPECT_EQ(fsic::lvm::lv_get_name(nullptr), nullptr);
-  fsic::lvm::vg_close(nullptr);
-  fsic::lvm::quit(nullptr);
-  fsic::lvm::name_list empty;
+  EXPECT_EQ(fsic::detail::lvm::scan(nullptr), -1);
+  EXPECT_FALSE(fsic::detail::lvm::list_vg_names(nullptr));
+  EXPECT_EQ(fsic::detail::lvm::vg_open(nullptr, "vg"), nullptr);
+  EXPECT_FALSE(fsic::detail::lvm::vg_list_lvs(nullptr));
+  EXPECT_EQ(fsic::detail::lvm::lv_get_name(nullptr), nullptr);
+  fsic::detail::lvm::vg_close(nullptr);
+  fsic::detail::lvm::quit(nullptr);
+  fsic::detail::lvm::name_list empty;
   EXPECT_FALSE(empty);
   EXPECT_EQ(empty.size(), 0u);
   EXPECT_EQ(empty[0], nullptr);

@@ -20,7 +20,7 @@
 #include <fsic/volume_id.h>
 
 #include "fs/icl_internal.h"
-#include "fs/volume_id_io.h"
+#include "fs/volume_id_internal.h"
 #include "tests/unit/ocl/ocl_test_util.h"
 
 namespace icltest {

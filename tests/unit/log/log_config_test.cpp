@@ -13,6 +13,8 @@
 
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 namespace {
 
 class LogConfig : public ::testing::Test {

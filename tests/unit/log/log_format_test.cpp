@@ -15,6 +15,8 @@
 #include "log_test_support.h"
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 namespace {
 
 using log_test::HasRecords;

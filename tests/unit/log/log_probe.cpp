@@ -20,6 +20,8 @@
 
 #include "util/log_internal.h"
 
+using namespace fsic::detail;
+
 namespace {
 
 ic_log_channel g_channels[64];

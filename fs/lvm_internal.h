@@ -1,5 +1,6 @@
-// Internal LVM adapter used by the inventory to list volume groups and their logical
-// volumes. It runs on libblockdev's LVM plugin, which drives the `lvm` program.
+// LVM internals of the inventory: the device-mapper names of logical volumes, and the
+// adapter that lists volume groups and their logical volumes. The adapter runs on
+// libblockdev's LVM plugin, which drives the `lvm` program.
 //
 // Call sequence (each step maps to one status of the inventory code):
 //   init -> scan -> list_vg_names -> for each name: vg_open -> vg_list_lvs ->
@@ -8,12 +9,13 @@
 // Nothing here throws. Nothing here starts a thread, and nothing that the adapter or the
 // libraries under it do reaches the process's standard error: the `lvm` child's output
 // is captured, libblockdev's log goes to a silent function and GLib messages are dropped
-// while an adapter call runs (see detail::quiet_glib_log). LVM_SYSTEM_DIR and the
+// while an adapter call runs (see impl::quiet_glib_log). LVM_SYSTEM_DIR and the
 // rest of the environment are passed on to `lvm` unchanged.
 //
 // Meant to be used from one thread at a time (the inventory's); concurrent use is not
 // something it has been tested for.
-#pragma once
+#ifndef FSIC_FS_LVM_INTERNAL_H
+#define FSIC_FS_LVM_INTERNAL_H
 
 #include <cstddef>
 #include <memory>
@@ -24,9 +26,28 @@
 struct BDLVMVGdata;
 struct BDLVMLVdata;
 
-namespace fsic::lvm {
+namespace fsic::detail {
 
-namespace detail {
+// ---- device-mapper names ------------------------------------------------------------
+
+// The length of `name` with every '-' counted twice.
+size_t quote_hyphens_len(const char *name) noexcept;
+
+// Writes `name` at *cursor with every '-' doubled and advances the cursor; no NUL.
+void quote_hyphens(char **cursor, const char *name) noexcept;
+
+// The device-mapper name of volume `lv` in group `vg`: both names with their hyphens
+// doubled, joined by one '-' (vg-data, lv_home: "vg--data-lv_home"). A new string of
+// exactly the needed size, or null when memory is exhausted.
+char *alloc_name(const char *vg, const char *lv) noexcept;
+
+} // namespace fsic::detail
+
+// ---- the adapter ----------------------------------------------------------------------
+
+namespace fsic::detail::lvm {
+
+namespace impl {
 
 // Free a listing's first `size` records and the array itself.
 void free_rows(BDLVMVGdata **rows, std::size_t size) noexcept;
@@ -69,7 +90,7 @@ private:
   std::size_t size_ = 0;
 };
 
-}  // namespace detail
+}  // namespace impl
 
 struct handle;  // a usable LVM session, from init() to quit()
 struct group;   // an opened volume group, from vg_open() to vg_close()
@@ -95,9 +116,9 @@ public:
 
 private:
   friend name_list list_vg_names(handle *h) noexcept;
-  explicit name_list(detail::row_array<BDLVMVGdata> rows) noexcept : rows_(std::move(rows)) {}
+  explicit name_list(impl::row_array<BDLVMVGdata> rows) noexcept : rows_(std::move(rows)) {}
 
-  detail::row_array<BDLVMVGdata> rows_;
+  impl::row_array<BDLVMVGdata> rows_;
 };
 
 name_list list_vg_names(handle *h) noexcept;
@@ -119,9 +140,9 @@ public:
 
 private:
   friend lv_list vg_list_lvs(group *g) noexcept;
-  explicit lv_list(detail::row_array<BDLVMLVdata> rows) noexcept : rows_(std::move(rows)) {}
+  explicit lv_list(impl::row_array<BDLVMLVdata> rows) noexcept : rows_(std::move(rows)) {}
 
-  detail::row_array<BDLVMLVdata> rows_;
+  impl::row_array<BDLVMLVdata> rows_;
 };
 
 // Lists the logical volumes of this one group (asked for by the group's name alone).
@@ -143,7 +164,7 @@ struct close_deleter {
 using handle_ptr = std::unique_ptr<handle, quit_deleter>;
 using group_ptr = std::unique_ptr<group, close_deleter>;
 
-namespace detail {
+namespace impl {
 
 // While at least one of these is alive, GLib messages that a thread holding one logs in
 // the covered domains (the default one, where libblockdev logs, and GLib, GLib-GObject,
@@ -165,6 +186,8 @@ public:
   quiet_glib_log &operator=(const quiet_glib_log &) = delete;
 };
 
-}  // namespace detail
+}  // namespace impl
 
-}  // namespace fsic::lvm
+}  // namespace fsic::detail::lvm
+
+#endif // FSIC_FS_LVM_INTERNAL_H

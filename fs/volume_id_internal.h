@@ -1,6 +1,6 @@
 /* Writing and reading volume-identifier records inside larger blobs. */
-#ifndef FSIC_FS_VOLUME_ID_IO_H
-#define FSIC_FS_VOLUME_ID_IO_H
+#ifndef FSIC_FS_VOLUME_ID_INTERNAL_H
+#define FSIC_FS_VOLUME_ID_INTERNAL_H
 
 #include <fsic/buffer.h>
 #include <fsic/volume_id.h>
@@ -15,4 +15,4 @@ fsic_status _fs_read_volume_id_from_rbuf(rb *buf, fs_volume_id **out) FSIC_NOEXC
 
 FSIC_END_DECLS
 
-#endif /* FSIC_FS_VOLUME_ID_IO_H */
+#endif /* FSIC_FS_VOLUME_ID_INTERNAL_H */

@@ -1,0 +1,104 @@
+// Partition records, shared by physical disks and image disks, and the volume
+// operations of both kinds of partition.
+#include <fsic/volume_id.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fs/inventory_internal.h"
+#include "fs/mount_internal.h"
+#include "util/owner.h"
+
+namespace {
+
+constexpr const char *kLogSource = "partition";
+
+using partition_owner = fsic::detail::owner<fs_partition, _fs_destroy_partition>;
+
+// ---- partitions of physical disks ---------------------------------------------------
+
+fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  auto *disk = static_cast<fs_disk *>(part->disk);
+  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
+}
+
+fs_disk_list *partition_get_disk_list(fs_volume *volume) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  return static_cast<fs_disk *>(part->disk)->disk_list;
+}
+
+// ---- partitions of image disks ------------------------------------------------------
+
+fsic_status image_partition_create_id(fs_volume *volume, fs_volume_id **out) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  auto *image = static_cast<fs_image_disk *>(part->disk);
+  return fs_image_partition_id_create(image->name, static_cast<uint32_t>(part->number), out);
+}
+
+fs_disk_list *image_partition_get_disk_list(fs_volume *volume) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  return static_cast<fs_image_disk *>(part->disk)->disk_list;
+}
+
+} // namespace
+
+extern "C" const fs_volume_ops _fs_partition_ops = {FS_VOLUME_PARTITION, partition_create_id,
+                                                    partition_get_disk_list};
+
+extern "C" const fs_volume_ops _fs_image_partition_ops = {
+    FS_VOLUME_IMAGE_PARTITION, image_partition_create_id, image_partition_get_disk_list};
+
+extern "C" int _fs_is_partition(struct udev_device *dev) noexcept {
+  const char *value;
+  switch (fsic::detail::udev_sysattr(dev, "partition", &value)) {
+    case fsic::detail::udev_value::present:
+      return 1;
+    case fsic::detail::udev_value::no_memory:
+      return -1;
+    default:
+      return 0;
+  }
+}
+
+extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_volume_ops *ops,
+                                            fs_partition **out) noexcept {
+  using namespace fsic::detail;
+  const char *devnode, *uuid, *fs_type, *sysnum;
+  fsic_status status = required_value(udev_devnode(dev, &devnode));
+  if (status != FSIC_OK) {
+    FSIC_LOG_FAILED("udev_device_get_devnode");
+    return status;
+  }
+  // Values missing for lack of memory would make a wrong record silently.
+  if ((status = optional_value(udev_property(dev, "ID_FS_UUID", &uuid))) != FSIC_OK ||
+      (status = optional_value(udev_property(dev, "ID_FS_TYPE", &fs_type))) != FSIC_OK ||
+      (status = optional_value(udev_sysnum(dev, &sysnum))) != FSIC_OK)
+    return status;
+
+  partition_owner part = make_zeroed<fs_partition, _fs_destroy_partition>();
+  if (!part)
+    return FSIC_ERR_NO_MEMORY;
+  part->volume.ops = ops;
+  part->number = sysnum ? atoi(sysnum) : 0;
+  if ((status = dup_into(&part->volume.syspath, udev_device_get_syspath(dev))) != FSIC_OK ||
+      (status = dup_into(&part->volume.devnode, devnode)) != FSIC_OK ||
+      (status = dup_into(&part->uuid, uuid)) != FSIC_OK ||
+      (status = dup_into(&part->volume.fs_type, fs_type)) != FSIC_OK)
+    return status;
+  *out = part.release();
+  return FSIC_OK;
+}
+
+extern "C" void _fs_destroy_partition(fs_partition *part) noexcept {
+  // A mounted partition is unmounted here whatever its hold count.
+  if (part->volume.mount_point)
+    _fs_volume_release_mount_point(&part->volume);
+  if (part->link.next)
+    list_del(&part->link);
+  free(part->volume.syspath);
+  free(part->volume.devnode);
+  free(part->uuid);
+  free(part->volume.fs_type);
+  free(part);
+}
