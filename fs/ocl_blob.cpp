@@ -10,6 +10,10 @@
 #include <fsic/util.h>
 
 #include "fs/ocl_internal.h"
+#include "util/owner.h"
+
+using info_owner = fsic::detail::owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
+using object_owner = fsic::detail::owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
 #define TRY(expr)                     \
   do {                                \
@@ -108,24 +112,6 @@ static void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
   return zero ? calloc(count, size) : malloc((size_t)count * size);
 }
 
-/* An owned NUL-terminated copy of a (pointer, length) string of the blob. */
-static fsic_status alloc_str(const char *view, uint16_t len, char **out) noexcept {
-  char *copy = static_cast<char *>(malloc((size_t)len + 1));
-  if (!copy)
-    return FSIC_ERR_NO_MEMORY;
-  memcpy(copy, view, len);
-  copy[len] = '\0';
-  *out = copy;
-  return FSIC_OK;
-}
-
-static fsic_status read_zstr(rb *buf, char **out) noexcept {
-  const char *view;
-  uint16_t len;
-  TRY(rb_read_str(buf, &view, &len));
-  return alloc_str(view, len, out);
-}
-
 static fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
   TRY(rb_read_uint32(buf, &attrs->mode));
   TRY(rb_read_uint16(buf, &attrs->uid));
@@ -140,89 +126,33 @@ static fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
   return rb_read_uint16(buf, &attrs->gid);
 }
 
-static fsic_status read_and_alloc_file_attrs(rb *buf, fs_ocl_file_attrs **out) noexcept {
-  fs_ocl_file_attrs *attrs = static_cast<fs_ocl_file_attrs *>(malloc(sizeof(*attrs)));
-  if (!attrs)
+/* Reads one value of `size` bytes into a new block that *field receives at once, so
+ * that the record being read owns it whatever happens next. */
+template <typename T, typename Read>
+static fsic_status read_new(rb *buf, T **field, size_t size, Read read) noexcept {
+  *field = static_cast<T *>(malloc(size));
+  if (!*field)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = read_file_attrs(buf, attrs);
-  if (status != FSIC_OK) {
-    free(attrs);
-    return status;
-  }
-  *out = attrs;
-  return FSIC_OK;
+  return read(buf, *field);
 }
 
-static fsic_status read_and_alloc_dir_attrs(rb *buf, fs_ocl_dir_attrs **out) noexcept {
-  fs_ocl_dir_attrs *attrs = static_cast<fs_ocl_dir_attrs *>(malloc(sizeof(*attrs)));
-  if (!attrs)
-    return FSIC_ERR_NO_MEMORY;
-  fsic_status status = read_dir_attrs(buf, attrs);
-  if (status != FSIC_OK) {
-    free(attrs);
-    return status;
-  }
-  *out = attrs;
-  return FSIC_OK;
+static fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
+  return rb_read(buf, hash, FS_OCL_HASH_SIZE);
 }
 
-static fsic_status read_and_alloc_hash(rb *buf, uint8_t **out) noexcept {
-  uint8_t *hash = static_cast<uint8_t *>(malloc(FS_OCL_HASH_SIZE));
-  if (!hash)
-    return FSIC_ERR_NO_MEMORY;
-  fsic_status status = rb_read(buf, hash, FS_OCL_HASH_SIZE);
-  if (status != FSIC_OK) {
-    free(hash);
-    return status;
-  }
-  *out = hash;
-  return FSIC_OK;
-}
-
-/* Count 0 gives null masks; otherwise a NULL-terminated array of copies. */
+/* Count 0 gives null masks; otherwise a NULL-terminated array of copies, which *out
+ * receives at once: it is filled in order, so it is NULL-terminated at every step. */
 static fsic_status read_masks(rb *buf, char ***out) noexcept {
   uint16_t count;
   TRY(rb_read_uint16(buf, &count));
-  if (count == 0) {
-    *out = NULL;
+  if (count == 0)
     return FSIC_OK;
-  }
-  char **masks = static_cast<char **>(calloc((size_t)count + 1, sizeof(char *)));
+  char **masks = *out = static_cast<char **>(calloc((size_t)count + 1, sizeof(char *)));
   if (!masks)
     return FSIC_ERR_NO_MEMORY;
-  for (uint16_t i = 0; i < count; i++) {
-    fsic_status status = read_zstr(buf, &masks[i]);
-    if (status != FSIC_OK) {
-      /* The entries are filled in order, so the array is NULL-terminated here. */
-      ic_str_zarray_destroy(masks);
-      return status;
-    }
-  }
-  *out = masks;
+  for (uint16_t i = 0; i < count; i++)
+    TRY(rb_read_and_alloc_zstr(buf, &masks[i]));
   return FSIC_OK;
-}
-
-/* Frees an info tree that may be only partly read: the counts say how many names
- * were read, and an entry after a name may still be missing. */
-static void free_read_info(fs_ocl_dir_info *info) noexcept {
-  if (!info)
-    return;
-  if (info->subdir_names)
-    for (int32_t i = 0; i < info->subdir_count; i++)
-      free(info->subdir_names[i]);
-  if (info->subdir_infos)
-    for (int32_t i = 0; i < info->subdir_count; i++)
-      free_read_info(info->subdir_infos[i]);
-  if (info->file_names)
-    for (int32_t i = 0; i < info->file_count; i++)
-      free(info->file_names[i]);
-  free(info->subdir_names);
-  free(info->subdir_infos);
-  free(info->subdir_attrs);
-  free(info->file_names);
-  free(info->file_hashes);
-  free(info->file_attrs);
-  free(info);
 }
 
 /* A count read from the blob; the record holds it as a signed 32-bit number, so a
@@ -267,7 +197,7 @@ static fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    TRY(read_zstr(buf, &info->subdir_names[i]));
+    TRY(rb_read_and_alloc_zstr(buf, &info->subdir_names[i]));
     info->subdir_count = (int32_t)i + 1;
     /* Kept even when empty: the blob is taken as it is. */
     TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
@@ -295,7 +225,7 @@ static fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) no
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    TRY(read_zstr(buf, &info->file_names[i]));
+    TRY(rb_read_and_alloc_zstr(buf, &info->file_names[i]));
     info->file_count = (int32_t)i + 1;
     if (flags & CONTROL_DATA)
       TRY(rb_read(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
@@ -311,108 +241,69 @@ static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
                                  fs_ocl_dir_info **out) noexcept {
   if (depth > MAX_INFO_DEPTH)
     return FSIC_ERR_NO_MEMORY;
-  fs_ocl_dir_info *info = static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(*info)));
+  info_owner info(static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(fs_ocl_dir_info))));
   if (!info)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = read_subdirs(buf, flags, depth, info);
-  if (status == FSIC_OK)
-    status = read_files(buf, flags, info);
-  if (status != FSIC_OK) {
-    free_read_info(info);
-    return status;
-  }
-  *out = info;
+  TRY(read_subdirs(buf, flags, depth, info.get()));
+  TRY(read_files(buf, flags, info.get()));
+  *out = info.release();
   return FSIC_OK;
+}
+
+/* A zero-filled object of `size` bytes with its type and flags, owned by its
+ * destroyer. */
+static object_owner start_object(size_t size, uint32_t type, uint32_t flags) noexcept {
+  object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
+  if (obj) {
+    obj->type = type;
+    obj->flags = flags;
+  }
+  return obj;
 }
 
 /* The path stays a view into the blob until the body is read. */
 static fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
   const char *path_view;
   uint16_t path_len;
-  uint16_t flags16;
+  uint16_t flags;
   TRY(rb_read_str(buf, &path_view, &path_len));
-  TRY(rb_read_uint16(buf, &flags16));
-  uint32_t flags = flags16;
-
-  uint8_t *hash = NULL;
-  fs_ocl_file_attrs *attrs = NULL;
-  char *path = NULL;
-  fs_ocl_file_object *obj = NULL;
-  fsic_status status = FSIC_OK;
+  TRY(rb_read_uint16(buf, &flags));
+  object_owner obj = start_object(sizeof(fs_ocl_file_object), FS_OCL_FILE, flags);
+  if (!obj)
+    return FSIC_ERR_NO_MEMORY;
+  auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
   if (flags & CONTROL_DATA)
-    status = read_and_alloc_hash(buf, &hash);
-  if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-    status = read_and_alloc_file_attrs(buf, &attrs);
-  if (status == FSIC_OK)
-    status = alloc_str(path_view, path_len, &path);
-  if (status == FSIC_OK) {
-    obj = static_cast<fs_ocl_file_object *>(ic_util_zalloc(sizeof(*obj)));
-    if (!obj)
-      status = FSIC_ERR_NO_MEMORY;
-  }
-  if (status != FSIC_OK) {
-    free(path);
-    free(attrs);
-    free(hash);
-    return status;
-  }
-  obj->head.path = path;
-  obj->head.type = FS_OCL_FILE;
-  obj->head.flags = flags;
-  obj->hash = hash;
-  obj->attrs = attrs;
-  *out = &obj->head;
+    TRY(read_new(buf, &file->hash, FS_OCL_HASH_SIZE, read_hash));
+  if (flags & CONTROL_ATTRS)
+    TRY(read_new(buf, &file->attrs, sizeof(fs_ocl_file_attrs), read_file_attrs));
+  obj->path = static_cast<char *>(malloc((size_t)path_len + 1));
+  if (!obj->path)
+    return FSIC_ERR_NO_MEMORY;
+  memcpy(obj->path, path_view, path_len);
+  obj->path[path_len] = '\0';
+  *out = obj.release();
   return FSIC_OK;
 }
 
 static fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
-  char *path = NULL;
-  char **masks = NULL;
-  uint16_t flags16 = 0;
-  fs_ocl_dir_info *info = NULL;
-  fs_ocl_dir_attrs *attrs = NULL;
-  uint8_t *hash = NULL;
-  fs_ocl_dir_object *obj = NULL;
-
-  fsic_status status = read_zstr(buf, &path);
-  if (status == FSIC_OK)
-    status = read_masks(buf, &masks);
-  if (status == FSIC_OK)
-    status = rb_read_uint16(buf, &flags16);
-  uint32_t flags = flags16;
-  if (status == FSIC_OK) {
-    if (flags & EACH_FILE) {
-      status = read_dir_info(buf, flags, 1, &info);
-      if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-        status = read_and_alloc_dir_attrs(buf, &attrs);
-    } else {
-      status = read_and_alloc_hash(buf, &hash);
-    }
+  /* The flags come after the path and the masks: they are set once read. */
+  object_owner obj = start_object(sizeof(fs_ocl_dir_object), FS_OCL_DIR, 0);
+  if (!obj)
+    return FSIC_ERR_NO_MEMORY;
+  auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
+  TRY(rb_read_and_alloc_zstr(buf, &obj->path));
+  TRY(read_masks(buf, &dir->masks));
+  uint16_t flags;
+  TRY(rb_read_uint16(buf, &flags));
+  obj->flags = flags;
+  if (flags & EACH_FILE) {
+    TRY(read_dir_info(buf, flags, 1, &dir->info));
+    if (flags & CONTROL_ATTRS)
+      TRY(read_new(buf, &dir->attrs, sizeof(fs_ocl_dir_attrs), read_dir_attrs));
+  } else {
+    TRY(read_new(buf, &dir->hash, FS_OCL_HASH_SIZE, read_hash));
   }
-  if (status == FSIC_OK) {
-    obj = static_cast<fs_ocl_dir_object *>(ic_util_zalloc(sizeof(*obj)));
-    if (!obj)
-      status = FSIC_ERR_NO_MEMORY;
-  }
-  if (status != FSIC_OK) {
-    free(hash);
-    free(attrs);
-    free_read_info(info);
-    if (masks)
-      ic_str_zarray_destroy(masks);
-    free(path);
-    return status;
-  }
-  obj->head.path = path;
-  obj->head.type = FS_OCL_DIR;
-  obj->head.flags = flags;
-  obj->masks = masks;
-  if (flags & EACH_FILE)
-    obj->info = info;
-  else
-    obj->hash = hash;
-  obj->attrs = attrs;
-  *out = &obj->head;
+  *out = obj.release();
   return FSIC_OK;
 }
 

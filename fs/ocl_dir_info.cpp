@@ -1,212 +1,176 @@
-/* Directory control info: a tree mirroring a controlled directory, with the selected
- * files' names, content hashes and attributes per level and, under RECURSIVE, the same
- * for every non-empty subdirectory. Empty subdirectories are pruned. */
-#include <stdlib.h>
-#include <string.h>
+// Directory control info: a tree mirroring a controlled directory, with the selected
+// files' names, content hashes and attributes per level and, under RECURSIVE, the same
+// for every non-empty subdirectory. Empty subdirectories are pruned.
+//
+// A record under construction is owned by its destroyer from the start and filled in
+// place: the counts always say how many names the arrays hold, and entries not made
+// yet are null, so a failure at any step frees exactly what was made.
+#include <cstdlib>
+#include <cstring>
 
 #include "fs/ocl_internal.h"
+#include "util/owner.h"
 
-typedef uint8_t file_hash[FS_OCL_HASH_SIZE];
+namespace {
 
-/* The content hashes of the named files of the directory in `dir` (NULL for none) and,
- * when `attrs_out` is not NULL, their attributes from the same open descriptors. */
-static fsic_status create_file_hashes(fs_str_buf *dir, char *const *names, int count,
-                                      file_hash **out, fs_ocl_file_attrs **attrs_out) noexcept {
-  if (count <= 0) {
-    *out = NULL;
-    if (attrs_out)
-      *attrs_out = NULL;
+using namespace fsic::detail;
+
+using info_owner = owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
+
+// The content hashes of the info's files (whose names it holds) in the directory in
+// `dir` and, with `with_attrs`, their attributes from the same open descriptors.
+fsic_status fill_file_hashes(fs_str_buf *dir, fs_ocl_dir_info *info, bool with_attrs) noexcept {
+  const int count = info->file_count;
+  if (count <= 0)
     return FSIC_OK;
-  }
-  file_hash *hashes = static_cast<file_hash *>(malloc((size_t)count * sizeof(file_hash)));
-  if (!hashes)
+  info->file_hashes =
+      static_cast<uint8_t(*)[FS_OCL_HASH_SIZE]>(malloc((size_t)count * FS_OCL_HASH_SIZE));
+  if (!info->file_hashes)
     return FSIC_ERR_NO_MEMORY;
-  fs_ocl_file_attrs *attrs = NULL;
-  if (attrs_out) {
-    attrs = static_cast<fs_ocl_file_attrs *>(malloc((size_t)count * sizeof *attrs));
-    if (!attrs) {
-      free(hashes);
+  if (with_attrs) {
+    info->file_attrs =
+        static_cast<fs_ocl_file_attrs *>(malloc((size_t)count * sizeof(fs_ocl_file_attrs)));
+    if (!info->file_attrs)
       return FSIC_ERR_NO_MEMORY;
-    }
   }
-
-  uint32_t len = _fs_str_buf_len(dir);
+  const uint32_t len = _fs_str_buf_len(dir);
   for (int i = 0; i < count; ++i) {
-    fsic_status status = _fs_str_buf_append(dir, "/", names[i], (char *)NULL);
+    fsic_status status = _fs_str_buf_append(dir, "/", info->file_names[i], nullptr);
     if (status == FSIC_OK) {
-      status = _fs_ocl_file_hash_attrs(dir->data, hashes[i], attrs ? &attrs[i] : NULL);
+      status = _fs_ocl_file_hash_attrs(dir->data, info->file_hashes[i],
+                                       with_attrs ? &info->file_attrs[i] : nullptr);
       _fs_str_buf_setlen(dir, len);
     }
-    if (status != FSIC_OK) {
-      free(attrs);
-      free(hashes);
+    if (status != FSIC_OK)
       return status;
-    }
   }
-  *out = hashes;
-  if (attrs_out)
-    *attrs_out = attrs;
   return FSIC_OK;
 }
 
-static void destroy_subdir_infos(fs_ocl_dir_info **infos, int count) noexcept {
+// Cuts the subdirectory arrays of `info` back to their first `kept` entries (the
+// others are already empty); both arrays are freed when none is kept.
+fsic_status shrink_subdirs(fs_ocl_dir_info *info, int kept) noexcept {
+  info->subdir_count = kept;
+  if (kept == 0) {
+    free(info->subdir_names);
+    free(info->subdir_infos);
+    info->subdir_names = nullptr;
+    info->subdir_infos = nullptr;
+    return FSIC_OK;
+  }
+  auto *names = static_cast<char **>(realloc(info->subdir_names, (size_t)kept * sizeof(char *)));
+  if (!names)
+    return FSIC_ERR_NO_MEMORY;
+  info->subdir_names = names;
+  auto *infos = static_cast<fs_ocl_dir_info **>(
+      realloc(info->subdir_infos, (size_t)kept * sizeof(fs_ocl_dir_info *)));
+  if (!infos)
+    return FSIC_ERR_NO_MEMORY;
+  info->subdir_infos = infos;
+  return FSIC_OK;
+}
+
+// The infos of the info's subdirectories (whose names it holds) in the directory in
+// `dir`. Empty subdirectories are dropped with their names and the kept ones compacted
+// in order.
+fsic_status fill_subdir_infos(fs_str_buf *dir, char *const *masks, uint32_t flags,
+                              fs_ocl_dir_info *info) noexcept {
+  const int n = info->subdir_count;
+  if (n <= 0)
+    return FSIC_OK;
+  info->subdir_infos =
+      static_cast<fs_ocl_dir_info **>(calloc((size_t)n, sizeof(fs_ocl_dir_info *)));
+  if (!info->subdir_infos)
+    return FSIC_ERR_NO_MEMORY;
+
+  char **names = info->subdir_names;
+  const uint32_t len = _fs_str_buf_len(dir);
+  int kept = 0;
+  for (int i = 0; i < n; ++i) {
+    fsic_status status = _fs_str_buf_append(dir, "/", names[i], nullptr);
+    if (status != FSIC_OK)
+      return status;
+    fs_ocl_dir_info *child = nullptr;
+    status = _fs_ocl_create_dir_info(dir, masks, flags, 0, &child);
+    _fs_str_buf_setlen(dir, len);
+    if (status != FSIC_OK)
+      return status;
+    if (!child) {
+      free(names[i]);
+      names[i] = nullptr;
+      continue;
+    }
+    info->subdir_infos[kept] = child;
+    if (kept != i) {
+      names[kept] = names[i];
+      names[i] = nullptr;
+    }
+    kept++;
+  }
+  return kept < n ? shrink_subdirs(info, kept) : FSIC_OK;
+}
+
+// Destroys `count` infos of an array (null entries allowed) and the array.
+void destroy_infos(fs_ocl_dir_info **infos, int count) noexcept {
+  if (!infos)
+    return;
   for (int i = 0; i < count; ++i)
     _fs_ocl_destroy_dir_info(infos[i]);
   free(infos);
 }
 
-/*
- * The infos of the subdirectories *names of the directory in `dir`. Empty subdirectories
- * are dropped (their names freed) and the kept ones compacted in order; both arrays end
- * at exactly the kept count, which *count receives (0: both NULL). On failure no info is
- * left and *names and *count hold the names not yet freed, for the caller to release.
- */
-static fsic_status create_subdir_infos(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                       char ***names, int *count,
-                                       fs_ocl_dir_info ***out) noexcept {
-  int n = *count;
-  if (n <= 0) {
-    *out = NULL;
-    return FSIC_OK;
-  }
-  fs_ocl_dir_info **infos =
-      static_cast<fs_ocl_dir_info **>(malloc((size_t)n * sizeof(fs_ocl_dir_info *)));
-  if (!infos)
-    return FSIC_ERR_NO_MEMORY;
-
-  char **list = *names;
-  uint32_t len = _fs_str_buf_len(dir);
-  int kept = 0;
-  fsic_status status = FSIC_OK;
-  int i = 0;
-  for (; i < n; ++i) {
-    status = _fs_str_buf_append(dir, "/", list[i], (char *)NULL);
-    if (status != FSIC_OK)
-      break;
-    fs_ocl_dir_info *info = NULL;
-    status = _fs_ocl_create_dir_info(dir, masks, flags, 0, &info);
-    _fs_str_buf_setlen(dir, len);
-    if (status != FSIC_OK)
-      break;
-    if (!info) {
-      free(list[i]);
-      continue;
-    }
-    list[kept] = list[i];
-    infos[kept++] = info;
-  }
-
-  if (status == FSIC_OK && kept == 0) {
-    free(infos);
-    free(list);
-    *names = NULL;
-    *count = 0;
-    *out = NULL;
-    return FSIC_OK;
-  }
-  if (status == FSIC_OK && kept < n) {
-    char **shrunk = static_cast<char **>(realloc(list, (size_t)kept * sizeof(char *)));
-    if (!shrunk) {
-      status = FSIC_ERR_NO_MEMORY;
-    } else {
-      *names = list = shrunk;
-      fs_ocl_dir_info **shrunk_infos =
-          static_cast<fs_ocl_dir_info **>(realloc(infos, (size_t)kept * sizeof *infos));
-      if (shrunk_infos)
-        infos = shrunk_infos;
-      else
-        status = FSIC_ERR_NO_MEMORY;
-    }
-  }
-  if (status != FSIC_OK) {
-    /* The names left are the kept ones and those from the failed one on: close the gap. */
-    if (i < n)
-      memmove(list + kept, list + i, (size_t)(n - i) * sizeof(char *));
-    *count = kept + (i < n ? n - i : 0);
-    destroy_subdir_infos(infos, kept);
-    return status;
-  }
-  *count = kept;
-  *out = infos;
-  return FSIC_OK;
+// Frees `count` names of an array (null entries allowed) and the array.
+void free_names(char **names, int count) noexcept {
+  if (names)
+    _fs_ocl_free_str_array(names, count);
 }
 
-extern "C" {
+} // namespace
 
-fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                    int root, fs_ocl_dir_info **out) noexcept {
-  char **files = NULL, **subdirs = NULL;
-  int file_count = 0, subdir_count = 0;
-  bool recursive = (flags & RECURSIVE) != 0;
-  fsic_status status =
-      _fs_ocl_scan_dir(dir->data, masks, &files, &file_count, recursive ? &subdirs : NULL,
-                       recursive ? &subdir_count : NULL);
+extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks,
+                                               uint32_t flags, int root,
+                                               fs_ocl_dir_info **out) noexcept {
+  info_owner info(static_cast<fs_ocl_dir_info *>(calloc(1, sizeof(fs_ocl_dir_info))));
+  if (!info)
+    return FSIC_ERR_NO_MEMORY;
+  const bool recursive = (flags & RECURSIVE) != 0;
+  fsic_status status = _fs_ocl_scan_dir(dir->data, masks, &info->file_names, &info->file_count,
+                                        recursive ? &info->subdir_names : nullptr,
+                                        recursive ? &info->subdir_count : nullptr);
   if (status != FSIC_OK)
     return status;
 
-  file_hash *hashes = NULL;
-  fs_ocl_file_attrs *file_attrs = NULL;
-  fs_ocl_dir_info **infos = NULL;
-  fs_ocl_dir_attrs *subdir_attrs = NULL;
-  /* With both controls one open descriptor per file gives its hash and attributes. */
+  // With both controls one open descriptor per file gives its hash and attributes.
   if (flags & CONTROL_DATA)
-    status = create_file_hashes(dir, files, file_count, &hashes,
-                                (flags & CONTROL_ATTRS) ? &file_attrs : NULL);
+    status = fill_file_hashes(dir, info.get(), (flags & CONTROL_ATTRS) != 0);
   else if (flags & CONTROL_ATTRS)
-    status = _fs_ocl_create_file_attrs_array(dir, files, file_count, &file_attrs);
+    status = _fs_ocl_create_file_attrs_array(dir, info->file_names, info->file_count,
+                                             &info->file_attrs);
   if (status == FSIC_OK && recursive) {
-    status = create_subdir_infos(dir, masks, flags, &subdirs, &subdir_count, &infos);
+    status = fill_subdir_infos(dir, masks, flags, info.get());
     if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-      status = _fs_ocl_create_subdir_attrs_array(dir, subdirs, subdir_count, &subdir_attrs);
+      status = _fs_ocl_create_subdir_attrs_array(dir, info->subdir_names, info->subdir_count,
+                                                 &info->subdir_attrs);
   }
-
-  if (status == FSIC_OK && !root && file_count == 0 && subdir_count == 0) {
-    /* An empty subdirectory has no info; nothing was allocated for it. */
-    *out = NULL;
-    return FSIC_OK;
-  }
-
-  fs_ocl_dir_info *info = NULL;
-  if (status == FSIC_OK) {
-    info = static_cast<fs_ocl_dir_info *>(calloc(1, sizeof *info));
-    if (!info)
-      status = FSIC_ERR_NO_MEMORY;
-  }
-  if (status != FSIC_OK) {
-    free(subdir_attrs);
-    if (infos)
-      destroy_subdir_infos(infos, subdir_count);
-    _fs_ocl_free_str_array(subdirs, subdir_count);
-    free(file_attrs);
-    free(hashes);
-    _fs_ocl_free_str_array(files, file_count);
+  if (status != FSIC_OK)
     return status;
-  }
 
-  info->subdir_count = subdir_count;
-  info->subdir_names = subdirs;
-  info->subdir_infos = infos;
-  info->subdir_attrs = subdir_attrs;
-  info->file_count = file_count;
-  info->file_names = files;
-  info->file_hashes = hashes;
-  info->file_attrs = file_attrs;
-  *out = info;
+  // An empty subdirectory has no info.
+  if (!root && info->file_count == 0 && info->subdir_count == 0)
+    *out = nullptr;
+  else
+    *out = info.release();
   return FSIC_OK;
 }
 
-void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) noexcept {
-  if (info->file_count > 0) {
-    _fs_ocl_free_str_array(info->file_names, info->file_count);
-    free(info->file_hashes);
-    free(info->file_attrs);
-  }
-  if (info->subdir_count > 0) {
-    _fs_ocl_free_str_array(info->subdir_names, info->subdir_count);
-    destroy_subdir_infos(info->subdir_infos, info->subdir_count);
-    free(info->subdir_attrs);
-  }
+extern "C" void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) noexcept {
+  if (!info)
+    return;
+  free_names(info->file_names, info->file_count);
+  free(info->file_hashes);
+  free(info->file_attrs);
+  free_names(info->subdir_names, info->subdir_count);
+  destroy_infos(info->subdir_infos, info->subdir_count);
+  free(info->subdir_attrs);
   free(info);
 }
-
-} /* extern "C" */

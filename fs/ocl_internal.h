@@ -59,13 +59,18 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
 /* ---- directory control info ---- */
 
 /* The info of the directory held in `dir`; `root` 0 gives NULL (and 0) for an empty
- * subdirectory. */
+ * subdirectory. Nothing is left behind on failure. */
 fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
                                     int root, fs_ocl_dir_info **out) FSIC_NOEXCEPT;
+/* Frees an info tree, also a partly built one: the counts say how many entries the
+ * name and info arrays hold, and null entries and arrays are passed over. Accepts
+ * NULL. */
 void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) FSIC_NOEXCEPT;
 
 /* ---- the container ---- */
 
+/* Frees an object, also a zero-filled, partly built one (type and flags set). */
+void _fs_ocl_destroy_object(fs_ocl_object *obj) FSIC_NOEXCEPT;
 /* Links a finished object; an object of the same path is replaced and destroyed. */
 void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) FSIC_NOEXCEPT;
 
