@@ -16,6 +16,15 @@
 #define FSIC_NOEXCEPT
 #endif
 
+/* The version of these headers. fsic_version() tells the version of the library that
+ * is running; both are MAJOR * 10000 + MINOR * 100 + PATCH. Releases with the same
+ * major version are compatible. */
+#define FSIC_VERSION_MAJOR 0
+#define FSIC_VERSION_MINOR 1
+#define FSIC_VERSION_PATCH 0
+#define FSIC_VERSION_NUMBER \
+  (FSIC_VERSION_MAJOR * 10000 + FSIC_VERSION_MINOR * 100 + FSIC_VERSION_PATCH)
+
 /* Marks the functions that the shared library exports. */
 #define FSIC_API __attribute__((visibility("default")))
 
@@ -41,5 +50,13 @@ typedef uint32_t fsic_status;
 #define FSIC_ERR_EXISTS 10u        /* an image disk of that name already exists */
 #define FSIC_ERR_LINK_LOOP 11u     /* a symbolic-link loop while scanning */
 #define FSIC_ERR_NAME_TOO_LONG 12u /* a path too long while scanning */
+
+FSIC_BEGIN_DECLS
+
+/* The version number of the library that is running (FSIC_VERSION_NUMBER of the
+ * headers it was built with). */
+FSIC_API unsigned fsic_version(void) FSIC_NOEXCEPT;
+
+FSIC_END_DECLS
 
 #endif /* FSIC_DEFS_H */
