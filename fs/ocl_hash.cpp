@@ -136,6 +136,21 @@ static fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *con
 static fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
                                      uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept;
 
+/* Feeds a directory's hash and, under CONTROL_ATTRS, the attributes of the directory
+ * `path`. */
+static fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
+                                       const uint8_t hash[FS_OCL_HASH_SIZE], const char *path,
+                                       uint32_t flags) noexcept {
+  gost_r3411_94_update(ctx, hash, FS_OCL_HASH_SIZE);
+  if (!(flags & CONTROL_ATTRS))
+    return FSIC_OK;
+  fs_ocl_dir_attrs attrs;
+  fsic_status status = _fs_ocl_init_dir_attrs(path, &attrs);
+  if (status == FSIC_OK)
+    feed_dir_attrs(ctx, &attrs);
+  return status;
+}
+
 /* Feeds one subdirectory unless it is empty: its name, its inner hash and, under
  * CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones. */
 static fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
@@ -150,13 +165,7 @@ static fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const ch
   status = _create_dir_hash(dir, masks, flags, hash, &empty);
   if (status == FSIC_OK && !empty) {
     feed_name(ctx, name);
-    gost_r3411_94_update(ctx, hash, sizeof hash);
-    if (flags & CONTROL_ATTRS) {
-      fs_ocl_dir_attrs attrs;
-      status = _fs_ocl_init_dir_attrs(dir->data, &attrs);
-      if (status == FSIC_OK)
-        feed_dir_attrs(ctx, &attrs);
-    }
+    status = feed_hash_and_attrs(ctx, hash, dir->data, flags);
     if (status == FSIC_OK)
       ++*kept;
   }
@@ -249,15 +258,8 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
   uint8_t inner[FS_OCL_HASH_SIZE];
   int empty = 0;
   fsic_status status = _create_dir_hash(dir, masks, flags, inner, &empty);
-  if (status == FSIC_OK) {
-    gost_r3411_94_update(ctx, inner, sizeof inner);
-    if (flags & CONTROL_ATTRS) {
-      fs_ocl_dir_attrs attrs;
-      status = _fs_ocl_init_dir_attrs(dir->data, &attrs);
-      if (status == FSIC_OK)
-        feed_dir_attrs(ctx, &attrs);
-    }
-  }
+  if (status == FSIC_OK)
+    status = feed_hash_and_attrs(ctx, inner, dir->data, flags);
   if (status == FSIC_OK)
     gost_r3411_94_final(ctx, hash);
   gost_r3411_94_free_context(ctx);

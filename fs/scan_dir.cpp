@@ -10,6 +10,7 @@
 #include <fsic/log.h>
 
 #include "fs/ocl_internal.h"
+#include "util/dir_iter.h"
 
 namespace {
 
@@ -127,10 +128,6 @@ static fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type)
   return FSIC_OK;
 }
 
-static bool is_dot_or_dotdot(const char *name) noexcept {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 /* Reads the open stream into the two arrays (a NULL array is not collected). */
 static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array *files,
                            str_array *subdirs) noexcept {
@@ -149,7 +146,7 @@ static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str
       break;
     }
     const char *name = entry->d_name;
-    if (is_dot_or_dotdot(name))
+    if (fsic::detail::is_dot_or_dotdot(name))
       continue;
 
     int type = entry->d_type;

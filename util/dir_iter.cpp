@@ -6,10 +6,6 @@
 
 #include <fsic/util.h>
 
-static bool is_dot_or_dotdot(const char *name) noexcept {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 extern "C" {
 
 int _fs_dir_iterate_begin(fs_dir_iter *iter, const char *path) noexcept {
@@ -36,7 +32,7 @@ int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity,
       *result = NULL;
       return 0;
     }
-  } while (is_dot_or_dotdot(entry->d_name));
+  } while (fsic::detail::is_dot_or_dotdot(entry->d_name));
 
   errno = saved_errno;
   /* A path too long for the buffer is cut, not reported. */

@@ -30,4 +30,13 @@ int _fs_dir_iterate_end(fs_dir_iter *iter) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS
 
+namespace fsic::detail {
+
+/* True for the names "." and "..", which every directory lists. */
+inline bool is_dot_or_dotdot(const char *name) noexcept {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+} /* namespace fsic::detail */
+
 #endif /* FSIC_UTIL_DIR_ITER_H */

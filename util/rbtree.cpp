@@ -37,30 +37,28 @@ static inline void rb_change_child(struct rb_node *old, struct rb_node *node,
     parent->right = node;
 }
 
-static void __rb_rotate_left(struct rb_node *node, struct rb_root *root) noexcept {
-  struct rb_node *right = node->right;
-  struct rb_node *parent = rb_parent(node);
+/* Children by side: LEFT and RIGHT, and the other side of each. The fix-ups are written
+ * once for a node on one side and serve the mirror case with the sides swapped. */
+enum side { LEFT = 0, RIGHT = 1 };
 
-  node->right = right->left;
-  if (node->right)
-    rb_set_parent(node->right, node);
-  right->left = node;
-  rb_set_parent(right, parent);
-  rb_change_child(node, right, parent, root);
-  rb_set_parent(node, right);
+static inline side other(side s) noexcept { return s == LEFT ? RIGHT : LEFT; }
+
+static inline struct rb_node *&child(struct rb_node *node, side s) noexcept {
+  return s == LEFT ? node->left : node->right;
 }
 
-static void __rb_rotate_right(struct rb_node *node, struct rb_root *root) noexcept {
-  struct rb_node *left = node->left;
+/* Rotates `node` down towards side `s`: its child on the other side takes its place. */
+static void rotate(struct rb_node *node, side s, struct rb_root *root) noexcept {
+  struct rb_node *pivot = child(node, other(s));
   struct rb_node *parent = rb_parent(node);
 
-  node->left = left->right;
-  if (node->left)
-    rb_set_parent(node->left, node);
-  left->right = node;
-  rb_set_parent(left, parent);
-  rb_change_child(node, left, parent, root);
-  rb_set_parent(node, left);
+  child(node, other(s)) = child(pivot, s);
+  if (child(node, other(s)))
+    rb_set_parent(child(node, other(s)), node);
+  child(pivot, s) = node;
+  rb_set_parent(pivot, parent);
+  rb_change_child(node, pivot, parent, root);
+  rb_set_parent(node, pivot);
 }
 
 /*
@@ -70,58 +68,31 @@ static void __rb_rotate_right(struct rb_node *node, struct rb_root *root) noexce
  */
 static void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
                              struct rb_root *root) noexcept {
-  struct rb_node *sibling;
-
   while (rb_null_or_black(node) && node != root->node) {
-    if (parent->left == node) {
-      sibling = parent->right;
-      if (rb_is_red(sibling)) {
-        rb_set_black(sibling);
-        rb_set_red(parent);
-        __rb_rotate_left(parent, root);
-        sibling = parent->right;
-      }
-      if (rb_null_or_black(sibling->left) && rb_null_or_black(sibling->right)) {
-        rb_set_red(sibling);
-        node = parent;
-        parent = rb_parent(node);
-        continue;
-      }
-      if (rb_null_or_black(sibling->right)) {
-        rb_set_black(sibling->left);
-        rb_set_red(sibling);
-        __rb_rotate_right(sibling, root);
-        sibling = parent->right;
-      }
-      rb_set_color(sibling, rb_color(parent));
-      rb_set_black(parent);
-      rb_set_black(sibling->right);
-      __rb_rotate_left(parent, root);
-    } else {
-      sibling = parent->left;
-      if (rb_is_red(sibling)) {
-        rb_set_black(sibling);
-        rb_set_red(parent);
-        __rb_rotate_right(parent, root);
-        sibling = parent->left;
-      }
-      if (rb_null_or_black(sibling->left) && rb_null_or_black(sibling->right)) {
-        rb_set_red(sibling);
-        node = parent;
-        parent = rb_parent(node);
-        continue;
-      }
-      if (rb_null_or_black(sibling->left)) {
-        rb_set_black(sibling->right);
-        rb_set_red(sibling);
-        __rb_rotate_left(sibling, root);
-        sibling = parent->left;
-      }
-      rb_set_color(sibling, rb_color(parent));
-      rb_set_black(parent);
-      rb_set_black(sibling->left);
-      __rb_rotate_right(parent, root);
+    const side s = parent->left == node ? LEFT : RIGHT;
+    struct rb_node *sibling = child(parent, other(s));
+    if (rb_is_red(sibling)) {
+      rb_set_black(sibling);
+      rb_set_red(parent);
+      rotate(parent, s, root);
+      sibling = child(parent, other(s));
     }
+    if (rb_null_or_black(sibling->left) && rb_null_or_black(sibling->right)) {
+      rb_set_red(sibling);
+      node = parent;
+      parent = rb_parent(node);
+      continue;
+    }
+    if (rb_null_or_black(child(sibling, other(s)))) {
+      rb_set_black(child(sibling, s));
+      rb_set_red(sibling);
+      rotate(sibling, other(s), root);
+      sibling = child(parent, other(s));
+    }
+    rb_set_color(sibling, rb_color(parent));
+    rb_set_black(parent);
+    rb_set_black(child(sibling, other(s)));
+    rotate(parent, s, root);
     node = root->node;
     break;
   }
@@ -132,49 +103,29 @@ static void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
 extern "C" {
 
 void rb_insert_color(struct rb_node *node, struct rb_root *root) noexcept {
-  struct rb_node *parent, *gparent, *uncle;
+  struct rb_node *parent;
 
   /* The new node is red; repair while its parent is red too. */
   while ((parent = rb_parent(node)) && rb_is_red(parent)) {
-    gparent = rb_parent(parent); /* exists: a red node is never the root */
-
-    if (parent == gparent->left) {
-      uncle = gparent->right;
-      if (uncle && rb_is_red(uncle)) {
-        rb_set_black(uncle);
-        rb_set_black(parent);
-        rb_set_red(gparent);
-        node = gparent;
-        continue;
-      }
-      if (parent->right == node) {
-        __rb_rotate_left(parent, root);
-        struct rb_node *tmp = parent;
-        parent = node;
-        node = tmp;
-      }
+    struct rb_node *gparent = rb_parent(parent); /* exists: a red node is never the root */
+    const side s = parent == gparent->left ? LEFT : RIGHT;
+    struct rb_node *uncle = child(gparent, other(s));
+    if (uncle && rb_is_red(uncle)) {
+      rb_set_black(uncle);
       rb_set_black(parent);
       rb_set_red(gparent);
-      __rb_rotate_right(gparent, root);
-    } else {
-      uncle = gparent->left;
-      if (uncle && rb_is_red(uncle)) {
-        rb_set_black(uncle);
-        rb_set_black(parent);
-        rb_set_red(gparent);
-        node = gparent;
-        continue;
-      }
-      if (parent->left == node) {
-        __rb_rotate_right(parent, root);
-        struct rb_node *tmp = parent;
-        parent = node;
-        node = tmp;
-      }
-      rb_set_black(parent);
-      rb_set_red(gparent);
-      __rb_rotate_left(gparent, root);
+      node = gparent;
+      continue;
     }
+    if (child(parent, other(s)) == node) {
+      rotate(parent, s, root);
+      struct rb_node *tmp = parent;
+      parent = node;
+      node = tmp;
+    }
+    rb_set_black(parent);
+    rb_set_red(gparent);
+    rotate(gparent, other(s), root);
   }
   rb_set_black(root->node);
 }

@@ -24,6 +24,32 @@ static bool append_copies(char **array, size_t *n, char *const *src) noexcept {
   return true;
 }
 
+/* A new array made of the NULL-ended arguments `first`, ... (each of type T): `count`
+ * tells how many strings an argument gives and `append` copies them at array[*n],
+ * advancing *n (false when a copy fails). On a failed copy the strings made so far go
+ * too and the result is NULL. */
+template <typename T, typename Count, typename Append>
+static char **build_array(T first, va_list ap, Count count, Append append) noexcept {
+  va_list counting;
+  va_copy(counting, ap);
+  size_t len = 0;
+  for (T a = first; a; a = va_arg(counting, T))
+    len += count(a);
+  va_end(counting);
+
+  char **array = static_cast<char **>(calloc(len + 1, sizeof(char *)));
+  if (!array)
+    return NULL;
+  size_t n = 0;
+  for (T a = first; a; a = va_arg(ap, T)) {
+    if (!append(array, &n, a)) {
+      release(array, n);
+      return NULL;
+    }
+  }
+  return array;
+}
+
 extern "C" {
 
 size_t ic_str_zarray_len(char *const *array) noexcept {
@@ -53,58 +79,24 @@ char **ic_str_zarray_copy(char *const *array) noexcept {
 
 char **ic_str_zarray_create(const char *first, ...) noexcept {
   va_list ap;
-  size_t len = 0;
-
   va_start(ap, first);
-  for (const char *s = first; s; s = va_arg(ap, const char *))
-    len++;
+  char **array = build_array(
+      first, ap, [](const char *) noexcept -> size_t { return 1; },
+      [](char **array, size_t *n, const char *s) noexcept {
+        array[*n] = strdup(s);
+        if (!array[*n])
+          return false;
+        (*n)++;
+        return true;
+      });
   va_end(ap);
-
-  char **array = static_cast<char **>(calloc(len + 1, sizeof(char *)));
-  if (!array)
-    return NULL;
-
-  size_t n = 0;
-  va_start(ap, first);
-  for (const char *s = first; s; s = va_arg(ap, const char *)) {
-    array[n] = strdup(s);
-    if (!array[n])
-      break;
-    n++;
-  }
-  va_end(ap);
-
-  /* On a failed copy the strings made so far go too. */
-  if (n < len) {
-    release(array, n);
-    return NULL;
-  }
   return array;
 }
 
 char **ic_str_zarray_create2(char *const *first, ...) noexcept {
   va_list ap;
-  size_t len = 0;
-
   va_start(ap, first);
-  for (char *const *a = first; a; a = va_arg(ap, char *const *))
-    len += ic_str_zarray_len(a);
-  va_end(ap);
-
-  char **array = static_cast<char **>(calloc(len + 1, sizeof(char *)));
-  if (!array)
-    return NULL;
-
-  size_t n = 0;
-  va_start(ap, first);
-  for (char *const *a = first; a; a = va_arg(ap, char *const *)) {
-    if (!append_copies(array, &n, a)) {
-      va_end(ap);
-      /* On a failed copy the strings made so far go too. */
-      release(array, n);
-      return NULL;
-    }
-  }
+  char **array = build_array(first, ap, ic_str_zarray_len, append_copies);
   va_end(ap);
   return array;
 }
