@@ -4,7 +4,7 @@
 //   init           bd_ensure_init() with only the LVM plugin (libbd_lvm.so.2, the one that
 //                  runs the `lvm` program; the D-Bus variant would start GDBus threads),
 //                  then bd_utils_check_util_version("lvm", ...) which runs `lvm version`.
-//   scan           bd_lvm_pvscan(NULL, FALSE): `lvm pvscan`, a fresh scan of all devices
+//   scan           bd_lvm_pvscan(nullptr, FALSE): `lvm pvscan`, a fresh scan of all devices
 //                  that the LVM configuration lets it see. Without lvmetad every LVM
 //                  command scans on its own, so this keeps no cache warm; what it gives
 //                  is a real scan whose failure is reported as the scan status instead

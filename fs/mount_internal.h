@@ -1,4 +1,4 @@
-/* Mounting internals shared with the inventory and the tests. */
+// Mounting internals shared with the inventory and the tests.
 #ifndef FSIC_FS_MOUNT_INTERNAL_H
 #define FSIC_FS_MOUNT_INTERNAL_H
 
@@ -6,8 +6,8 @@
 
 FSIC_BEGIN_DECLS
 
-/* Unmounts the volume at once, whatever its hold count, removes its directory and gives
- * back its hold on the base directory; mount_count is left as it is. */
+// Unmounts the volume at once, whatever its hold count, removes its directory and gives
+// back its hold on the base directory; mount_count is left as it is.
 void _fs_volume_release_mount_point(fs_volume *volume) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS
@@ -15,16 +15,16 @@ FSIC_END_DECLS
 #ifdef __cplusplus
 namespace fsic::detail {
 
-/* Runs `program` (searched in PATH) with `argv` (argv[0] is the program again, NULL
- * ends it), waits for it with SIGCHLD blocked, and returns 0 when it exited normally
- * with code 0, else 1. Failures are logged on channel "fs". */
+// Runs `program` (searched in PATH) with `argv` (argv[0] is the program again, nullptr
+// ends it), waits for it with SIGCHLD blocked, and returns 0 when it exited normally
+// with code 0, else 1. Failures are logged on channel "fs".
 fsic_status run_cmd(const char *program, char *const argv[]) noexcept;
 
-/* VMFS volumes: mounted by "vmfs-fuse <device> <dir>", unmounted by "umount <dir>". */
+// VMFS volumes: mounted by "vmfs-fuse <device> <dir>", unmounted by "umount <dir>".
 fsic_status vmfs_mount(const char *devnode, const char *dir) noexcept;
 fsic_status vmfs_umount(const char *dir) noexcept;
 
 } // namespace fsic::detail
 #endif
 
-#endif /* FSIC_FS_MOUNT_INTERNAL_H */
+#endif // FSIC_FS_MOUNT_INTERNAL_H

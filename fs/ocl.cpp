@@ -1,5 +1,5 @@
-/* Object control list: a red-black tree of file and directory objects ordered by
- * path (strcmp), with the reference data computed when an object is added. */
+// Object control list: a red-black tree of file and directory objects ordered by
+// path (strcmp), with the reference data computed when an object is added.
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -15,8 +15,8 @@ namespace {
 fs_ocl_object *object_of(rb_node *node) noexcept { return rb_entry(node, fs_ocl_object, node); }
 } // namespace
 
-/* Frees an object; the flags say which members it may have, and members not made yet
- * are null, so a partly built object is freed as well. */
+// Frees an object; the flags say which members it may have, and members not made yet
+// are null, so a partly built object is freed as well.
 extern "C" void _fs_ocl_destroy_object(fs_ocl_object *obj) noexcept {
   if (obj->type == FS_OCL_FILE) {
     auto *file = reinterpret_cast<fs_ocl_file_object *>(obj);
@@ -43,7 +43,7 @@ using namespace fsic::detail;
 
 using object_owner = owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
-/* Starts an object of the given size: zero-filled, with its own copy of the path. */
+// Starts an object of the given size: zero-filled, with its own copy of the path.
 fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t flags,
                          object_owner *out) noexcept {
   object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
@@ -58,16 +58,16 @@ fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t 
   return FSIC_OK;
 }
 
-/* The name the object has on the running system: `base` followed directly by `path`
- * (which brings its own "/"), or `path` alone. */
+// The name the object has on the running system: `base` followed directly by `path`
+// (which brings its own "/"), or `path` alone.
 fsic_status full_name(fs_str_buf *buf, const char *base, const char *path) noexcept {
   if (base)
     return _fs_str_buf_init(buf, base, path, nullptr);
   return _fs_str_buf_init(buf, path, nullptr);
 }
 
-/* Builds the reference data of a file object whose full name is in `name`; what it
- * makes belongs to the object. */
+// Builds the reference data of a file object whose full name is in `name`; what it
+// makes belongs to the object.
 fsic_status fill_file(fs_ocl_file_object *obj, const char *name) noexcept {
   struct stat st;
   if (stat(name, &st) != 0 || !S_ISREG(st.st_mode))
@@ -80,7 +80,7 @@ fsic_status fill_file(fs_ocl_file_object *obj, const char *name) noexcept {
       return status;
   }
   if (flags & CONTROL_ATTRS) {
-    /* Taken from the stat above that established the file is regular. */
+    // Taken from the stat above that established the file is regular.
     obj->attrs = static_cast<fs_ocl_file_attrs *>(malloc(sizeof(fs_ocl_file_attrs)));
     if (!obj->attrs)
       return FSIC_ERR_NO_MEMORY;
@@ -89,9 +89,9 @@ fsic_status fill_file(fs_ocl_file_object *obj, const char *name) noexcept {
   return FSIC_OK;
 }
 
-/* Builds the reference data of a directory object; `name` holds its full name and is
- * the working buffer that the scanners extend and cut back. What it makes belongs to
- * the object. */
+// Builds the reference data of a directory object; `name` holds its full name and is
+// the working buffer that the scanners extend and cut back. What it makes belongs to
+// the object.
 fsic_status fill_dir(fs_ocl_dir_object *obj, fs_str_buf *name) noexcept {
   struct stat st;
   if (stat(name->data, &st) != 0 || !S_ISDIR(st.st_mode))
@@ -110,7 +110,7 @@ fsic_status fill_dir(fs_ocl_dir_object *obj, fs_str_buf *name) noexcept {
   return _fs_ocl_create_dir_hash(name, obj->masks, flags, obj->hash);
 }
 
-/* Fills a started object through `fill` with its full name, and links it. */
+// Fills a started object through `fill` with its full name, and links it.
 template <typename Fill>
 fsic_status finish_object(fs_ocl *ocl, object_owner obj, const char *base, Fill fill,
                           fs_ocl_object **out) noexcept {
@@ -166,7 +166,7 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) noexcept {
     } else if (cmp > 0) {
       link = &parent->right;
     } else {
-      /* The newer object takes the older one's place; the count stays. */
+      // The newer object takes the older one's place; the count stays.
       rb_replace_node(parent, &obj->node, &ocl->root);
       _fs_ocl_destroy_object(cur);
       return;
@@ -242,4 +242,4 @@ fs_ocl_object *fs_ocl_next_object(fs_ocl_object *obj) noexcept {
   return node ? object_of(node) : nullptr;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,15 +1,17 @@
-/* Attributes of controlled files and directories: the low bits of a few stat fields,
- * one record or one array per directory level. */
+// Attributes of controlled files and directories: the low bits of a few stat fields,
+// one record or one array per directory level.
 #include <stdlib.h>
 
 #include "fs/ocl_internal.h"
 
-/* Appends "/" and `name` to the directory in `dir` and reads one record of the path,
- * cutting the buffer back afterwards whatever happened. */
+namespace {
+
+// Appends "/" and `name` to the directory in `dir` and reads one record of the path,
+// cutting the buffer back afterwards whatever happened.
 template <typename Attrs, fsic_status (*init)(const char *, Attrs *)>
-static fsic_status init_entry_attrs(fs_str_buf *dir, const char *name, Attrs *attrs) noexcept {
+fsic_status init_entry_attrs(fs_str_buf *dir, const char *name, Attrs *attrs) noexcept {
   uint32_t len = _fs_str_buf_len(dir);
-  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)NULL);
+  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
   if (status != FSIC_OK)
     return status;
   status = init(dir->data, attrs);
@@ -17,12 +19,12 @@ static fsic_status init_entry_attrs(fs_str_buf *dir, const char *name, Attrs *at
   return status;
 }
 
-/* One record per name, in the names' order; no partial array is left on failure. */
+// One record per name, in the names' order; no partial array is left on failure.
 template <typename Attrs, fsic_status (*init)(const char *, Attrs *)>
-static fsic_status create_attrs_array(fs_str_buf *dir, char *const *names, int count,
+fsic_status create_attrs_array(fs_str_buf *dir, char *const *names, int count,
                                       Attrs **out) noexcept {
   if (count <= 0) {
-    *out = NULL;
+    *out = nullptr;
     return FSIC_OK;
   }
   Attrs *array = static_cast<Attrs *>(malloc((size_t)count * sizeof(Attrs)));
@@ -38,6 +40,8 @@ static fsic_status create_attrs_array(fs_str_buf *dir, char *const *names, int c
   *out = array;
   return FSIC_OK;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -95,4 +99,4 @@ fsic_status _fs_ocl_create_subdir_attrs_array(fs_str_buf *dir, char *const *name
   return create_attrs_array<fs_ocl_dir_attrs, _fs_ocl_init_dir_attrs>(dir, names, count, out);
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,6 +1,6 @@
-/* Blob format of the object control list: the object count, then each object (type,
- * path, body) in path order. Integers are little-endian, strings a u16 length and
- * their bytes. File bodies start with the flags; directory bodies with the masks. */
+// Blob format of the object control list: the object count, then each object (type,
+// path, body) in path order. Integers are little-endian, strings a u16 length and
+// their bytes. File bodies start with the flags; directory bodies with the masks.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,9 +22,11 @@ using object_owner = fsic::detail::owner<fs_ocl_object, _fs_ocl_destroy_object>;
       return try_status_;             \
   } while (0)
 
-/* ---- writing ---- */
+// ---- writing ----
 
-static fsic_status write_file_attrs(wb *buf, const fs_ocl_file_attrs *attrs) noexcept {
+namespace {
+
+fsic_status write_file_attrs(wb *buf, const fs_ocl_file_attrs *attrs) noexcept {
   TRY(wb_write_uint32(buf, attrs->mode));
   TRY(wb_write_uint16(buf, attrs->uid));
   TRY(wb_write_uint16(buf, attrs->gid));
@@ -32,15 +34,15 @@ static fsic_status write_file_attrs(wb *buf, const fs_ocl_file_attrs *attrs) noe
   return wb_write_uint32(buf, attrs->mtime);
 }
 
-static fsic_status write_dir_attrs(wb *buf, const fs_ocl_dir_attrs *attrs) noexcept {
+fsic_status write_dir_attrs(wb *buf, const fs_ocl_dir_attrs *attrs) noexcept {
   TRY(wb_write_uint32(buf, attrs->mode));
   TRY(wb_write_uint16(buf, attrs->uid));
   return wb_write_uint16(buf, attrs->gid);
 }
 
-/* Null masks are written as count 0. The count field has 16 bits: exactly as many
- * masks as it says are written, so the blob stays readable in any case. */
-static fsic_status write_masks(wb *buf, char *const *masks) noexcept {
+// Null masks are written as count 0. The count field has 16 bits: exactly as many
+// masks as it says are written, so the blob stays readable in any case.
+fsic_status write_masks(wb *buf, char *const *masks) noexcept {
   uint16_t count = masks ? (uint16_t)ic_str_zarray_len(masks) : 0;
   TRY(wb_write_uint16(buf, count));
   for (uint16_t i = 0; i < count; i++)
@@ -48,9 +50,9 @@ static fsic_status write_masks(wb *buf, char *const *masks) noexcept {
   return FSIC_OK;
 }
 
-/* One directory level: its subdirectories (each fully, depth first, attributes after
- * the info), then its files. The flags are the owning object's. */
-static fsic_status write_dir_info(wb *buf, const fs_ocl_dir_info *info, uint32_t flags) noexcept {
+// One directory level: its subdirectories (each fully, depth first, attributes after
+// the info), then its files. The flags are the owning object's.
+fsic_status write_dir_info(wb *buf, const fs_ocl_dir_info *info, uint32_t flags) noexcept {
   TRY(wb_write_uint32(buf, (uint32_t)info->subdir_count));
   for (int32_t i = 0; i < info->subdir_count; i++) {
     TRY(wb_write_str(buf, info->subdir_names[i]));
@@ -69,7 +71,7 @@ static fsic_status write_dir_info(wb *buf, const fs_ocl_dir_info *info, uint32_t
   return FSIC_OK;
 }
 
-static fsic_status write_file_object(wb *buf, const fs_ocl_file_object *obj) noexcept {
+fsic_status write_file_object(wb *buf, const fs_ocl_file_object *obj) noexcept {
   uint32_t flags = obj->head.flags;
   TRY(wb_write_uint16(buf, (uint16_t)flags));
   if (flags & CONTROL_DATA)
@@ -79,7 +81,7 @@ static fsic_status write_file_object(wb *buf, const fs_ocl_file_object *obj) noe
   return FSIC_OK;
 }
 
-static fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexcept {
+fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexcept {
   uint32_t flags = obj->head.flags;
   TRY(write_masks(buf, obj->masks));
   TRY(wb_write_uint16(buf, (uint16_t)flags));
@@ -92,7 +94,7 @@ static fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexc
   return wb_write(buf, obj->hash, FS_OCL_HASH_SIZE);
 }
 
-static fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
+fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
   if (obj->type != FS_OCL_FILE && obj->type != FS_OCL_DIR)
     return FSIC_ERR_FAILED;
   TRY(wb_write_uint16(buf, (uint16_t)obj->type));
@@ -102,17 +104,21 @@ static fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
   return write_dir_object(buf, reinterpret_cast<const fs_ocl_dir_object *>(obj));
 }
 
-/* ---- reading ---- */
+} // namespace
 
-/* `count` elements of `size` bytes, or NULL when that cannot be had (including a
- * product that size_t cannot hold, as on 32-bit targets). */
-static void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
+// ---- reading ----
+
+namespace {
+
+// `count` elements of `size` bytes, or nullptr when that cannot be had (including a
+// product that size_t cannot hold, as on 32-bit targets).
+void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
   if (count > SIZE_MAX / size)
-    return NULL;
+    return nullptr;
   return zero ? calloc(count, size) : malloc((size_t)count * size);
 }
 
-static fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
+fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
   TRY(rb_read_uint32(buf, &attrs->mode));
   TRY(rb_read_uint16(buf, &attrs->uid));
   TRY(rb_read_uint16(buf, &attrs->gid));
@@ -120,29 +126,29 @@ static fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
   return rb_read_uint32(buf, &attrs->mtime);
 }
 
-static fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
+fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
   TRY(rb_read_uint32(buf, &attrs->mode));
   TRY(rb_read_uint16(buf, &attrs->uid));
   return rb_read_uint16(buf, &attrs->gid);
 }
 
-/* Reads one value of `size` bytes into a new block that *field receives at once, so
- * that the record being read owns it whatever happens next. */
+// Reads one value of `size` bytes into a new block that *field receives at once, so
+// that the record being read owns it whatever happens next.
 template <typename T, typename Read>
-static fsic_status read_new(rb *buf, T **field, size_t size, Read read) noexcept {
+fsic_status read_new(rb *buf, T **field, size_t size, Read read) noexcept {
   *field = static_cast<T *>(malloc(size));
   if (!*field)
     return FSIC_ERR_NO_MEMORY;
   return read(buf, *field);
 }
 
-static fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
+fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
   return rb_read(buf, hash, FS_OCL_HASH_SIZE);
 }
 
-/* Count 0 gives null masks; otherwise a NULL-terminated array of copies, which *out
- * receives at once: it is filled in order, so it is NULL-terminated at every step. */
-static fsic_status read_masks(rb *buf, char ***out) noexcept {
+// Count 0 gives null masks; otherwise a nullptr-terminated array of copies, which *out
+// receives at once: it is filled in order, so it is nullptr-terminated at every step.
+fsic_status read_masks(rb *buf, char ***out) noexcept {
   uint16_t count;
   TRY(rb_read_uint16(buf, &count));
   if (count == 0)
@@ -155,9 +161,9 @@ static fsic_status read_masks(rb *buf, char ***out) noexcept {
   return FSIC_OK;
 }
 
-/* A count read from the blob; the record holds it as a signed 32-bit number, so a
- * larger one cannot be held (as its arrays cannot be allocated). */
-static fsic_status read_count(rb *buf, int32_t *out) noexcept {
+// A count read from the blob; the record holds it as a signed 32-bit number, so a
+// larger one cannot be held (as its arrays cannot be allocated).
+fsic_status read_count(rb *buf, int32_t *out) noexcept {
   uint32_t count;
   TRY(rb_read_uint32(buf, &count));
   if (count > (uint32_t)INT32_MAX)
@@ -166,20 +172,24 @@ static fsic_status read_count(rb *buf, int32_t *out) noexcept {
   return FSIC_OK;
 }
 
-/* Deepest nesting of info records that the reader accepts (the root's record is level
- * 1). Reading, writing and destroying an info tree recurse once per level, so a blob
- * nested deeper than the stack can hold would crash the process: a few bytes per level
- * suffice (70000 levels, some 770 KB, overflow an 8 MB stack). A scanned tree stays far
- * below this, as every path in it is shorter than PATH_MAX (4096 bytes, at least two
- * per level); a deeper blob is treated like a count too large to allocate: status 3. */
+} // namespace
+
+// Deepest nesting of info records that the reader accepts (the root's record is level
+// 1). Reading, writing and destroying an info tree recurse once per level, so a blob
+// nested deeper than the stack can hold would crash the process: a few bytes per level
+// suffice (70000 levels, some 770 KB, overflow an 8 MB stack). A scanned tree stays far
+// below this, as every path in it is shorter than PATH_MAX (4096 bytes, at least two
+// per level); a deeper blob is treated like a count too large to allocate: status 3.
 #define MAX_INFO_DEPTH 4096u
 
-static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
+namespace {
+
+fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
                                  fs_ocl_dir_info **out) noexcept;
 
-/* The counts grow as entries are read, so that a failure part-way frees (and touches)
- * only what was read; a huge count costs no more than the blob that backs it. */
-static fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
+// The counts grow as entries are read, so that a failure part-way frees (and touches)
+// only what was read; a huge count costs no more than the blob that backs it.
+fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
                                 fs_ocl_dir_info *info) noexcept {
   int32_t total;
   TRY(read_count(buf, &total));
@@ -199,7 +209,7 @@ static fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
   for (uint32_t i = 0; i < count; i++) {
     TRY(rb_read_and_alloc_zstr(buf, &info->subdir_names[i]));
     info->subdir_count = (int32_t)i + 1;
-    /* Kept even when empty: the blob is taken as it is. */
+    // Kept even when empty: the blob is taken as it is.
     TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
     if (flags & CONTROL_ATTRS)
       TRY(read_dir_attrs(buf, &info->subdir_attrs[i]));
@@ -207,7 +217,7 @@ static fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
   return FSIC_OK;
 }
 
-static fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
+fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
   int32_t total;
   TRY(read_count(buf, &total));
   uint32_t count = (uint32_t)total;
@@ -235,9 +245,9 @@ static fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) no
   return FSIC_OK;
 }
 
-/* One info record at nesting level `depth` with its subtree; nothing is left allocated
- * on failure. */
-static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
+// One info record at nesting level `depth` with its subtree; nothing is left allocated
+// on failure.
+fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
                                  fs_ocl_dir_info **out) noexcept {
   if (depth > MAX_INFO_DEPTH)
     return FSIC_ERR_NO_MEMORY;
@@ -250,9 +260,9 @@ static fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
   return FSIC_OK;
 }
 
-/* A zero-filled object of `size` bytes with its type and flags, owned by its
- * destroyer. */
-static object_owner start_object(size_t size, uint32_t type, uint32_t flags) noexcept {
+// A zero-filled object of `size` bytes with its type and flags, owned by its
+// destroyer.
+object_owner start_object(size_t size, uint32_t type, uint32_t flags) noexcept {
   object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
   if (obj) {
     obj->type = type;
@@ -261,8 +271,8 @@ static object_owner start_object(size_t size, uint32_t type, uint32_t flags) noe
   return obj;
 }
 
-/* The path stays a view into the blob until the body is read. */
-static fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
+// The path stays a view into the blob until the body is read.
+fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
   const char *path_view;
   uint16_t path_len;
   uint16_t flags;
@@ -285,8 +295,8 @@ static fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
   return FSIC_OK;
 }
 
-static fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
-  /* The flags come after the path and the masks: they are set once read. */
+fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
+  // The flags come after the path and the masks: they are set once read.
   object_owner obj = start_object(sizeof(fs_ocl_dir_object), FS_OCL_DIR, 0);
   if (!obj)
     return FSIC_ERR_NO_MEMORY;
@@ -307,7 +317,7 @@ static fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
   return FSIC_OK;
 }
 
-static fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
+fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
   uint16_t type;
   TRY(rb_read_uint16(buf, &type));
   if (type == FS_OCL_FILE)
@@ -316,6 +326,8 @@ static fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
     return read_dir_object(buf, out);
   return FSIC_ERR_FAILED;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -345,11 +357,11 @@ fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) noexcept {
 
   uint32_t count;
   fsic_status status = rb_read_uint32(buf, &count);
-  /* No allocation depends on the count: a false one runs out of blob. */
+  // No allocation depends on the count: a false one runs out of blob.
   for (uint32_t i = 0; status == FSIC_OK && i < count; i++) {
     fs_ocl_object *obj;
     status = read_object(buf, &obj);
-    /* A repeated path replaces the earlier object; the links recount the list. */
+    // A repeated path replaces the earlier object; the links recount the list.
     if (status == FSIC_OK)
       _fs_ocl_add_object(ocl, obj);
   }
@@ -367,4 +379,4 @@ fsic_status fs_ocl_read_from_mem(const uint8_t *data, uint32_t size, fs_ocl **ou
   return _fs_ocl_read_from_rbuf(&buf, out);
 }
 
-} /* extern "C" */
+} // extern "C"

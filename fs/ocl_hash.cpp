@@ -1,7 +1,7 @@
-/* Reference hashes of object control lists: the content hash of a file and the
- * directory hash over a directory's selected names, contents, attributes and non-empty
- * subdirectories. GOST R 34.11-94 with parameter set 1 throughout. Integers are fed as
- * their little-endian bytes and names without their NUL; these units fix the values. */
+// Reference hashes of object control lists: the content hash of a file and the
+// directory hash over a directory's selected names, contents, attributes and non-empty
+// subdirectories. GOST R 34.11-94 with parameter set 1 throughout. Integers are fed as
+// their little-endian bytes and names without their NUL; these units fix the values.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,10 +14,10 @@
 namespace {
 
 constexpr unsigned param_set = 1;
-/* Files are streamed in reads of this size. */
+// Files are streamed in reads of this size.
 constexpr size_t read_size = 16384;
 
-/* A fresh context with the parameter set selected, or NULL. */
+// A fresh context with the parameter set selected, or nullptr.
 gost_r3411_94_ctx *new_context() noexcept {
   gost_r3411_94_ctx *ctx = gost_r3411_94_create_context();
   if (ctx)
@@ -37,7 +37,7 @@ void put_u32(uint8_t *p, uint32_t v) noexcept {
   p[3] = (uint8_t)(v >> 24);
 }
 
-/* mode (4), uid (2), gid (2): the fields of a directory record. */
+// mode (4), uid (2), gid (2): the fields of a directory record.
 void feed_dir_attrs(gost_r3411_94_ctx *ctx, const fs_ocl_dir_attrs *a) noexcept {
   uint8_t bytes[8];
   put_u32(bytes, a->mode);
@@ -46,7 +46,7 @@ void feed_dir_attrs(gost_r3411_94_ctx *ctx, const fs_ocl_dir_attrs *a) noexcept 
   gost_r3411_94_update(ctx, bytes, sizeof bytes);
 }
 
-/* mode (4), uid (2), gid (2), size (4), mtime (4). */
+// mode (4), uid (2), gid (2), size (4), mtime (4).
 void feed_file_attrs(gost_r3411_94_ctx *ctx, const fs_ocl_file_attrs *a) noexcept {
   uint8_t bytes[16];
   put_u32(bytes, a->mode);
@@ -61,11 +61,11 @@ void feed_name(gost_r3411_94_ctx *ctx, const char *name) noexcept {
   gost_r3411_94_update(ctx, name, (unsigned)strlen(name));
 }
 
-} /* namespace */
 
-/* The hash of everything readable from `fd`: 0, or 1 (no context, a read error; no
- * retry, EINTR included). */
-static fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
+
+// The hash of everything readable from `fd`: 0, or 1 (no context, a read error; no
+// retry, EINTR included).
+fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
   gost_r3411_94_ctx *ctx = new_context();
   if (!ctx)
     return FSIC_ERR_FAILED;
@@ -84,8 +84,8 @@ static fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
       break;
     }
     gost_r3411_94_update(ctx, buf, (unsigned)n);
-    /* Only a file longer than one read is worth a larger read-ahead; small files, the
-     * common case, are spared the call. Advice only: its result does not matter. */
+    // Only a file longer than one read is worth a larger read-ahead; small files, the
+    // common case, are spared the call. Advice only: its result does not matter.
     if (!advised && (size_t)n == sizeof buf) {
       posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
       advised = true;
@@ -95,23 +95,23 @@ static fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
   return status;
 }
 
-/* Feeds one file of the directory in `dir`: its name and, as the flags ask, its content
- * hash and its attributes. */
-static fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
+// Feeds one file of the directory in `dir`: its name and, as the flags ask, its content
+// hash and its attributes.
+fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
                              uint32_t flags) noexcept {
   feed_name(ctx, name);
   if (!(flags & (CONTROL_DATA | CONTROL_ATTRS)))
     return FSIC_OK;
 
   uint32_t len = _fs_str_buf_len(dir);
-  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)NULL);
+  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
   if (status != FSIC_OK)
     return status;
   fs_ocl_file_attrs attrs;
   if (flags & CONTROL_DATA) {
-    /* With both controls the attributes come from the descriptor that was hashed. */
+    // With both controls the attributes come from the descriptor that was hashed.
     uint8_t hash[FS_OCL_HASH_SIZE];
-    status = _fs_ocl_file_hash_attrs(dir->data, hash, (flags & CONTROL_ATTRS) ? &attrs : NULL);
+    status = _fs_ocl_file_hash_attrs(dir->data, hash, (flags & CONTROL_ATTRS) ? &attrs : nullptr);
     if (status == FSIC_OK)
       gost_r3411_94_update(ctx, hash, sizeof hash);
   } else {
@@ -123,7 +123,7 @@ static fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char
   return status;
 }
 
-static fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
+fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
                               int count, uint32_t flags) noexcept {
   for (int i = 0; i < count; ++i) {
     fsic_status status = hash_file(ctx, dir, names[i], flags);
@@ -133,12 +133,12 @@ static fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *con
   return FSIC_OK;
 }
 
-static fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
                                      uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept;
 
-/* Feeds a directory's hash and, under CONTROL_ATTRS, the attributes of the directory
- * `path`. */
-static fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
+// Feeds a directory's hash and, under CONTROL_ATTRS, the attributes of the directory
+// `path`.
+fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
                                        const uint8_t hash[FS_OCL_HASH_SIZE], const char *path,
                                        uint32_t flags) noexcept {
   gost_r3411_94_update(ctx, hash, FS_OCL_HASH_SIZE);
@@ -151,12 +151,12 @@ static fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
   return status;
 }
 
-/* Feeds one subdirectory unless it is empty: its name, its inner hash and, under
- * CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones. */
-static fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
+// Feeds one subdirectory unless it is empty: its name, its inner hash and, under
+// CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones.
+fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
                                char *const *masks, uint32_t flags, int *kept) noexcept {
   uint32_t len = _fs_str_buf_len(dir);
-  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)NULL);
+  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
   if (status != FSIC_OK)
     return status;
 
@@ -173,7 +173,7 @@ static fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const ch
   return status;
 }
 
-static fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
+fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
                                 int count, char *const *masks, uint32_t flags,
                                 int *kept) noexcept {
   for (int i = 0; i < count; ++i) {
@@ -184,20 +184,20 @@ static fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *c
   return FSIC_OK;
 }
 
-/* The inner hash of one level: its non-empty subdirectories (RECURSIVE), then its files.
- * `empty` receives 1 when neither contributed anything. */
-static fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+// The inner hash of one level: its non-empty subdirectories (RECURSIVE), then its files.
+// `empty` receives 1 when neither contributed anything.
+fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
                                      uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept {
   gost_r3411_94_ctx *ctx = new_context();
   if (!ctx)
     return FSIC_ERR_FAILED;
 
-  char **files = NULL, **subdirs = NULL;
+  char **files = nullptr, **subdirs = nullptr;
   int file_count = 0, subdir_count = 0, kept = 0;
   bool recursive = (flags & RECURSIVE) != 0;
   fsic_status status =
-      _fs_ocl_scan_dir(dir->data, masks, &files, &file_count, recursive ? &subdirs : NULL,
-                       recursive ? &subdir_count : NULL);
+      _fs_ocl_scan_dir(dir->data, masks, &files, &file_count, recursive ? &subdirs : nullptr,
+                       recursive ? &subdir_count : nullptr);
   if (status == FSIC_OK && recursive)
     status = hash_subdirs(ctx, dir, subdirs, subdir_count, masks, flags, &kept);
   if (status == FSIC_OK)
@@ -211,6 +211,8 @@ static fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
   gost_r3411_94_free_context(ctx);
   return status;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -232,7 +234,7 @@ fsic_status _fs_ocl_file_hash_attrs(const char *path, uint8_t hash[FS_OCL_HASH_S
 }
 
 fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
-  return _fs_ocl_file_hash_attrs(path, hash, NULL);
+  return _fs_ocl_file_hash_attrs(path, hash, nullptr);
 }
 
 fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) noexcept {
@@ -254,7 +256,7 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
   if (!ctx)
     return FSIC_ERR_FAILED;
 
-  /* The root always has a hash, so its empty indicator is not consulted. */
+  // The root always has a hash, so its empty indicator is not consulted.
   uint8_t inner[FS_OCL_HASH_SIZE];
   int empty = 0;
   fsic_status status = _create_dir_hash(dir, masks, flags, inner, &empty);
@@ -266,4 +268,4 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
   return status;
 }
 
-} /* extern "C" */
+} // extern "C"

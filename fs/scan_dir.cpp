@@ -1,6 +1,6 @@
-/* The directory scanner of object control lists: the regular files of a directory that
- * the masks admit and its subdirectories, each as a byte-sorted array of names, with
- * symbolic links followed. Hashes and stored trees depend on this order and filter. */
+// The directory scanner of object control lists: the regular files of a directory that
+// the masks admit and its subdirectories, each as a byte-sorted array of names, with
+// symbolic links followed. Hashes and stored trees depend on this order and filter.
 #include <dirent.h>
 #include <errno.h>
 #include <fnmatch.h>
@@ -14,20 +14,20 @@
 
 namespace {
 
-/* A growable array of owned names. */
+// A growable array of owned names.
 struct str_array {
   char **items;
   uint32_t capacity;
   uint32_t count;
 };
 
-/* Where the log records of this file say they come from. */
+// Where the log records of this file say they come from.
 constexpr const char *log_source = "scan_dir";
 constexpr int stat_log_line = 197;
 
-} /* namespace */
 
-static fsic_status str_array_expand(str_array *a) noexcept {
+
+fsic_status str_array_expand(str_array *a) noexcept {
   uint32_t capacity = a->capacity ? a->capacity * 2 : 8;
   if (capacity < a->capacity || (size_t)capacity > SIZE_MAX / sizeof(char *))
     return FSIC_ERR_NO_MEMORY;
@@ -39,7 +39,7 @@ static fsic_status str_array_expand(str_array *a) noexcept {
   return FSIC_OK;
 }
 
-static fsic_status str_array_add(str_array *a, const char *name) noexcept {
+fsic_status str_array_add(str_array *a, const char *name) noexcept {
   char *copy = strdup(name);
   if (!copy)
     return FSIC_ERR_NO_MEMORY;
@@ -54,19 +54,19 @@ static fsic_status str_array_add(str_array *a, const char *name) noexcept {
   return FSIC_OK;
 }
 
-static int cmp_proc(const void *a, const void *b) noexcept {
+int cmp_proc(const void *a, const void *b) noexcept {
   return strcmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b));
 }
 
-static void str_array_sort(str_array *a) noexcept {
+void str_array_sort(str_array *a) noexcept {
   if (a->count > 1)
     qsort(a->items, a->count, sizeof(char *), cmp_proc);
 }
 
-static fsic_status str_array_shrink(str_array *a) noexcept {
+fsic_status str_array_shrink(str_array *a) noexcept {
   if (a->count == a->capacity)
     return FSIC_OK;
-  /* count is never 0 here: the array only grows when a name is added. */
+  // count is never 0 here: the array only grows when a name is added.
   char **items = static_cast<char **>(realloc(a->items, a->count * sizeof(char *)));
   if (!items)
     return FSIC_ERR_NO_MEMORY;
@@ -75,39 +75,39 @@ static fsic_status str_array_shrink(str_array *a) noexcept {
   return FSIC_OK;
 }
 
-/* Hands the sorted names out; the array becomes the caller's. */
-static fsic_status str_array_export(str_array *a, char ***names, int *count) noexcept {
+// Hands the sorted names out; the array becomes the caller's.
+fsic_status str_array_export(str_array *a, char ***names, int *count) noexcept {
   str_array_sort(a);
   fsic_status status = str_array_shrink(a);
   if (status != FSIC_OK)
     return status;
   *names = a->items;
   *count = (int)a->count;
-  a->items = NULL;
+  a->items = nullptr;
   a->capacity = a->count = 0;
   return FSIC_OK;
 }
 
-static void str_array_free(str_array *a) noexcept {
+void str_array_free(str_array *a) noexcept {
   _fs_ocl_free_str_array(a->items, (int)a->count);
-  a->items = NULL;
+  a->items = nullptr;
   a->capacity = a->count = 0;
 }
 
-/* 1 when some mask admits `name`. Flags 0: "*" and "?" also match a leading "." and
- * "/", and matching is case-sensitive. An empty array admits nothing. */
-static int match_fn(char *const *masks, const char *name) noexcept {
+// 1 when some mask admits `name`. Flags 0: "*" and "?" also match a leading "." and
+// "/", and matching is case-sensitive. An empty array admits nothing.
+int match_fn(char *const *masks, const char *name) noexcept {
   for (; *masks; ++masks)
     if (fnmatch(*masks, name, 0) == 0)
       return 1;
   return 0;
 }
 
-/* The type (DT_REG, DT_DIR, DT_LNK or 0) of the path in `path` after following links.
- * `path` holds the scanned directory; the name is appended and cut back. */
-static fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type) noexcept {
+// The type (DT_REG, DT_DIR, DT_LNK or 0) of the path in `path` after following links.
+// `path` holds the scanned directory; the name is appended and cut back.
+fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type) noexcept {
   uint32_t len = _fs_str_buf_len(path);
-  fsic_status status = _fs_str_buf_append(path, "/", name, (char *)NULL);
+  fsic_status status = _fs_str_buf_append(path, "/", name, (char *)nullptr);
   if (status != FSIC_OK)
     return status;
 
@@ -128,16 +128,16 @@ static fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type)
   return FSIC_OK;
 }
 
-/* Reads the open stream into the two arrays (a NULL array is not collected). */
-static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array *files,
+// Reads the open stream into the two arrays (a nullptr array is not collected).
+fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array *files,
                            str_array *subdirs) noexcept {
-  /* The buffer for resolving links is made on the first entry that needs it. */
-  fs_str_buf path = {NULL, 0, 0};
+  // The buffer for resolving links is made on the first entry that needs it.
+  fs_str_buf path = {nullptr, 0, 0};
   fsic_status status = FSIC_OK;
 
   for (;;) {
-    /* readdir64_r is deprecated in glibc; readdir is safe here since the stream belongs
-     * to this call alone. NULL is the end unless errno was set, hence the reset. */
+    // readdir64_r is deprecated in glibc; readdir is safe here since the stream belongs
+    // to this call alone. nullptr is the end unless errno was set, hence the reset.
     errno = 0;
     struct dirent *entry = readdir(stream);
     if (!entry) {
@@ -151,8 +151,8 @@ static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str
 
     int type = entry->d_type;
     if (type == DT_UNKNOWN || type == DT_LNK) {
-      if (!path.data && (status = _fs_str_buf_init(&path, dir, (char *)NULL)) != FSIC_OK) {
-        path.data = NULL;
+      if (!path.data && (status = _fs_str_buf_init(&path, dir, (char *)nullptr)) != FSIC_OK) {
+        path.data = nullptr;
         break;
       }
       if ((status = get_entry_type(&path, name, &type)) != FSIC_OK)
@@ -170,7 +170,7 @@ static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str
       if ((status = str_array_add(subdirs, name)) != FSIC_OK)
         break;
     }
-    /* Anything else (devices, FIFOs, sockets, links to them) is skipped. */
+    // Anything else (devices, FIFOs, sockets, links to them) is skipped.
   }
 
   if (path.data)
@@ -178,25 +178,27 @@ static fsic_status collect(DIR *stream, const char *dir, char *const *masks, str
   return status;
 }
 
+} // namespace
+
 extern "C" {
 
 fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
                              int *file_count, char ***subdirs, int *subdir_count) noexcept {
-  str_array file_array = {NULL, 0, 0};
-  str_array subdir_array = {NULL, 0, 0};
+  str_array file_array = {nullptr, 0, 0};
+  str_array subdir_array = {nullptr, 0, 0};
   bool want_files = files && file_count;
   bool want_subdirs = subdirs && subdir_count;
 
-  /* The stream's own buffer is allocated here: running out of memory is reported as
-   * such, any other failure to open as a general one. */
+  // The stream's own buffer is allocated here: running out of memory is reported as
+  // such, any other failure to open as a general one.
   DIR *stream = opendir(dir);
   if (!stream)
     return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
 
-  fsic_status status = collect(stream, dir, masks, want_files ? &file_array : NULL,
-                               want_subdirs ? &subdir_array : NULL);
+  fsic_status status = collect(stream, dir, masks, want_files ? &file_array : nullptr,
+                               want_subdirs ? &subdir_array : nullptr);
 
-  char **file_names = NULL, **subdir_names = NULL;
+  char **file_names = nullptr, **subdir_names = nullptr;
   int nfiles = 0, nsubdirs = 0;
   if (status == FSIC_OK && want_files)
     status = str_array_export(&file_array, &file_names, &nfiles);
@@ -244,4 +246,4 @@ fsic_status _fs_ocl_stat(const char *path, struct stat *st) noexcept {
   }
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,16 +1,18 @@
-/* Write and read buffers of blobs. Integers are stored with the host's own bytes
- * (the target is little-endian; nothing is swapped on either side). */
+// Write and read buffers of blobs. Integers are stored with the host's own bytes
+// (the target is little-endian; nothing is swapped on either side).
 #include <fsic/buffer.h>
 
 #include <stdlib.h>
 #include <string.h>
 
-/* Default size of a write buffer started with size 0. */
+// Default size of a write buffer started with size 0.
 #define WB_DEFAULT_SIZE 64u
 
-/* Makes room for n more bytes: when the block is too small it becomes twice the size
- * needed (not twice the old one). An exact fit does not grow. */
-static fsic_status check_capacity(wb *buf, uint32_t n) noexcept {
+namespace {
+
+// Makes room for n more bytes: when the block is too small it becomes twice the size
+// needed (not twice the old one). An exact fit does not grow.
+fsic_status check_capacity(wb *buf, uint32_t n) noexcept {
   uint32_t need = buf->used + n;
   if (buf->capacity >= need)
     return FSIC_OK;
@@ -23,6 +25,8 @@ static fsic_status check_capacity(wb *buf, uint32_t n) noexcept {
   buf->capacity = capacity;
   return FSIC_OK;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -57,13 +61,13 @@ fsic_status wb_write_uint32(wb *buf, uint32_t value) noexcept {
 
 fsic_status wb_write_str(wb *buf, const char *str) noexcept {
   size_t len = strlen(str);
-  /* The prefix keeps the low 16 bits of the length; all bytes are written anyway. */
+  // The prefix keeps the low 16 bits of the length; all bytes are written anyway.
   fsic_status status = wb_write_uint16(buf, (uint16_t)len);
   if (status != FSIC_OK)
     return status;
   status = wb_write(buf, str, (uint32_t)len);
-  /* Like the other writers, a failed one leaves nothing written: the length goes again
-   * (the block may have grown for it, which changes no byte written before). */
+  // Like the other writers, a failed one leaves nothing written: the length goes again
+  // (the block may have grown for it, which changes no byte written before).
   if (status != FSIC_OK)
     buf->used -= (uint32_t)sizeof(uint16_t);
   return status;
@@ -72,7 +76,7 @@ fsic_status wb_write_str(wb *buf, const char *str) noexcept {
 uint8_t *wb_finalize(wb *buf, int discard) noexcept {
   if (discard) {
     free(buf->data);
-    return NULL;
+    return nullptr;
   }
   return buf->data;
 }
@@ -116,7 +120,7 @@ fsic_status rb_read_str(rb *buf, const char **str, uint16_t *len) noexcept {
   fsic_status status = rb_read_uint16(buf, &n);
   if (status != FSIC_OK)
     return status;
-  /* Short string: the length's two bytes stay consumed. */
+  // Short string: the length's two bytes stay consumed.
   status = rb_get_ptr(buf, n, &bytes);
   if (status != FSIC_OK)
     return status;
@@ -146,4 +150,4 @@ void rb_finalize(rb *buf, int free_data) noexcept {
     free(const_cast<uint8_t *>(buf->data));
 }
 
-} /* extern "C" */
+} // extern "C"

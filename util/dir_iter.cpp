@@ -1,4 +1,4 @@
-/* Directory iteration that yields "<dir>/<name>" paths in the caller's buffer. */
+// Directory iteration that yields "<dir>/<name>" paths in the caller's buffer.
 #include "util/dir_iter.h"
 
 #include <errno.h>
@@ -19,9 +19,9 @@ int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity,
   int saved_errno = errno;
   struct dirent64 *entry;
 
-  /* readdir64_r is deprecated; readdir64 is re-entrant for distinct streams in glibc,
-   * and a stream belongs to one iteration. NULL means the end unless errno was set,
-   * hence the reset before each call. */
+  // readdir64_r is deprecated; readdir64 is re-entrant for distinct streams in glibc,
+  // and a stream belongs to one iteration. nullptr means the end unless errno was set,
+  // hence the reset before each call.
   do {
     errno = 0;
     entry = readdir64(iter->dir);
@@ -29,14 +29,14 @@ int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity,
       if (errno != 0)
         return -1;
       errno = saved_errno;
-      *result = NULL;
+      *result = nullptr;
       return 0;
     }
   } while (fsic::detail::is_dot_or_dotdot(entry->d_name));
 
   errno = saved_errno;
-  /* A path too long for the buffer is cut, not reported. */
-  ic_util_strscpyl(buf, capacity, iter->path, "/", entry->d_name, (char *)NULL);
+  // A path too long for the buffer is cut, not reported.
+  ic_util_strscpyl(buf, capacity, iter->path, "/", entry->d_name, (char *)nullptr);
   *result = buf;
   return 0;
 }
@@ -45,4 +45,4 @@ int _fs_dir_iterate_end(fs_dir_iter *iter) noexcept {
   return closedir(iter->dir);
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,8 +1,8 @@
-/* Log configuration: class names, enabled-class masks, the sorted table of per-channel
- * options, and the one-time loading of LOG_LEVEL and the LOG_CONFIG file.
- *
- * Nothing here reports errors: a bad value, a malformed line or a missing file is
- * ignored and every setting stays as it was. */
+// Log configuration: class names, enabled-class masks, the sorted table of per-channel
+// options, and the one-time loading of LOG_LEVEL and the LOG_CONFIG file.
+//
+// Nothing here reports errors: a bad value, a malformed line or a missing file is
+// ignored and every setting stays as it was.
 #include "util/log_internal.h"
 
 #include <stdlib.h>
@@ -18,64 +18,74 @@ ic_log_channel __ic_log_fs = IC_LOG_CHANNEL_INIT("fs");
 ic_log_channel __ic_log_fs_ocl = IC_LOG_CHANNEL_INIT("fs_ocl");
 }
 
-static uint32_t default_flags = 3;            /* FATAL and ERROR */
-static log_options options[LOG_MAX_OPTIONS];  /* sorted by name (strcmp) */
-static unsigned n_options;
-static int config_loaded;
+namespace {
 
-/* A level enables classes 0..level; the shift count wraps, so 30 gives 0x7FFFFFFF
- * and 31 gives 0. */
-static uint32_t level_to_mask(int32_t level) noexcept {
+uint32_t default_flags = 3;            // FATAL and ERROR
+log_options options[LOG_MAX_OPTIONS];  // sorted by name (strcmp)
+unsigned n_options;
+int config_loaded;
+
+// A level enables classes 0..level; the shift count wraps, so 30 gives 0x7FFFFFFF
+// and 31 gives 0.
+uint32_t level_to_mask(int32_t level) noexcept {
   return (1u << (((uint32_t)level + 1u) & 31u)) - 1u;
 }
 
-/* Masks read from the environment or the file never set bit 31, the "unresolved" bit. */
-static uint32_t configured_mask(int32_t level) noexcept {
+// Masks read from the environment or the file never set bit 31, the "unresolved" bit.
+uint32_t configured_mask(int32_t level) noexcept {
   return level_to_mask(level) & 0x7FFFFFFFu;
 }
+
+} // namespace
 
 extern "C" uint32_t ic_log_set_default_level(int32_t level) noexcept {
   default_flags = level_to_mask(level);
   return default_flags;
 }
 
-/* --- Lexical helpers; blanks are space and tab, names are ASCII only. --- */
+// --- Lexical helpers; blanks are space and tab, names are ASCII only. ---
 
-static bool is_blank(char c) noexcept { return c == ' ' || c == '\t'; }
+namespace {
 
-static bool is_letter(char c) noexcept {
+bool is_blank(char c) noexcept { return c == ' ' || c == '\t'; }
+
+bool is_letter(char c) noexcept {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-static bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
+bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-static const char *skip_blanks(const char *p) noexcept {
+const char *skip_blanks(const char *p) noexcept {
   while (is_blank(*p)) ++p;
   return p;
 }
 
-/* A name is a letter, then letters and digits; returns its end, or null. */
-static const char *scan_name(const char *p) noexcept {
+// A name is a letter, then letters and digits; returns its end, or null.
+const char *scan_name(const char *p) noexcept {
   if (!is_letter(*p)) return nullptr;
   do ++p;
   while (is_letter(*p) || is_digit(*p));
   return p;
 }
 
-static char to_upper(char c) noexcept { return c >= 'a' && c <= 'z' ? (char)(c - 32) : c; }
+char to_upper(char c) noexcept { return c >= 'a' && c <= 'z' ? (char)(c - 32) : c; }
 
-/* The n characters at s equal the whole of word, ignoring ASCII case. */
-static bool is_word_nocase(const char *s, size_t n, const char *word) noexcept {
+// The n characters at s equal the whole of word, ignoring ASCII case.
+bool is_word_nocase(const char *s, size_t n, const char *word) noexcept {
   if (strlen(word) != n) return false;
   for (size_t i = 0; i < n; ++i)
     if (to_upper(s[i]) != to_upper(word[i])) return false;
   return true;
 }
 
-/* --- Value parsers --- */
+} // namespace
 
-/* strtol base 0 over [start, end) exactly; saturates to 32 bits like a 32-bit long. */
-static int32_t number_to_level(const char *start, const char *end) noexcept {
+// --- Value parsers ---
+
+namespace {
+
+// strtol base 0 over [start, end) exactly; saturates to 32 bits like a 32-bit long.
+int32_t number_to_level(const char *start, const char *end) noexcept {
   char *stop;
   long n = strtol(start, &stop, 0);
   if (stop != end) return -1;
@@ -83,6 +93,8 @@ static int32_t number_to_level(const char *start, const char *end) noexcept {
   if (n < INT32_MIN) return INT32_MIN;
   return (int32_t)n;
 }
+
+} // namespace
 
 int32_t value_to_level(const char *value) noexcept {
   const char *start = skip_blanks(value);
@@ -101,7 +113,7 @@ int value_to_string(const char *value, char *out, size_t size) noexcept {
   size_t n = 0;
   for (++p; *p != quote; ++p) {
     if (*p == '\0' || n + 1 >= size) return -1;
-    /* Only inside double quotes, \\ and \" stand for the second character. */
+    // Only inside double quotes, \\ and \" stand for the second character.
     if (quote == '"' && *p == '\\' && (p[1] == '\\' || p[1] == '"')) ++p;
     out[n++] = *p;
   }
@@ -110,7 +122,7 @@ int value_to_string(const char *value, char *out, size_t size) noexcept {
   return 0;
 }
 
-/* --- The options table --- */
+// --- The options table ---
 
 log_options *add_channel_options(const char *name) noexcept {
   if (strlen(name) >= LOG_NAME_SIZE) return nullptr;
@@ -125,11 +137,15 @@ log_options *add_channel_options(const char *name) noexcept {
   return &options[i];
 }
 
-static int compare_entry(const void *name, const void *entry) noexcept {
+namespace {
+
+int compare_entry(const void *name, const void *entry) noexcept {
   return strcmp((const char *)name, ((const log_options *)entry)->name);
 }
 
-static void load_config(void) noexcept;
+void load_config(void) noexcept;
+
+} // namespace
 
 log_options *get_channel_options(const ic_log_channel *channel) noexcept {
   if (!config_loaded) {
@@ -141,8 +157,8 @@ log_options *get_channel_options(const ic_log_channel *channel) noexcept {
 }
 
 uint32_t get_channel_flags(ic_log_channel *channel) noexcept {
-  /* Deliberately the five low bits, not bit 31: the unresolved word passes, and a
-   * mask enabling any of FATAL..DEBUG follows later changes of the default. */
+  // Deliberately the five low bits, not bit 31: the unresolved word passes, and a
+  // mask enabling any of FATAL..DEBUG follows later changes of the default.
   if (channel->flags & 0x1Fu) {
     const log_options *entry = get_channel_options(channel);
     channel->flags = entry ? entry->flags : default_flags;
@@ -150,15 +166,17 @@ uint32_t get_channel_flags(ic_log_channel *channel) noexcept {
   return channel->flags;
 }
 
-/* --- The configuration file --- */
+// --- The configuration file ---
 
 typedef struct config_state {
-  log_options *entry; /* current section's entry; null before the first or when unusable */
-  bool skip;          /* key lines are ignored (unusable section) */
+  log_options *entry; // current section's entry; null before the first or when unusable
+  bool skip;          // key lines are ignored (unusable section)
 } config_state;
 
-/* The entry for a header's name; null when the name is too long or the table full. */
-static log_options *section_entry(const char *name, size_t len) noexcept {
+namespace {
+
+// The entry for a header's name; null when the name is too long or the table full.
+log_options *section_entry(const char *name, size_t len) noexcept {
   char buf[LOG_NAME_SIZE];
   if (len >= sizeof buf) return nullptr;
   memcpy(buf, name, len);
@@ -166,9 +184,9 @@ static log_options *section_entry(const char *name, size_t len) noexcept {
   return add_channel_options(buf);
 }
 
-/* "[" blanks name blanks "]" blanks end; p is just after the "[". A malformed header
- * changes nothing. */
-static void read_section_header(config_state *st, const char *p) noexcept {
+// "[" blanks name blanks "]" blanks end; p is just after the "[". A malformed header
+// changes nothing.
+void read_section_header(config_state *st, const char *p) noexcept {
   const char *name = skip_blanks(p);
   const char *end = scan_name(name);
   if (!end) return;
@@ -178,7 +196,7 @@ static void read_section_header(config_state *st, const char *p) noexcept {
   st->skip = st->entry == nullptr;
 }
 
-static void set_level(const config_state *st, const char *value) noexcept {
+void set_level(const config_state *st, const char *value) noexcept {
   const int32_t level = value_to_level(value);
   if (level == -1) return;
   if (st->entry)
@@ -187,8 +205,8 @@ static void set_level(const config_state *st, const char *value) noexcept {
     default_flags = configured_mask(level);
 }
 
-/* The format is global, whatever section the line is in. */
-static void set_format(const char *value) noexcept {
+// The format is global, whatever section the line is in.
+void set_format(const char *value) noexcept {
   char text[LOG_STRING_SIZE];
   format_desc desc;
   if (value_to_string(value, text, sizeof text) != 0) return;
@@ -196,8 +214,8 @@ static void set_format(const char *value) noexcept {
   *get_format() = desc;
 }
 
-/* name blanks "=" value; keys are case-sensitive, unknown ones ignored. */
-static void read_key_line(const config_state *st, const char *p) noexcept {
+// name blanks "=" value; keys are case-sensitive, unknown ones ignored.
+void read_key_line(const config_state *st, const char *p) noexcept {
   const char *end = scan_name(p);
   if (!end) return;
   const char *eq = skip_blanks(end);
@@ -209,9 +227,9 @@ static void read_key_line(const config_state *st, const char *p) noexcept {
     set_format(eq + 1);
 }
 
-static void read_line(config_state *st, char *line) noexcept {
+void read_line(config_state *st, char *line) noexcept {
   size_t n = strlen(line);
-  while (n > 0 && line[n - 1] == '\n') line[--n] = '\0';  /* a "\r" stays */
+  while (n > 0 && line[n - 1] == '\n') line[--n] = '\0';  // a "\r" stays
   const char *p = skip_blanks(line);
   if (*p == '\0' || *p == '#') return;
   if (*p == '[')
@@ -220,20 +238,24 @@ static void read_line(config_state *st, char *line) noexcept {
     read_key_line(st, p);
 }
 
+} // namespace
+
 void load_config_from_stream(FILE *file) noexcept {
   config_state st = {nullptr, false};
-  char line[255]; /* at most 254 characters per read: longer lines come in pieces */
+  char line[255]; // at most 254 characters per read: longer lines come in pieces
   while (fgets(line, sizeof line, file)) read_line(&st, line);
 }
 
-static void set_level_from_env(void) noexcept {
+namespace {
+
+void set_level_from_env(void) noexcept {
   const char *value = getenv("LOG_LEVEL");
   if (!value) return;
   const int32_t level = value_to_level(value);
   if (level != -1) default_flags = configured_mask(level);
 }
 
-static void load_config_from_file(void) noexcept {
+void load_config_from_file(void) noexcept {
   const char *path = getenv("LOG_CONFIG");
   if (!path) return;
   FILE *file = fopen(path, "r");
@@ -242,12 +264,14 @@ static void load_config_from_file(void) noexcept {
   fclose(file);
 }
 
-static void load_config(void) noexcept {
+void load_config(void) noexcept {
   set_level_from_env();
   load_config_from_file();
 }
 
-/* --- Test hooks --- */
+} // namespace
+
+// --- Test hooks ---
 
 extern "C" void _ic_log_reset(void) noexcept {
   default_flags = 3;

@@ -1,6 +1,6 @@
-/* Log records: compiling format strings into format descriptions, laying one record
- * out in a 1024-byte buffer after the current description, and handing it to the
- * writer (write() to standard error). */
+// Log records: compiling format strings into format descriptions, laying one record
+// out in a 1024-byte buffer after the current description, and handing it to the
+// writer (write() to standard error).
 #include "util/log_internal.h"
 
 #include <errno.h>
@@ -13,7 +13,7 @@
 
 namespace fsic::detail {
 
-/* Placeholder item codes; literal runs are TEXT_ITEM(start). */
+// Placeholder item codes; literal runs are TEXT_ITEM(start).
 enum {
   ITEM_TIMESTAMP = 1,
   ITEM_DATE,
@@ -22,34 +22,40 @@ enum {
   ITEM_CLASS,
   ITEM_SOURCE,
   ITEM_FILE,
-  ITEM_FUNCTION, /* deliberately no output: "{source}" carries the function name */
+  ITEM_FUNCTION, // deliberately no output: "{source}" carries the function name
   ITEM_LINE,
   ITEM_MESSAGE
 };
 #define TEXT_ITEM(start) ((uint16_t)(((start) << 6) | 0x3F))
 
-/* The compiled "%{timestamp} [%{channel}] %{class}: %{source} %{message}". */
-static constexpr format_desc initial_format = {
+namespace {
+
+// The compiled "%{timestamp} [%{channel}] %{class}: %{source} %{message}".
+constexpr format_desc initial_format = {
     {ITEM_TIMESTAMP, TEXT_ITEM(0), ITEM_CHANNEL, TEXT_ITEM(3), ITEM_CLASS, TEXT_ITEM(6),
      ITEM_SOURCE, TEXT_ITEM(9), ITEM_MESSAGE},
     " [\0] \0: \0 "};
 
-static format_desc default_format = initial_format;
+format_desc default_format = initial_format;
 
-static int default_write_log(const void *data, unsigned len) noexcept {
+int default_write_log(const void *data, unsigned len) noexcept {
   return (int)write(2, data, len);
 }
 
-/* The writer table: one slot. */
-static log_writer_fn funcs[1] = {default_write_log};
+// The writer table: one slot.
+log_writer_fn funcs[1] = {default_write_log};
+
+} // namespace
 
 format_desc *get_format(void) noexcept { return &default_format; }
 
-/* --- Compiling a format string --- */
+// --- Compiling a format string ---
 
-/* The placeholder that prefixes s (after its "%"): its code and length, or 0. */
-static unsigned probe_format(const char *s, size_t *len) noexcept {
-  /* The item code is the index + 1; the first name that prefixes s wins. */
+namespace {
+
+// The placeholder that prefixes s (after its "%"): its code and length, or 0.
+unsigned probe_format(const char *s, size_t *len) noexcept {
+  // The item code is the index + 1; the first name that prefixes s wins.
   static const char *const names[] = {"{timestamp}", "{date}", "{time}", "{channel}",
                                       "{class}", "{source}", "{file}", "{function}",
                                       "{line}", "{message}"};
@@ -60,27 +66,31 @@ static unsigned probe_format(const char *s, size_t *len) noexcept {
   return 0;
 }
 
+} // namespace
+
 typedef struct desc_builder {
   format_desc *desc;
   unsigned n_items;
   unsigned n_text;
-  unsigned run_start; /* first text byte of the pending literal run */
+  unsigned run_start; // first text byte of the pending literal run
 } desc_builder;
 
-static int add_item(desc_builder *b, uint16_t code) noexcept {
+namespace {
+
+int add_item(desc_builder *b, uint16_t code) noexcept {
   if (b->n_items == LOG_FORMAT_ITEMS) return -1;
   b->desc->items[b->n_items++] = code;
   return 0;
 }
 
-static int add_text(desc_builder *b, char c) noexcept {
+int add_text(desc_builder *b, char c) noexcept {
   if (b->n_text == LOG_FORMAT_TEXT) return -1;
   b->desc->text[b->n_text++] = c;
   return 0;
 }
 
-/* Ends the pending literal run, if any, with a NUL and an item pointing at it. */
-static int close_run(desc_builder *b) noexcept {
+// Ends the pending literal run, if any, with a NUL and an item pointing at it.
+int close_run(desc_builder *b) noexcept {
   if (b->n_text == b->run_start) return 0;
   if (add_text(b, '\0') != 0) return -1;
   const uint16_t code = TEXT_ITEM(b->run_start);
@@ -88,9 +98,9 @@ static int close_run(desc_builder *b) noexcept {
   return add_item(b, code);
 }
 
-/* Compiles what starts at *s (a character, or "%" and what follows) and steps past it.
- * "%" before anything but a placeholder is literal; "%%" gives one "%". */
-static int compile_next(desc_builder *b, const char **s) noexcept {
+// Compiles what starts at *s (a character, or "%" and what follows) and steps past it.
+// "%" before anything but a placeholder is literal; "%%" gives one "%".
+int compile_next(desc_builder *b, const char **s) noexcept {
   const char *p = *s;
   if (*p != '%') {
     *s = p + 1;
@@ -107,6 +117,8 @@ static int compile_next(desc_builder *b, const char **s) noexcept {
   return add_item(b, (uint16_t)code);
 }
 
+} // namespace
+
 int format_to_desc(const char *format, format_desc *out) noexcept {
   desc_builder b = {out, 0, 0, 0};
   memset(out, 0, sizeof *out);
@@ -115,24 +127,24 @@ int format_to_desc(const char *format, format_desc *out) noexcept {
   return close_run(&b);
 }
 
-/* --- Laying a record out --- */
+// --- Laying a record out ---
 
 typedef struct log_time_info {
-  int valid; /* taken for this record */
+  int valid; // taken for this record
   struct tm tm;
   int msec;
 } log_time_info;
 
 typedef struct log_record {
-  char *cur;     /* write cursor */
-  unsigned free; /* bytes left after the cursor */
+  char *cur;     // write cursor
+  unsigned free; // bytes left after the cursor
   log_time_info time;
   char buf[LOG_RECORD_SIZE];
 } log_record;
 
 typedef void (*message_fn)(log_record *rec, const void *arg);
 
-/* One log call: what the placeholders print. */
+// One log call: what the placeholders print.
 typedef struct log_call {
   const ic_log_channel *channel;
   int cls;
@@ -143,31 +155,33 @@ typedef struct log_call {
   const void *message_arg;
 } log_call;
 
-/* Bytes are copied while space remains; the rest is cut off. */
-static void put_bytes(log_record *r, const char *s, size_t n) noexcept {
+namespace {
+
+// Bytes are copied while space remains; the rest is cut off.
+void put_bytes(log_record *r, const char *s, size_t n) noexcept {
   for (; n > 0 && r->free > 0; --n, --r->free) *r->cur++ = *s++;
 }
 
-static void put_string(log_record *r, const char *s) noexcept {
+void put_string(log_record *r, const char *s) noexcept {
   if (s) put_bytes(r, s, strnlen(s, LOG_RECORD_SIZE));
 }
 
-static void put_int(log_record *r, int v) noexcept {
+void put_int(log_record *r, int v) noexcept {
   char tmp[16];
   snprintf(tmp, sizeof tmp, "%d", v);
   put_string(r, tmp);
 }
 
-/* Keeps what snprintf printed at the cursor only when it fit whole, NUL included. */
-static void keep_printed(log_record *r, int n) noexcept {
+// Keeps what snprintf printed at the cursor only when it fit whole, NUL included.
+void keep_printed(log_record *r, int n) noexcept {
   if (n > 0 && (unsigned)n < r->free) {
     r->cur += n;
     r->free -= (unsigned)n;
   }
 }
 
-/* The time of the record, taken at its first time placeholder. */
-static const log_time_info *record_time(log_record *r) noexcept {
+// The time of the record, taken at its first time placeholder.
+const log_time_info *record_time(log_record *r) noexcept {
   if (!r->time.valid) {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
@@ -179,37 +193,37 @@ static const log_time_info *record_time(log_record *r) noexcept {
   return &r->time;
 }
 
-static void put_date(log_record *r) noexcept {
+void put_date(log_record *r) noexcept {
   const struct tm *tm = &record_time(r)->tm;
   keep_printed(r, snprintf(r->cur, r->free, "%04d/%02d/%02d", tm->tm_year + 1900,
                            tm->tm_mon + 1, tm->tm_mday));
 }
 
-static void put_time(log_record *r) noexcept {
+void put_time(log_record *r) noexcept {
   const log_time_info *t = record_time(r);
   keep_printed(r, snprintf(r->cur, r->free, "%02d:%02d:%02d.%03d", t->tm.tm_hour,
                            t->tm.tm_min, t->tm.tm_sec, t->msec));
 }
 
-static void put_timestamp(log_record *r) noexcept {
+void put_timestamp(log_record *r) noexcept {
   const log_time_info *t = record_time(r);
   keep_printed(r, snprintf(r->cur, r->free, "%04d/%02d/%02d %02d:%02d:%02d.%03d",
                            t->tm.tm_year + 1900, t->tm.tm_mon + 1, t->tm.tm_mday,
                            t->tm.tm_hour, t->tm.tm_min, t->tm.tm_sec, t->msec));
 }
 
-static void put_channel(log_record *r, const ic_log_channel *channel) noexcept {
+void put_channel(log_record *r, const ic_log_channel *channel) noexcept {
   put_bytes(r, channel->name, strnlen(channel->name, LOG_NAME_SIZE));
 }
 
-static void put_class(log_record *r, int cls) noexcept {
+void put_class(log_record *r, int cls) noexcept {
   if ((unsigned)cls < LOG_N_CLASSES)
     put_string(r, log_classes[cls]);
   else
     put_int(r, cls);
 }
 
-static void put_source(log_record *r, const log_call *c) noexcept {
+void put_source(log_record *r, const log_call *c) noexcept {
   put_string(r, c->file);
   put_bytes(r, ":", 1);
   put_string(r, c->function);
@@ -217,13 +231,13 @@ static void put_source(log_record *r, const log_call *c) noexcept {
   put_int(r, c->line);
 }
 
-static void put_literal(log_record *r, const format_desc *d, unsigned code) noexcept {
+void put_literal(log_record *r, const format_desc *d, unsigned code) noexcept {
   const unsigned start = code >> 6;
   if (start < LOG_FORMAT_TEXT)
     put_bytes(r, d->text + start, strnlen(d->text + start, LOG_FORMAT_TEXT - start));
 }
 
-static void put_item(log_record *r, const log_call *c, const format_desc *d,
+void put_item(log_record *r, const log_call *c, const format_desc *d,
                      unsigned code) noexcept {
   switch (code) {
     case ITEM_TIMESTAMP: put_timestamp(r); break;
@@ -237,13 +251,13 @@ static void put_item(log_record *r, const log_call *c, const format_desc *d,
     case ITEM_LINE: put_int(r, c->line); break;
     case ITEM_MESSAGE: c->message(r, c->message_arg); break;
     default:
-      if (code >= 0x3F) put_literal(r, d, code); /* 11..62 print nothing */
+      if (code >= 0x3F) put_literal(r, d, code); // 11..62 print nothing
       break;
   }
 }
 
-/* Lays the record out after the current format and returns the writer's result. */
-static int write_record(const log_call *c) noexcept {
+// Lays the record out after the current format and returns the writer's result.
+int write_record(const log_call *c) noexcept {
   log_record r;
   r.cur = r.buf;
   r.free = sizeof r.buf;
@@ -254,20 +268,28 @@ static int write_record(const log_call *c) noexcept {
   return funcs[0](r.buf, (unsigned)(r.cur - r.buf));
 }
 
-/* --- Entry points --- */
+} // namespace
 
-static bool class_enabled(ic_log_channel *channel, int cls) noexcept {
+// --- Entry points ---
+
+namespace {
+
+bool class_enabled(ic_log_channel *channel, int cls) noexcept {
   const uint32_t flags = get_channel_flags(channel);
   return (unsigned)cls < 32 && ((flags >> cls) & 1u);
 }
+
+} // namespace
 
 typedef struct format_message {
   const char *format;
   va_list *args;
 } format_message;
 
-/* Printed whole or not at all; copies the arguments so that "%{message}" may repeat. */
-static void put_format_message(log_record *r, const void *arg) noexcept {
+namespace {
+
+// Printed whole or not at all; copies the arguments so that "%{message}" may repeat.
+void put_format_message(log_record *r, const void *arg) noexcept {
   const format_message *m = (const format_message *)arg;
   va_list args;
   va_copy(args, *m->args);
@@ -275,15 +297,21 @@ static void put_format_message(log_record *r, const void *arg) noexcept {
   va_end(args);
 }
 
+} // namespace
+
 typedef struct data_message {
   const char *data;
   unsigned len;
 } data_message;
 
-static void put_data_message(log_record *r, const void *arg) noexcept {
+namespace {
+
+void put_data_message(log_record *r, const void *arg) noexcept {
   const data_message *m = (const data_message *)arg;
   if (m->data) put_bytes(r, m->data, m->len);
 }
+
+} // namespace
 
 extern "C" void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
             int line, const char *format, ...) noexcept {
@@ -304,7 +332,7 @@ extern "C" int ic_log_write(ic_log_channel *channel, int cls, const char *file, 
   return write_record(&c);
 }
 
-/* --- Test hooks --- */
+// --- Test hooks ---
 
 extern "C" void _ic_log_reset_output(void) noexcept {
   default_format = initial_format;

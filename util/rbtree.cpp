@@ -1,33 +1,33 @@
-/*
- * Intrusive red-black tree: the classic insertion and deletion fix-ups with parent
- * pointers. The parent's address and the colour share one word (bit 0 the colour,
- * bit 1 always 0), so a node is three words.
- */
+// Intrusive red-black tree: the classic insertion and deletion fix-ups with parent
+// pointers. The parent's address and the colour share one word (bit 0 the colour,
+// bit 1 always 0), so a node is three words.
 #include <fsic/rbtree.h>
 
-static inline void rb_set_parent(struct rb_node *node, struct rb_node *parent) noexcept {
+namespace {
+
+void rb_set_parent(struct rb_node *node, struct rb_node *parent) noexcept {
   node->parent_color = (node->parent_color & 3u) | (uintptr_t)parent;
 }
 
-static inline void rb_set_color(struct rb_node *node, uintptr_t color) noexcept {
+void rb_set_color(struct rb_node *node, uintptr_t color) noexcept {
   node->parent_color = (node->parent_color & ~(uintptr_t)1) | color;
 }
 
-static inline void rb_set_red(struct rb_node *node) noexcept {
+void rb_set_red(struct rb_node *node) noexcept {
   rb_set_color(node, RB_RED);
 }
 
-static inline void rb_set_black(struct rb_node *node) noexcept {
+void rb_set_black(struct rb_node *node) noexcept {
   rb_set_color(node, RB_BLACK);
 }
 
-/* A null child counts as black. */
-static inline bool rb_null_or_black(const struct rb_node *node) noexcept {
+// A null child counts as black.
+bool rb_null_or_black(const struct rb_node *node) noexcept {
   return !node || rb_is_black(node);
 }
 
-/* Points the link that led to `old` (its parent's child field, or the root) at `node`. */
-static inline void rb_change_child(struct rb_node *old, struct rb_node *node,
+// Points the link that led to `old` (its parent's child field, or the root) at `node`.
+void rb_change_child(struct rb_node *old, struct rb_node *node,
                                    struct rb_node *parent, struct rb_root *root) noexcept {
   if (!parent)
     root->node = node;
@@ -37,18 +37,18 @@ static inline void rb_change_child(struct rb_node *old, struct rb_node *node,
     parent->right = node;
 }
 
-/* Children by side: LEFT and RIGHT, and the other side of each. The fix-ups are written
- * once for a node on one side and serve the mirror case with the sides swapped. */
+// Children by side: LEFT and RIGHT, and the other side of each. The fix-ups are written
+// once for a node on one side and serve the mirror case with the sides swapped.
 enum side { LEFT = 0, RIGHT = 1 };
 
-static inline side other(side s) noexcept { return s == LEFT ? RIGHT : LEFT; }
+side other(side s) noexcept { return s == LEFT ? RIGHT : LEFT; }
 
-static inline struct rb_node *&child(struct rb_node *node, side s) noexcept {
+struct rb_node *&child(struct rb_node *node, side s) noexcept {
   return s == LEFT ? node->left : node->right;
 }
 
-/* Rotates `node` down towards side `s`: its child on the other side takes its place. */
-static void rotate(struct rb_node *node, side s, struct rb_root *root) noexcept {
+// Rotates `node` down towards side `s`: its child on the other side takes its place.
+void rotate(struct rb_node *node, side s, struct rb_root *root) noexcept {
   struct rb_node *pivot = child(node, other(s));
   struct rb_node *parent = rb_parent(node);
 
@@ -61,12 +61,10 @@ static void rotate(struct rb_node *node, side s, struct rb_root *root) noexcept 
   rb_set_parent(node, pivot);
 }
 
-/*
- * Deletion fix-up. `node` (possibly null) took the place of a removed black node under
- * `parent` and is one black short on its paths: push the deficit up, or absorb it
- * with recolouring and at most three rotations.
- */
-static void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
+// Deletion fix-up. `node` (possibly null) took the place of a removed black node under
+// `parent` and is one black short on its paths: push the deficit up, or absorb it
+// with recolouring and at most three rotations.
+void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
                              struct rb_root *root) noexcept {
   while (rb_null_or_black(node) && node != root->node) {
     const side s = parent->left == node ? LEFT : RIGHT;
@@ -100,14 +98,16 @@ static void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
     rb_set_black(node);
 }
 
+} // namespace
+
 extern "C" {
 
 void rb_insert_color(struct rb_node *node, struct rb_root *root) noexcept {
   struct rb_node *parent;
 
-  /* The new node is red; repair while its parent is red too. */
+  // The new node is red; repair while its parent is red too.
   while ((parent = rb_parent(node)) && rb_is_red(parent)) {
-    struct rb_node *gparent = rb_parent(parent); /* exists: a red node is never the root */
+    struct rb_node *gparent = rb_parent(parent); // exists: a red node is never the root
     const side s = parent == gparent->left ? LEFT : RIGHT;
     struct rb_node *uncle = child(gparent, other(s));
     if (uncle && rb_is_red(uncle)) {
@@ -135,8 +135,8 @@ void rb_erase(struct rb_node *node, struct rb_root *root) noexcept {
   uintptr_t color;
 
   if (node->left && node->right) {
-    /* Two children: the in-order successor takes the node's place, parent, children
-     * and colour; the position it leaves is the one actually removed. */
+    // Two children: the in-order successor takes the node's place, parent, children
+    // and colour; the position it leaves is the one actually removed.
     struct rb_node *old = node;
     node = node->right;
     while (node->left)
@@ -204,16 +204,16 @@ struct rb_node *rb_next(const struct rb_node *node) noexcept {
   struct rb_node *parent;
 
   if (rb_parent(node) == node)
-    return NULL;
+    return nullptr;
 
-  /* The leftmost node of the right subtree, if any... */
+  // The leftmost node of the right subtree, if any...
   if (node->right) {
     struct rb_node *next = node->right;
     while (next->left)
       next = next->left;
     return next;
   }
-  /* ...otherwise the first ancestor reached from a left child. */
+  // ...otherwise the first ancestor reached from a left child.
   while ((parent = rb_parent(node)) && node == parent->right)
     node = parent;
   return parent;
@@ -223,7 +223,7 @@ struct rb_node *rb_prev(const struct rb_node *node) noexcept {
   struct rb_node *parent;
 
   if (rb_parent(node) == node)
-    return NULL;
+    return nullptr;
 
   if (node->left) {
     struct rb_node *prev = node->left;
@@ -236,4 +236,4 @@ struct rb_node *rb_prev(const struct rb_node *node) noexcept {
   return parent;
 }
 
-} /* extern "C" */
+} // extern "C"

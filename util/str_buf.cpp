@@ -1,6 +1,6 @@
-/* Growable NUL-terminated string buffer. The block grows only to the exact size
- * needed: paths are built by appending a name and cutting back, so the longest one
- * fixes the size and shorter ones allocate nothing. */
+// Growable NUL-terminated string buffer. The block grows only to the exact size
+// needed: paths are built by appending a name and cutting back, so the longest one
+// fixes the size and shorter ones allocate nothing.
 #include "util/str_buf.h"
 
 #include <stdarg.h>
@@ -8,16 +8,18 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Sum of the lengths of the strings of `ap` up to the null pointer. */
-static size_t va_strs_len(va_list ap) noexcept {
+namespace {
+
+// Sum of the lengths of the strings of `ap` up to the null pointer.
+size_t va_strs_len(va_list ap) noexcept {
   size_t total = 0;
   for (const char *s = va_arg(ap, const char *); s; s = va_arg(ap, const char *))
     total += strlen(s);
   return total;
 }
 
-/* Copies the strings of `ap` after the text and terminates it; room was made. */
-static void _str_buf_append(fs_str_buf *buf, va_list ap) noexcept {
+// Copies the strings of `ap` after the text and terminates it; room was made.
+void _str_buf_append(fs_str_buf *buf, va_list ap) noexcept {
   char *end = buf->data + buf->len;
   for (const char *s = va_arg(ap, const char *); s; s = va_arg(ap, const char *)) {
     size_t len = strlen(s);
@@ -28,9 +30,9 @@ static void _str_buf_append(fs_str_buf *buf, va_list ap) noexcept {
   buf->len = (uint32_t)(end - buf->data);
 }
 
-/* Makes room for `extra` more characters and the NUL, reallocating to exactly the
- * size needed. A size the 32-bit fields cannot hold counts as exhausted memory. */
-static fsic_status reserve(fs_str_buf *buf, size_t extra) noexcept {
+// Makes room for `extra` more characters and the NUL, reallocating to exactly the
+// size needed. A size the 32-bit fields cannot hold counts as exhausted memory.
+fsic_status reserve(fs_str_buf *buf, size_t extra) noexcept {
   if (extra >= UINT32_MAX - buf->len)
     return FSIC_ERR_NO_MEMORY;
 
@@ -45,6 +47,8 @@ static fsic_status reserve(fs_str_buf *buf, size_t extra) noexcept {
   buf->capacity = need;
   return FSIC_OK;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -90,4 +94,4 @@ void _fs_str_buf_free(fs_str_buf *buf) noexcept {
   free(buf->data);
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,20 +1,22 @@
-/* String arrays: heap arrays of heap strings ended by a null pointer, owned together. */
+// String arrays: heap arrays of heap strings ended by a null pointer, owned together.
 #include <fsic/util.h>
 
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 
-/* Releases the first `n` strings of `array`, last first, and then the array. */
-static void release(char **array, size_t n) noexcept {
+namespace {
+
+// Releases the first `n` strings of `array`, last first, and then the array.
+void release(char **array, size_t n) noexcept {
   while (n > 0)
     free(array[--n]);
   free(array);
 }
 
-/* Appends copies of the strings of `src` at array[*n], advancing *n; false when a
- * copy fails (the copies made stay counted in *n). */
-static bool append_copies(char **array, size_t *n, char *const *src) noexcept {
+// Appends copies of the strings of `src` at array[*n], advancing *n; false when a
+// copy fails (the copies made stay counted in *n).
+bool append_copies(char **array, size_t *n, char *const *src) noexcept {
   for (size_t i = 0; src[i]; i++) {
     array[*n] = strdup(src[i]);
     if (!array[*n])
@@ -24,12 +26,12 @@ static bool append_copies(char **array, size_t *n, char *const *src) noexcept {
   return true;
 }
 
-/* A new array made of the NULL-ended arguments `first`, ... (each of type T): `count`
- * tells how many strings an argument gives and `append` copies them at array[*n],
- * advancing *n (false when a copy fails). On a failed copy the strings made so far go
- * too and the result is NULL. */
+// A new array made of the nullptr-ended arguments `first`, ... (each of type T): `count`
+// tells how many strings an argument gives and `append` copies them at array[*n],
+// advancing *n (false when a copy fails). On a failed copy the strings made so far go
+// too and the result is nullptr.
 template <typename T, typename Count, typename Append>
-static char **build_array(T first, va_list ap, Count count, Append append) noexcept {
+char **build_array(T first, va_list ap, Count count, Append append) noexcept {
   va_list counting;
   va_copy(counting, ap);
   size_t len = 0;
@@ -39,16 +41,18 @@ static char **build_array(T first, va_list ap, Count count, Append append) noexc
 
   char **array = static_cast<char **>(calloc(len + 1, sizeof(char *)));
   if (!array)
-    return NULL;
+    return nullptr;
   size_t n = 0;
   for (T a = first; a; a = va_arg(ap, T)) {
     if (!append(array, &n, a)) {
       release(array, n);
-      return NULL;
+      return nullptr;
     }
   }
   return array;
 }
+
+} // namespace
 
 extern "C" {
 
@@ -67,12 +71,12 @@ char **ic_str_zarray_copy(char *const *array) noexcept {
   size_t len = ic_str_zarray_len(array);
   char **copy = static_cast<char **>(calloc(len + 1, sizeof(char *)));
   if (!copy)
-    return NULL;
+    return nullptr;
 
   size_t n = 0;
   if (!append_copies(copy, &n, array)) {
     release(copy, n);
-    return NULL;
+    return nullptr;
   }
   return copy;
 }
@@ -101,4 +105,4 @@ char **ic_str_zarray_create2(char *const *first, ...) noexcept {
   return array;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,5 +1,5 @@
-/* Core utilities: zeroed allocation, bounded string copying and joining, and the
- * resolution of relative sysfs links. Nothing here logs; failures are return values. */
+// Core utilities: zeroed allocation, bounded string copying and joining, and the
+// resolution of relative sysfs links. Nothing here logs; failures are return values.
 #include <fsic/util.h>
 
 #include <stdarg.h>
@@ -7,7 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
-/* Size of the scratch buffer for a link target; a read that fills it may be cut. */
+// Size of the scratch buffer for a link target; a read that fills it may be cut.
 #define LINK_TARGET_MAX 1024
 
 extern "C" {
@@ -28,7 +28,7 @@ size_t ic_util_strpcpy(char **dst, size_t space, const char *src) noexcept {
     return space - len;
   }
 
-  /* Does not fit: keep what does and terminate. */
+  // Does not fit: keep what does and terminate.
   memcpy(*dst, src, space - 1);
   *dst += space - 1;
   **dst = '\0';
@@ -40,12 +40,12 @@ size_t ic_util_strscpyl(char *buf, size_t capacity, ...) noexcept {
   char *cursor = buf;
   size_t left = capacity;
 
-  /* Terminated even when the list is empty. */
+  // Terminated even when the list is empty.
   if (capacity > 0)
     *buf = '\0';
 
   va_start(ap, capacity);
-  /* Once the space is gone the remaining texts are still walked, writing nothing. */
+  // Once the space is gone the remaining texts are still walked, writing nothing.
   for (const char *s = va_arg(ap, const char *); s; s = va_arg(ap, const char *))
     left = ic_util_strpcpy(&cursor, left, s);
   va_end(ap);
@@ -63,7 +63,7 @@ char *ic_util_dupstrs(const char *first, ...) noexcept {
 
   char *result = static_cast<char *>(malloc(total + 1));
   if (!result)
-    return NULL;
+    return nullptr;
 
   char *p = result;
   va_start(ap, first);
@@ -85,7 +85,7 @@ int ic_util_resolve_link(char *path, size_t capacity) noexcept {
     return -1;
   target[n] = '\0';
 
-  /* Each leading "../" climbs one directory above the link's own. */
+  // Each leading "../" climbs one directory above the link's own.
   const char *rest = target;
   long up = 0;
   while (strncmp(rest, "../", 3) == 0) {
@@ -93,8 +93,8 @@ int ic_util_resolve_link(char *path, size_t capacity) noexcept {
     up++;
   }
 
-  /* Walk back over the link's name and one more component per "../"; the '/' where
-   * the count goes negative ends the directory the target is relative to. */
+  // Walk back over the link's name and one more component per "../"; the '/' where
+  // the count goes negative ends the directory the target is relative to.
   char *p = path + strlen(path);
   while (p > path) {
     --p;
@@ -104,9 +104,9 @@ int ic_util_resolve_link(char *path, size_t capacity) noexcept {
   if (up >= 0)
     return -1;
 
-  /* A result too long for the buffer is cut, as the callers expect. */
-  ic_util_strscpyl(p, capacity - (size_t)(p - path), "/", rest, (char *)NULL);
+  // A result too long for the buffer is cut, as the callers expect.
+  ic_util_strscpyl(p, capacity - (size_t)(p - path), "/", rest, (char *)nullptr);
   return 0;
 }
 
-} /* extern "C" */
+} // extern "C"
