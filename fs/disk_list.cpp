@@ -19,13 +19,8 @@ constexpr const char *kLogSource = "disk_list";
 // Unlinks (when linked) and frees a disk with its partitions; accepts a zero-filled,
 // partly built record.
 void destroy_disk(fs_disk *disk) noexcept {
-  if (disk->partitions.next) {
-    fs_partition *part, *next;
-    list_for_each_entry_safe(part, next, &disk->partitions, fs_partition, link)
-      _fs_destroy_partition(part);
-  }
-  if (disk->link.next)
-    list_del(&disk->link);
+  destroy_all<fs_partition, _fs_destroy_partition>(&disk->partitions);
+  unlink(&disk->link);
   free(disk->syspath);
   free(disk->devnode);
   free(disk->serial);
@@ -33,12 +28,6 @@ void destroy_disk(fs_disk *disk) noexcept {
 }
 
 using disk_owner = owner<fs_disk, destroy_disk>;
-
-void destroy_disks(fs_disk_list *list) noexcept {
-  fs_disk *disk, *next;
-  list_for_each_entry_safe(disk, next, &list->disks, fs_disk, link)
-    destroy_disk(disk);
-}
 
 // The disk's serial number: ID_SERIAL_SHORT, else ID_SERIAL; null when it has none.
 fsic_status get_serial(udev_device *dev, const char **serial) noexcept {
@@ -161,8 +150,7 @@ void destroy_list(fs_disk_list *list) noexcept {
   // Image disks first: they hold mounts of the volumes that store them.
   if (list->image_disks.next)
     _fs_destroy_image_disks(list);
-  if (list->disks.next)
-    destroy_disks(list);
+  destroy_all<fs_disk, destroy_disk>(&list->disks);
   if (list->lvm_groups.next)
     _fs_destroy_lvm_groups(list);
   free(list->base_dir);

@@ -11,72 +11,51 @@
 #define RECORD_AFTER(head, pos, type) \
   ((pos)->next == (head) ? nullptr : list_entry((pos)->next, type, link))
 
-extern "C" fs_disk *fs_disk_list_first_disk(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->disks, &list->disks, fs_disk);
-}
+// The first and next functions of the records of `type` that an owner of type
+// `owner_type` links in its list `field`.
+#define FIRST_AND_NEXT(type, owner_type, field, first_fn, next_fn)                           \
+  extern "C" type *first_fn(owner_type *owner) noexcept {                                   \
+    return RECORD_AFTER(&owner->field, &owner->field, type);                                \
+  }                                                                                         \
+  extern "C" type *next_fn(owner_type *owner, type *record) noexcept {                      \
+    return RECORD_AFTER(&owner->field, &record->link, type);                                \
+  }
 
-extern "C" fs_disk *fs_disk_list_next_disk(fs_disk_list *list, fs_disk *disk) noexcept {
-  return RECORD_AFTER(&list->disks, &disk->link, fs_disk);
-}
+FIRST_AND_NEXT(fs_disk, fs_disk_list, disks, fs_disk_list_first_disk, fs_disk_list_next_disk)
+FIRST_AND_NEXT(fs_partition, fs_disk, partitions, fs_disk_first_partition,
+               fs_disk_next_partition)
+FIRST_AND_NEXT(fs_image_disk, fs_disk_list, image_disks, fs_disk_list_first_image_disk,
+               fs_disk_list_next_image_disk)
+FIRST_AND_NEXT(fs_partition, fs_image_disk, partitions, fs_image_disk_first_partition,
+               fs_image_disk_next_partition)
+FIRST_AND_NEXT(fs_lvm_group, fs_disk_list, lvm_groups, fs_disk_list_first_lvm_group,
+               fs_disk_list_next_lvm_group)
+FIRST_AND_NEXT(fs_lvm_volume, fs_lvm_group, volumes, fs_lvm_group_first_volume,
+               fs_lvm_group_next_volume)
 
-extern "C" fs_partition *fs_disk_first_partition(fs_disk *disk) noexcept {
-  return RECORD_AFTER(&disk->partitions, &disk->partitions, fs_partition);
-}
+namespace {
 
-extern "C" fs_partition *fs_disk_next_partition(fs_disk *disk, fs_partition *part) noexcept {
-  return RECORD_AFTER(&disk->partitions, &part->link, fs_partition);
-}
-
-extern "C" fs_partition *fs_disk_partition_by_number(fs_disk *disk, int number) noexcept {
-  for (fs_partition *p = fs_disk_first_partition(disk); p; p = fs_disk_next_partition(disk, p))
+// The partition of that number among the owner's partitions, or null.
+template <typename Owner>
+fs_partition *partition_by_number(Owner *owner, int number,
+                                  fs_partition *(*first)(Owner *) noexcept,
+                                  fs_partition *(*next)(Owner *, fs_partition *) noexcept) noexcept {
+  for (fs_partition *p = first(owner); p; p = next(owner, p))
     if (p->number == number)
       return p;
   return nullptr;
 }
 
-extern "C" fs_image_disk *fs_disk_list_first_image_disk(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->image_disks, &list->image_disks, fs_image_disk);
-}
+} // namespace
 
-extern "C" fs_image_disk *fs_disk_list_next_image_disk(fs_disk_list *list,
-                                                       fs_image_disk *image) noexcept {
-  return RECORD_AFTER(&list->image_disks, &image->link, fs_image_disk);
-}
-
-extern "C" fs_partition *fs_image_disk_first_partition(fs_image_disk *image) noexcept {
-  return RECORD_AFTER(&image->partitions, &image->partitions, fs_partition);
-}
-
-extern "C" fs_partition *fs_image_disk_next_partition(fs_image_disk *image,
-                                                      fs_partition *part) noexcept {
-  return RECORD_AFTER(&image->partitions, &part->link, fs_partition);
+extern "C" fs_partition *fs_disk_partition_by_number(fs_disk *disk, int number) noexcept {
+  return partition_by_number(disk, number, fs_disk_first_partition, fs_disk_next_partition);
 }
 
 extern "C" fs_partition *fs_image_disk_partition_by_number(fs_image_disk *image,
                                                            int number) noexcept {
-  for (fs_partition *p = fs_image_disk_first_partition(image); p;
-       p = fs_image_disk_next_partition(image, p))
-    if (p->number == number)
-      return p;
-  return nullptr;
-}
-
-extern "C" fs_lvm_group *fs_disk_list_first_lvm_group(fs_disk_list *list) noexcept {
-  return RECORD_AFTER(&list->lvm_groups, &list->lvm_groups, fs_lvm_group);
-}
-
-extern "C" fs_lvm_group *fs_disk_list_next_lvm_group(fs_disk_list *list,
-                                                     fs_lvm_group *group) noexcept {
-  return RECORD_AFTER(&list->lvm_groups, &group->link, fs_lvm_group);
-}
-
-extern "C" fs_lvm_volume *fs_lvm_group_first_volume(fs_lvm_group *group) noexcept {
-  return RECORD_AFTER(&group->volumes, &group->volumes, fs_lvm_volume);
-}
-
-extern "C" fs_lvm_volume *fs_lvm_group_next_volume(fs_lvm_group *group,
-                                                   fs_lvm_volume *volume) noexcept {
-  return RECORD_AFTER(&group->volumes, &volume->link, fs_lvm_volume);
+  return partition_by_number(image, number, fs_image_disk_first_partition,
+                             fs_image_disk_next_partition);
 }
 
 extern "C" fs_volume *fs_disk_list_find_volume(fs_disk_list *list, fs_volume_id *id) noexcept {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "fs/icl_internal.h"
+#include "util/owner.h"
 
 namespace {
 
@@ -20,27 +21,32 @@ fs_icl_volume *find_volume(fs_icl *list, const fs_volume_id *id) noexcept {
   return nullptr;
 }
 
-// Looks the volume's entry up through a temporary identifier. A missing entry is
-// success with *out null; the status is that of making the identifier.
-fsic_status find_volume2(fs_icl *list, fs_volume *volume, fs_icl_volume **out) noexcept {
+using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
+
+// A new identifier of the volume, held by an owner.
+fsic_status make_id(fs_volume *volume, id_owner *out) noexcept {
   fs_volume_id *id;
-  fsic_status status = fs_volume_create_id(volume, &id);
-  if (status != FSIC_OK)
-    return status;
-  *out = find_volume(list, id);
-  fs_volume_id_destroy(id);
+  FSIC_TRY(fs_volume_create_id(volume, &id));
+  out->reset(id);
   return FSIC_OK;
 }
 
+// Looks the volume's entry up through a temporary identifier. A missing entry is
+// success with *out null; the status is that of making the identifier.
+fsic_status find_volume2(fs_icl *list, fs_volume *volume, fs_icl_volume **out) noexcept {
+  id_owner id;
+  FSIC_TRY(make_id(volume, &id));
+  *out = find_volume(list, id.get());
+  return FSIC_OK;
+}
+
+// A new entry at the front of the list, with an identifier of its own.
 fsic_status create_volume2(fs_icl *list, fs_volume *volume, fs_icl_volume **out) noexcept {
-  fs_volume_id *id;
-  fsic_status status = fs_volume_create_id(volume, &id);
-  if (status != FSIC_OK)
-    return status;
-  status = _fs_icl_create_volume(list, id, nullptr, out);
-  if (status != FSIC_OK)
-    fs_volume_id_destroy(id);
-  return status;
+  id_owner id;
+  FSIC_TRY(make_id(volume, &id));
+  FSIC_TRY(_fs_icl_create_volume(list, id.get(), nullptr, out));
+  id.release();
+  return FSIC_OK;
 }
 
 // Finds or makes the volume's entry, holds the volume's mount for the length of
@@ -53,13 +59,9 @@ fsic_status add_object(fs_icl *list, fs_volume *volume, const char *path, Add ad
   fsic_status status = find_volume2(list, volume, &entry);
   if (status != FSIC_OK)
     return status;
-  bool created = false;
-  if (!entry) {
-    status = create_volume2(list, volume, &entry);
-    if (status != FSIC_OK)
-      return status;
-    created = true;
-  }
+  const bool created = !entry;
+  if (created && (status = create_volume2(list, volume, &entry)) != FSIC_OK)
+    return status;
 
   const char *mount_point;
   status = fs_volume_get_mount_point(volume, &mount_point);

@@ -255,13 +255,8 @@ fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *pa
 // detaches its loop device when it is attached (whatever the outcome) and frees the
 // record. Accepts a zero-filled, partly built record.
 void destroy_image_disk(fs_image_disk *image) noexcept {
-  if (image->partitions.next) {
-    fs_partition *part, *next;
-    list_for_each_entry_safe(part, next, &image->partitions, fs_partition, link)
-      _fs_destroy_partition(part);
-  }
-  if (image->link.next)
-    list_del(&image->link);
+  destroy_all<fs_partition, _fs_destroy_partition>(&image->partitions);
+  unlink(&image->link);
   if (image->volume)
     clear_loop(image->devnode, image->volume);
   free(image->path);

@@ -35,8 +35,7 @@ const fs_volume_ops lvm_volume_ops = {FS_VOLUME_LVM, lvm_volume_create_id,
 
 // Unlinks (when linked) and frees a volume; accepts a zero-filled, partly built record.
 void destroy_volume(fs_lvm_volume *lv) noexcept {
-  if (lv->link.next)
-    list_del(&lv->link);
+  unlink(&lv->link);
   free(lv->name);
   free(lv->volume.fs_type);
   free(lv->volume.devnode);
@@ -115,13 +114,8 @@ fsic_status create_volume(fs_lvm_group *group, const char *lv_name) noexcept {
 // Unlinks (when linked) and frees a group with its volumes; accepts a zero-filled,
 // partly built record.
 void destroy_group(fs_lvm_group *group) noexcept {
-  if (group->volumes.next) {
-    fs_lvm_volume *lv, *next;
-    list_for_each_entry_safe(lv, next, &group->volumes, fs_lvm_volume, link)
-      destroy_volume(lv);
-  }
-  if (group->link.next)
-    list_del(&group->link);
+  destroy_all<fs_lvm_volume, destroy_volume>(&group->volumes);
+  unlink(&group->link);
   free(group->name);
   free(group);
 }
@@ -184,7 +178,5 @@ extern "C" fsic_status fs_disk_list_add_lvm_groups(fs_disk_list *list) noexcept 
 }
 
 extern "C" void _fs_destroy_lvm_groups(fs_disk_list *list) noexcept {
-  fs_lvm_group *group, *next;
-  list_for_each_entry_safe(group, next, &list->lvm_groups, fs_lvm_group, link)
-    destroy_group(group);
+  destroy_all<fs_lvm_group, destroy_group>(&list->lvm_groups);
 }

@@ -184,6 +184,7 @@ void free_rows(BDLVMLVdata **rows, std::size_t size) noexcept {
 
 // ---- name_list ----------------------------------------------------------------------
 
+template <>
 const char *name_list::operator[](std::size_t i) const noexcept {
   const BDLVMVGdata *row = rows_.at(i);
   return row != nullptr ? row->name : nullptr;
@@ -200,7 +201,7 @@ name_list list_vg_names(handle *h) noexcept {
   }
   std::size_t n = 0;
   while (rows[n] != nullptr) ++n;
-  return name_list({rows, n});
+  return name_list(impl::row_array<BDLVMVGdata>(rows, n));
 }
 
 // ---- groups -------------------------------------------------------------------------
@@ -233,6 +234,7 @@ void vg_close(group *g) noexcept {
 // ---- lv_list ------------------------------------------------------------------------
 
 // An lv is libblockdev's record seen through an opaque type.
+template <>
 const lv *lv_list::operator[](std::size_t i) const noexcept {
   return reinterpret_cast<const lv *>(rows_.at(i));
 }
@@ -262,7 +264,7 @@ lv_list vg_list_lvs(group *g) noexcept {
     g_free(rows);
     return {};
   }
-  return lv_list({rows, kept});
+  return lv_list(impl::row_array<BDLVMLVdata>(rows, kept));
 }
 
 const char *lv_get_name(const lv *v) noexcept {

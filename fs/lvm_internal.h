@@ -103,23 +103,32 @@ handle *init() noexcept;
 // Rescans the devices for physical volumes. 0 on success, -1 on failure.
 int scan(handle *h) noexcept;
 
-// Owned list of volume-group names in LVM's order. A null list (operator bool false)
-// means the listing failed; an empty, non-null list means there are no groups.
-class name_list {
+namespace impl {
+
+// An owned listing of libblockdev records, each seen as an Item. Null (operator bool
+// false) when nothing is owned.
+template <typename Row, typename Item>
+class listing {
 public:
-  name_list() noexcept = default;
+  listing() noexcept = default;
+  explicit listing(row_array<Row> rows) noexcept : rows_(std::move(rows)) {}
 
   explicit operator bool() const noexcept { return static_cast<bool>(rows_); }
   std::size_t size() const noexcept { return rows_.size(); }
-  // Valid while the list lives; i < size().
-  const char *operator[](std::size_t i) const noexcept;
+  // Valid while the listing lives; i < size().
+  Item operator[](std::size_t i) const noexcept;
 
 private:
-  friend name_list list_vg_names(handle *h) noexcept;
-  explicit name_list(impl::row_array<BDLVMVGdata> rows) noexcept : rows_(std::move(rows)) {}
-
-  impl::row_array<BDLVMVGdata> rows_;
+  row_array<Row> rows_;
 };
+
+} // namespace impl
+
+// Owned list of volume-group names in LVM's order. A null list (operator bool false)
+// means the listing failed; an empty, non-null list means there are no groups.
+using name_list = impl::listing<BDLVMVGdata, const char *>;
+template <>
+const char *name_list::operator[](std::size_t i) const noexcept;
 
 name_list list_vg_names(handle *h) noexcept;
 
@@ -129,21 +138,9 @@ group *vg_open(handle *h, const char *name) noexcept;
 
 // Owned list of a group's logical volumes. Null when the group has no volumes or the
 // listing failed; the inventory treats both as "no volumes".
-class lv_list {
-public:
-  lv_list() noexcept = default;
-
-  explicit operator bool() const noexcept { return static_cast<bool>(rows_); }
-  std::size_t size() const noexcept { return rows_.size(); }
-  // Valid while the list lives; i < size().
-  const lv *operator[](std::size_t i) const noexcept;
-
-private:
-  friend lv_list vg_list_lvs(group *g) noexcept;
-  explicit lv_list(impl::row_array<BDLVMLVdata> rows) noexcept : rows_(std::move(rows)) {}
-
-  impl::row_array<BDLVMLVdata> rows_;
-};
+using lv_list = impl::listing<BDLVMLVdata, const lv *>;
+template <>
+const lv *lv_list::operator[](std::size_t i) const noexcept;
 
 // Lists the logical volumes of this one group (asked for by the group's name alone).
 lv_list vg_list_lvs(group *g) noexcept;

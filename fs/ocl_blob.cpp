@@ -15,28 +15,22 @@
 using info_owner = fsic::detail::owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 using object_owner = fsic::detail::owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
-#define TRY(expr)                     \
-  do {                                \
-    fsic_status try_status_ = (expr); \
-    if (try_status_ != FSIC_OK)       \
-      return try_status_;             \
-  } while (0)
 
 // ---- writing ----
 
 namespace {
 
 fsic_status write_file_attrs(wb *buf, const fs_ocl_file_attrs *attrs) noexcept {
-  TRY(wb_write_uint32(buf, attrs->mode));
-  TRY(wb_write_uint16(buf, attrs->uid));
-  TRY(wb_write_uint16(buf, attrs->gid));
-  TRY(wb_write_uint32(buf, attrs->size));
+  FSIC_TRY(wb_write_uint32(buf, attrs->mode));
+  FSIC_TRY(wb_write_uint16(buf, attrs->uid));
+  FSIC_TRY(wb_write_uint16(buf, attrs->gid));
+  FSIC_TRY(wb_write_uint32(buf, attrs->size));
   return wb_write_uint32(buf, attrs->mtime);
 }
 
 fsic_status write_dir_attrs(wb *buf, const fs_ocl_dir_attrs *attrs) noexcept {
-  TRY(wb_write_uint32(buf, attrs->mode));
-  TRY(wb_write_uint16(buf, attrs->uid));
+  FSIC_TRY(wb_write_uint32(buf, attrs->mode));
+  FSIC_TRY(wb_write_uint16(buf, attrs->uid));
   return wb_write_uint16(buf, attrs->gid);
 }
 
@@ -44,51 +38,51 @@ fsic_status write_dir_attrs(wb *buf, const fs_ocl_dir_attrs *attrs) noexcept {
 // masks as it says are written, so the blob stays readable in any case.
 fsic_status write_masks(wb *buf, char *const *masks) noexcept {
   uint16_t count = masks ? (uint16_t)ic_str_zarray_len(masks) : 0;
-  TRY(wb_write_uint16(buf, count));
+  FSIC_TRY(wb_write_uint16(buf, count));
   for (uint16_t i = 0; i < count; i++)
-    TRY(wb_write_str(buf, masks[i]));
+    FSIC_TRY(wb_write_str(buf, masks[i]));
   return FSIC_OK;
 }
 
 // One directory level: its subdirectories (each fully, depth first, attributes after
 // the info), then its files. The flags are the owning object's.
 fsic_status write_dir_info(wb *buf, const fs_ocl_dir_info *info, uint32_t flags) noexcept {
-  TRY(wb_write_uint32(buf, (uint32_t)info->subdir_count));
+  FSIC_TRY(wb_write_uint32(buf, (uint32_t)info->subdir_count));
   for (int32_t i = 0; i < info->subdir_count; i++) {
-    TRY(wb_write_str(buf, info->subdir_names[i]));
-    TRY(write_dir_info(buf, info->subdir_infos[i], flags));
+    FSIC_TRY(wb_write_str(buf, info->subdir_names[i]));
+    FSIC_TRY(write_dir_info(buf, info->subdir_infos[i], flags));
     if (flags & CONTROL_ATTRS)
-      TRY(write_dir_attrs(buf, &info->subdir_attrs[i]));
+      FSIC_TRY(write_dir_attrs(buf, &info->subdir_attrs[i]));
   }
-  TRY(wb_write_uint32(buf, (uint32_t)info->file_count));
+  FSIC_TRY(wb_write_uint32(buf, (uint32_t)info->file_count));
   for (int32_t i = 0; i < info->file_count; i++) {
-    TRY(wb_write_str(buf, info->file_names[i]));
+    FSIC_TRY(wb_write_str(buf, info->file_names[i]));
     if (flags & CONTROL_DATA)
-      TRY(wb_write(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
+      FSIC_TRY(wb_write(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
     if (flags & CONTROL_ATTRS)
-      TRY(write_file_attrs(buf, &info->file_attrs[i]));
+      FSIC_TRY(write_file_attrs(buf, &info->file_attrs[i]));
   }
   return FSIC_OK;
 }
 
 fsic_status write_file_object(wb *buf, const fs_ocl_file_object *obj) noexcept {
   uint32_t flags = obj->head.flags;
-  TRY(wb_write_uint16(buf, (uint16_t)flags));
+  FSIC_TRY(wb_write_uint16(buf, (uint16_t)flags));
   if (flags & CONTROL_DATA)
-    TRY(wb_write(buf, obj->hash, FS_OCL_HASH_SIZE));
+    FSIC_TRY(wb_write(buf, obj->hash, FS_OCL_HASH_SIZE));
   if (flags & CONTROL_ATTRS)
-    TRY(write_file_attrs(buf, obj->attrs));
+    FSIC_TRY(write_file_attrs(buf, obj->attrs));
   return FSIC_OK;
 }
 
 fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexcept {
   uint32_t flags = obj->head.flags;
-  TRY(write_masks(buf, obj->masks));
-  TRY(wb_write_uint16(buf, (uint16_t)flags));
+  FSIC_TRY(write_masks(buf, obj->masks));
+  FSIC_TRY(wb_write_uint16(buf, (uint16_t)flags));
   if (flags & EACH_FILE) {
-    TRY(write_dir_info(buf, obj->info, flags));
+    FSIC_TRY(write_dir_info(buf, obj->info, flags));
     if (flags & CONTROL_ATTRS)
-      TRY(write_dir_attrs(buf, obj->attrs));
+      FSIC_TRY(write_dir_attrs(buf, obj->attrs));
     return FSIC_OK;
   }
   return wb_write(buf, obj->hash, FS_OCL_HASH_SIZE);
@@ -97,8 +91,8 @@ fsic_status write_dir_object(wb *buf, const fs_ocl_dir_object *obj) noexcept {
 fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
   if (obj->type != FS_OCL_FILE && obj->type != FS_OCL_DIR)
     return FSIC_ERR_FAILED;
-  TRY(wb_write_uint16(buf, (uint16_t)obj->type));
-  TRY(wb_write_str(buf, obj->path));
+  FSIC_TRY(wb_write_uint16(buf, (uint16_t)obj->type));
+  FSIC_TRY(wb_write_str(buf, obj->path));
   if (obj->type == FS_OCL_FILE)
     return write_file_object(buf, reinterpret_cast<const fs_ocl_file_object *>(obj));
   return write_dir_object(buf, reinterpret_cast<const fs_ocl_dir_object *>(obj));
@@ -119,16 +113,16 @@ void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
 }
 
 fsic_status read_file_attrs(rb *buf, fs_ocl_file_attrs *attrs) noexcept {
-  TRY(rb_read_uint32(buf, &attrs->mode));
-  TRY(rb_read_uint16(buf, &attrs->uid));
-  TRY(rb_read_uint16(buf, &attrs->gid));
-  TRY(rb_read_uint32(buf, &attrs->size));
+  FSIC_TRY(rb_read_uint32(buf, &attrs->mode));
+  FSIC_TRY(rb_read_uint16(buf, &attrs->uid));
+  FSIC_TRY(rb_read_uint16(buf, &attrs->gid));
+  FSIC_TRY(rb_read_uint32(buf, &attrs->size));
   return rb_read_uint32(buf, &attrs->mtime);
 }
 
 fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
-  TRY(rb_read_uint32(buf, &attrs->mode));
-  TRY(rb_read_uint16(buf, &attrs->uid));
+  FSIC_TRY(rb_read_uint32(buf, &attrs->mode));
+  FSIC_TRY(rb_read_uint16(buf, &attrs->uid));
   return rb_read_uint16(buf, &attrs->gid);
 }
 
@@ -150,14 +144,14 @@ fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
 // receives at once: it is filled in order, so it is nullptr-terminated at every step.
 fsic_status read_masks(rb *buf, char ***out) noexcept {
   uint16_t count;
-  TRY(rb_read_uint16(buf, &count));
+  FSIC_TRY(rb_read_uint16(buf, &count));
   if (count == 0)
     return FSIC_OK;
   char **masks = *out = static_cast<char **>(calloc((size_t)count + 1, sizeof(char *)));
   if (!masks)
     return FSIC_ERR_NO_MEMORY;
   for (uint16_t i = 0; i < count; i++)
-    TRY(rb_read_and_alloc_zstr(buf, &masks[i]));
+    FSIC_TRY(rb_read_and_alloc_zstr(buf, &masks[i]));
   return FSIC_OK;
 }
 
@@ -165,7 +159,7 @@ fsic_status read_masks(rb *buf, char ***out) noexcept {
 // larger one cannot be held (as its arrays cannot be allocated).
 fsic_status read_count(rb *buf, int32_t *out) noexcept {
   uint32_t count;
-  TRY(rb_read_uint32(buf, &count));
+  FSIC_TRY(rb_read_uint32(buf, &count));
   if (count > (uint32_t)INT32_MAX)
     return FSIC_ERR_NO_MEMORY;
   *out = (int32_t)count;
@@ -192,7 +186,7 @@ fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
 fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
                                 fs_ocl_dir_info *info) noexcept {
   int32_t total;
-  TRY(read_count(buf, &total));
+  FSIC_TRY(read_count(buf, &total));
   uint32_t count = (uint32_t)total;
   if (count == 0)
     return FSIC_OK;
@@ -207,19 +201,19 @@ fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    TRY(rb_read_and_alloc_zstr(buf, &info->subdir_names[i]));
+    FSIC_TRY(rb_read_and_alloc_zstr(buf, &info->subdir_names[i]));
     info->subdir_count = (int32_t)i + 1;
     // Kept even when empty: the blob is taken as it is.
-    TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
+    FSIC_TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
     if (flags & CONTROL_ATTRS)
-      TRY(read_dir_attrs(buf, &info->subdir_attrs[i]));
+      FSIC_TRY(read_dir_attrs(buf, &info->subdir_attrs[i]));
   }
   return FSIC_OK;
 }
 
 fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
   int32_t total;
-  TRY(read_count(buf, &total));
+  FSIC_TRY(read_count(buf, &total));
   uint32_t count = (uint32_t)total;
   if (count == 0)
     return FSIC_OK;
@@ -235,12 +229,12 @@ fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept 
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    TRY(rb_read_and_alloc_zstr(buf, &info->file_names[i]));
+    FSIC_TRY(rb_read_and_alloc_zstr(buf, &info->file_names[i]));
     info->file_count = (int32_t)i + 1;
     if (flags & CONTROL_DATA)
-      TRY(rb_read(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
+      FSIC_TRY(rb_read(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
     if (flags & CONTROL_ATTRS)
-      TRY(read_file_attrs(buf, &info->file_attrs[i]));
+      FSIC_TRY(read_file_attrs(buf, &info->file_attrs[i]));
   }
   return FSIC_OK;
 }
@@ -254,8 +248,8 @@ fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
   info_owner info(static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(fs_ocl_dir_info))));
   if (!info)
     return FSIC_ERR_NO_MEMORY;
-  TRY(read_subdirs(buf, flags, depth, info.get()));
-  TRY(read_files(buf, flags, info.get()));
+  FSIC_TRY(read_subdirs(buf, flags, depth, info.get()));
+  FSIC_TRY(read_files(buf, flags, info.get()));
   *out = info.release();
   return FSIC_OK;
 }
@@ -276,16 +270,16 @@ fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
   const char *path_view;
   uint16_t path_len;
   uint16_t flags;
-  TRY(rb_read_str(buf, &path_view, &path_len));
-  TRY(rb_read_uint16(buf, &flags));
+  FSIC_TRY(rb_read_str(buf, &path_view, &path_len));
+  FSIC_TRY(rb_read_uint16(buf, &flags));
   object_owner obj = start_object(sizeof(fs_ocl_file_object), FS_OCL_FILE, flags);
   if (!obj)
     return FSIC_ERR_NO_MEMORY;
   auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
   if (flags & CONTROL_DATA)
-    TRY(read_new(buf, &file->hash, FS_OCL_HASH_SIZE, read_hash));
+    FSIC_TRY(read_new(buf, &file->hash, FS_OCL_HASH_SIZE, read_hash));
   if (flags & CONTROL_ATTRS)
-    TRY(read_new(buf, &file->attrs, sizeof(fs_ocl_file_attrs), read_file_attrs));
+    FSIC_TRY(read_new(buf, &file->attrs, sizeof(fs_ocl_file_attrs), read_file_attrs));
   obj->path = static_cast<char *>(malloc((size_t)path_len + 1));
   if (!obj->path)
     return FSIC_ERR_NO_MEMORY;
@@ -301,17 +295,17 @@ fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
   if (!obj)
     return FSIC_ERR_NO_MEMORY;
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
-  TRY(rb_read_and_alloc_zstr(buf, &obj->path));
-  TRY(read_masks(buf, &dir->masks));
+  FSIC_TRY(rb_read_and_alloc_zstr(buf, &obj->path));
+  FSIC_TRY(read_masks(buf, &dir->masks));
   uint16_t flags;
-  TRY(rb_read_uint16(buf, &flags));
+  FSIC_TRY(rb_read_uint16(buf, &flags));
   obj->flags = flags;
   if (flags & EACH_FILE) {
-    TRY(read_dir_info(buf, flags, 1, &dir->info));
+    FSIC_TRY(read_dir_info(buf, flags, 1, &dir->info));
     if (flags & CONTROL_ATTRS)
-      TRY(read_new(buf, &dir->attrs, sizeof(fs_ocl_dir_attrs), read_dir_attrs));
+      FSIC_TRY(read_new(buf, &dir->attrs, sizeof(fs_ocl_dir_attrs), read_dir_attrs));
   } else {
-    TRY(read_new(buf, &dir->hash, FS_OCL_HASH_SIZE, read_hash));
+    FSIC_TRY(read_new(buf, &dir->hash, FS_OCL_HASH_SIZE, read_hash));
   }
   *out = obj.release();
   return FSIC_OK;
@@ -319,7 +313,7 @@ fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
 
 fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
   uint16_t type;
-  TRY(rb_read_uint16(buf, &type));
+  FSIC_TRY(rb_read_uint16(buf, &type));
   if (type == FS_OCL_FILE)
     return read_file_object(buf, out);
   if (type == FS_OCL_DIR)
@@ -332,15 +326,15 @@ fsic_status read_object(rb *buf, fs_ocl_object **out) noexcept {
 extern "C" {
 
 fsic_status _fs_ocl_write_to_wbuf(const fs_ocl *ocl, wb *buf) noexcept {
-  TRY(wb_write_uint32(buf, ocl->count));
+  FSIC_TRY(wb_write_uint32(buf, ocl->count));
   for (const rb_node *node = rb_first(&ocl->root); node; node = rb_next(node))
-    TRY(write_object(buf, rb_entry(node, const fs_ocl_object, node)));
+    FSIC_TRY(write_object(buf, rb_entry(node, const fs_ocl_object, node)));
   return FSIC_OK;
 }
 
 fsic_status fs_ocl_write_to_mem(const fs_ocl *ocl, uint8_t **data, uint32_t *size) noexcept {
   wb buf;
-  TRY(wb_init(&buf, 0));
+  FSIC_TRY(wb_init(&buf, 0));
   fsic_status status = _fs_ocl_write_to_wbuf(ocl, &buf);
   if (status != FSIC_OK) {
     wb_finalize(&buf, 1);
@@ -353,7 +347,7 @@ fsic_status fs_ocl_write_to_mem(const fs_ocl *ocl, uint8_t **data, uint32_t *siz
 
 fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) noexcept {
   fs_ocl *ocl;
-  TRY(fs_ocl_create(&ocl));
+  FSIC_TRY(fs_ocl_create(&ocl));
 
   uint32_t count;
   fsic_status status = rb_read_uint32(buf, &count);

@@ -94,8 +94,7 @@ extern "C" void _fs_destroy_partition(fs_partition *part) noexcept {
   // A mounted partition is unmounted here whatever its hold count.
   if (part->volume.mount_point)
     _fs_volume_release_mount_point(&part->volume);
-  if (part->link.next)
-    list_del(&part->link);
+  fsic::detail::unlink(&part->link);
   free(part->volume.syspath);
   free(part->volume.devnode);
   free(part->uuid);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "fs/volume_id_internal.h"
+#include "util/owner.h"
 
 namespace {
 
@@ -23,19 +24,26 @@ fs_lvm_volume_id *as_lvm(const fs_volume_id *id) {
   return reinterpret_cast<fs_lvm_volume_id *>(const_cast<fs_volume_id *>(id));
 }
 
+using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
+
+// A zero-filled identifier of type Id with its table, owned by its destroyer, which
+// frees whatever has been filled in.
+template <typename Id>
+id_owner start_id(const fs_volume_id_ops *ops) noexcept {
+  auto *id = static_cast<Id *>(ic_util_zalloc(sizeof(Id)));
+  if (id)
+    id->ops = ops;
+  return id_owner(reinterpret_cast<fs_volume_id *>(id));
+}
+
 fsic_status create_numbered(const fs_volume_id_ops *ops, const char *name, uint32_t number,
                             fs_volume_id **out) noexcept {
-  auto *id = static_cast<fs_partition_id *>(ic_util_zalloc(sizeof(fs_partition_id)));
+  id_owner id = start_id<fs_partition_id>(ops);
   if (!id)
     return FSIC_ERR_NO_MEMORY;
-  id->disk_serial = strdup(name);
-  if (!id->disk_serial) {
-    free(id);
-    return FSIC_ERR_NO_MEMORY;
-  }
-  id->ops = ops;
-  id->number = number;
-  *out = reinterpret_cast<fs_volume_id *>(id);
+  as_numbered(id.get())->number = number;
+  FSIC_TRY(fsic::detail::dup_into(&as_numbered(id.get())->disk_serial, name));
+  *out = id.release();
   return FSIC_OK;
 }
 
@@ -172,25 +180,15 @@ const fs_volume_id_ops lvm_volume_id_ops = {
 // ---- readers ---------------------------------------------------------------------------
 
 fsic_status read_numbered(rb *buf, const fs_volume_id_ops *ops, fs_volume_id **out) noexcept {
-  char *name;
-  uint16_t number;
-  fsic_status status = rb_read_and_alloc_zstr(buf, &name);
-  if (status != FSIC_OK)
-    return status;
-  status = rb_read_uint16(buf, &number);
-  if (status != FSIC_OK) {
-    free(name);
-    return status;
-  }
-  auto *id = static_cast<fs_partition_id *>(ic_util_zalloc(sizeof(fs_partition_id)));
-  if (!id) {
-    free(name);
+  id_owner id = start_id<fs_partition_id>(ops);
+  if (!id)
     return FSIC_ERR_NO_MEMORY;
-  }
-  id->ops = ops;
-  id->disk_serial = name;
-  id->number = number;
-  *out = reinterpret_cast<fs_volume_id *>(id);
+  fs_partition_id *p = as_numbered(id.get());
+  FSIC_TRY(rb_read_and_alloc_zstr(buf, &p->disk_serial));
+  uint16_t number;
+  FSIC_TRY(rb_read_uint16(buf, &number));
+  p->number = number;
+  *out = id.release();
   return FSIC_OK;
 }
 
@@ -203,26 +201,12 @@ fsic_status image_partition_id_read(rb *buf, fs_volume_id **out) noexcept {
 }
 
 fsic_status lvm_volume_id_read(rb *buf, fs_volume_id **out) noexcept {
-  char *group;
-  char *volume;
-  fsic_status status = rb_read_and_alloc_zstr(buf, &group);
-  if (status != FSIC_OK)
-    return status;
-  status = rb_read_and_alloc_zstr(buf, &volume);
-  if (status != FSIC_OK) {
-    free(group);
-    return status;
-  }
-  auto *id = static_cast<fs_lvm_volume_id *>(ic_util_zalloc(sizeof(fs_lvm_volume_id)));
-  if (!id) {
-    free(volume);
-    free(group);
+  id_owner id = start_id<fs_lvm_volume_id>(&lvm_volume_id_ops);
+  if (!id)
     return FSIC_ERR_NO_MEMORY;
-  }
-  id->ops = &lvm_volume_id_ops;
-  id->group_name = group;
-  id->volume_name = volume;
-  *out = reinterpret_cast<fs_volume_id *>(id);
+  FSIC_TRY(rb_read_and_alloc_zstr(buf, &as_lvm(id.get())->group_name));
+  FSIC_TRY(rb_read_and_alloc_zstr(buf, &as_lvm(id.get())->volume_name));
+  *out = id.release();
   return FSIC_OK;
 }
 
@@ -258,19 +242,12 @@ extern "C" fsic_status fs_image_partition_id_create(const char *image_name, uint
 
 extern "C" fsic_status fs_lvm_volume_id_create(const char *group_name, const char *volume_name,
                                                fs_volume_id **out) noexcept {
-  auto *id = static_cast<fs_lvm_volume_id *>(ic_util_zalloc(sizeof(fs_lvm_volume_id)));
+  id_owner id = start_id<fs_lvm_volume_id>(&lvm_volume_id_ops);
   if (!id)
     return FSIC_ERR_NO_MEMORY;
-  id->group_name = strdup(group_name);
-  id->volume_name = strdup(volume_name);
-  if (!id->group_name || !id->volume_name) {
-    free(id->volume_name);
-    free(id->group_name);
-    free(id);
-    return FSIC_ERR_NO_MEMORY;
-  }
-  id->ops = &lvm_volume_id_ops;
-  *out = reinterpret_cast<fs_volume_id *>(id);
+  FSIC_TRY(fsic::detail::dup_into(&as_lvm(id.get())->group_name, group_name));
+  FSIC_TRY(fsic::detail::dup_into(&as_lvm(id.get())->volume_name, volume_name));
+  *out = id.release();
   return FSIC_OK;
 }
 

@@ -11,6 +11,8 @@ set -euo pipefail
 packages=(
   # build (clang: the second compiler of the tests, and the fuzzers')
   build-essential cmake ninja-build pkg-config clang
+  # the dialect: formatting and the clang CI configuration's static checks
+  clang-format clang-tidy
   # library dependencies
   libudev-dev libblockdev-dev libblockdev-lvm-dev libblockdev-lvm2 lvm2 libglib2.0-dev
   # blockdev/lvm.h includes libdevmapper.h, which libblockdev-lvm-dev does not pull in

@@ -4,11 +4,21 @@
 #ifndef FSIC_UTIL_OWNER_H
 #define FSIC_UTIL_OWNER_H
 
+#include <fsic/list.h>
 #include <fsic/util.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+// Returns the status of `expr` from the calling function when it is not FSIC_OK. With
+// the record under construction held by an owner, that return is the whole error path.
+#define FSIC_TRY(expr)                                                                      \
+  do {                                                                                      \
+    const fsic_status fsic_try_status_ = (expr);                                            \
+    if (fsic_try_status_ != FSIC_OK)                                                        \
+      return fsic_try_status_;                                                              \
+  } while (0)
 
 namespace fsic::detail {
 
@@ -46,6 +56,23 @@ inline fsic_status dup_into(char **field, const char *value) noexcept {
     return FSIC_OK;
   *field = strdup(value);
   return *field ? FSIC_OK : FSIC_ERR_NO_MEMORY;
+}
+
+// Destroys every record of type T linked through its member `link` in the list `head`;
+// a zero-filled head (a list never initialised) holds none.
+template <typename T, void (*Destroy)(T *) noexcept>
+void destroy_all(list_head *head) noexcept {
+  if (!head->next)
+    return;
+  T *pos, *next;
+  list_for_each_entry_safe(pos, next, head, T, link)
+    Destroy(pos);
+}
+
+// Unlinks a record's link unless it is zero-filled (the record was never linked).
+inline void unlink(list_head *link) noexcept {
+  if (link->next)
+    list_del(link);
 }
 
 } // namespace fsic::detail
