@@ -48,10 +48,8 @@ fsic_status add_disk(fs_disk_list *list, udev_device *dev) noexcept {
     FSIC_LOG_FAILED("ID_SERIAL of a disk");
     return FSIC_ERR_FAILED;
   }
-  if ((status = required_value(udev_devnode(dev, &devnode))) != FSIC_OK) {
-    FSIC_LOG_FAILED("udev_device_get_devnode");
+  if ((status = required_devnode(dev, &devnode, kLogSource)) != FSIC_OK)
     return status;
-  }
 
   disk_owner disk = make_zeroed<fs_disk, destroy_disk>();
   if (!disk)

@@ -122,11 +122,9 @@ fsic_status find_unused_loop_device(struct udev *udev, udev_device_ptr *out) noe
     if (major(devnum) != kLoopMajor)
       continue;
     const char *devnode;
-    const fsic_status status = required_value(udev_devnode(dev.get(), &devnode));
-    if (status != FSIC_OK) {
-      FSIC_LOG_FAILED("udev_device_get_devnode");
+    const fsic_status status = required_devnode(dev.get(), &devnode, kLogSource);
+    if (status != FSIC_OK)
       return status;
-    }
     if (loop_device_is_free(devnode)) {
       *out = std::move(dev);
       return FSIC_OK;
@@ -314,11 +312,9 @@ fsic_status create_partitions(struct udev *udev, fs_image_disk *image) noexcept 
 fsic_status start_image_disk(struct udev_device *loop, const char *path, const char *name,
                              image_owner *out) noexcept {
   const char *devnode;
-  fsic_status status = required_value(udev_devnode(loop, &devnode));
-  if (status != FSIC_OK) {
-    FSIC_LOG_FAILED("udev_device_get_devnode");
+  fsic_status status = required_devnode(loop, &devnode, kLogSource);
+  if (status != FSIC_OK)
     return status;
-  }
   image_owner image = make_zeroed<fs_image_disk, destroy_image_disk>();
   if (!image)
     return FSIC_ERR_NO_MEMORY;
@@ -360,11 +356,10 @@ fsic_status create_image_disk(fs_volume *volume, const char *path, const char *n
 }
 
 fs_image_disk *find_image_disk(fs_disk_list *list, const char *name) noexcept {
-  for (fs_image_disk *i = fs_disk_list_first_image_disk(list); i;
-       i = fs_disk_list_next_image_disk(list, i))
-    if (strcmp(i->name, name) == 0)
-      return i;
-  return nullptr;
+  fs_image_disk *image = fs_disk_list_first_image_disk(list);
+  while (image && strcmp(image->name, name) != 0)
+    image = fs_disk_list_next_image_disk(list, image);
+  return image;
 }
 
 bool has_mounted_partition(fs_image_disk *image) noexcept {

@@ -128,6 +128,16 @@ inline fsic_status optional_value(udev_value v) noexcept {
   return v == udev_value::no_memory ? FSIC_ERR_NO_MEMORY : FSIC_OK;
 }
 
+// The device node, which a block device must have: 1 (and a DEBUG record naming
+// `source`) when it has none, 3 when memory ran out.
+inline fsic_status required_devnode(struct udev_device *dev, const char **out,
+                                    const char *source) noexcept {
+  const fsic_status status = required_value(udev_devnode(dev, out));
+  if (status == FSIC_ERR_FAILED)
+    log_failed_call(source, "required_devnode", __LINE__, "udev_device_get_devnode");
+  return status;
+}
+
 // ---- /sys/class/block ---------------------------------------------------------------
 
 inline constexpr const char *kSysClassBlock = "/sys/class/block";

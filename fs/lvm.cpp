@@ -67,11 +67,9 @@ fsic_status find_dm_device(udev *udev, const char *dm_name, udev_device_ptr *out
 fsic_status create_volume_record(fs_lvm_group *group, const char *name,
                                  udev_device *dev) noexcept {
   const char *devnode, *fs_type;
-  fsic_status status = required_value(udev_devnode(dev, &devnode));
-  if (status != FSIC_OK) {
-    FSIC_LOG_FAILED("udev_device_get_devnode");
+  fsic_status status = required_devnode(dev, &devnode, kLogSource);
+  if (status != FSIC_OK)
     return status;
-  }
   if ((status = optional_value(udev_property(dev, "ID_FS_TYPE", &fs_type))) != FSIC_OK)
     return status;
   owner<fs_lvm_volume, destroy_volume> lv = make_zeroed<fs_lvm_volume, destroy_volume>();

@@ -43,9 +43,12 @@ using namespace fsic::detail;
 
 using object_owner = owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
-// Starts an object of the given size: zero-filled, with its own copy of the path.
+// Starts an object of the given size: zero-filled, with its own copy of the path, which
+// must be absolute.
 fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t flags,
                          object_owner *out) noexcept {
+  if (!path || path[0] != '/')
+    return FSIC_ERR_RELATIVE_PATH;
   object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
   if (!obj)
     return FSIC_ERR_NO_MEMORY;
@@ -179,12 +182,8 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) noexcept {
 
 fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
                             uint32_t flags, fs_ocl_object **out) noexcept {
-  if (!path || path[0] != '/')
-    return FSIC_ERR_RELATIVE_PATH;
   object_owner obj;
-  fsic_status status = start_object(sizeof(fs_ocl_file_object), path, FS_OCL_FILE, flags, &obj);
-  if (status != FSIC_OK)
-    return status;
+  FSIC_TRY(start_object(sizeof(fs_ocl_file_object), path, FS_OCL_FILE, flags, &obj));
   auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
   return finish_object(
       ocl, std::move(obj), base,
@@ -193,12 +192,8 @@ fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
 
 fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path,
                            char *const *masks, uint32_t flags, fs_ocl_object **out) noexcept {
-  if (!path || path[0] != '/')
-    return FSIC_ERR_RELATIVE_PATH;
   object_owner obj;
-  fsic_status status = start_object(sizeof(fs_ocl_dir_object), path, FS_OCL_DIR, flags, &obj);
-  if (status != FSIC_OK)
-    return status;
+  FSIC_TRY(start_object(sizeof(fs_ocl_dir_object), path, FS_OCL_DIR, flags, &obj));
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
   if (masks && !(dir->masks = ic_str_zarray_copy(masks)))
     return FSIC_ERR_NO_MEMORY;

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "fs/ocl_internal.h"
+#include "util/owner.h"
 
 namespace {
 
@@ -72,16 +73,9 @@ fsic_status _fs_ocl_init_dir_attrs(const char *path, fs_ocl_dir_attrs *attrs) no
 }
 
 fsic_status _fs_ocl_create_dir_attrs(const char *path, fs_ocl_dir_attrs **out) noexcept {
-  fs_ocl_dir_attrs *attrs = static_cast<fs_ocl_dir_attrs *>(malloc(sizeof *attrs));
-  if (!attrs)
-    return FSIC_ERR_NO_MEMORY;
-  fsic_status status = _fs_ocl_init_dir_attrs(path, attrs);
-  if (status != FSIC_OK) {
-    free(attrs);
-    return status;
-  }
-  *out = attrs;
-  return FSIC_OK;
+  return fsic::detail::make_block(
+      sizeof(fs_ocl_dir_attrs),
+      [&](fs_ocl_dir_attrs *attrs) noexcept { return _fs_ocl_init_dir_attrs(path, attrs); }, out);
 }
 
 void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) noexcept {

@@ -126,14 +126,11 @@ fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
   return rb_read_uint16(buf, &attrs->gid);
 }
 
-// Reads one value of `size` bytes into a new block that *field receives at once, so
-// that the record being read owns it whatever happens next.
+// Reads one value of `size` bytes into a new block that *field receives.
 template <typename T, typename Read>
 fsic_status read_new(rb *buf, T **field, size_t size, Read read) noexcept {
-  *field = static_cast<T *>(malloc(size));
-  if (!*field)
-    return FSIC_ERR_NO_MEMORY;
-  return read(buf, *field);
+  return fsic::detail::make_block(size, [&](T *value) noexcept { return read(buf, value); },
+                                  field);
 }
 
 fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
@@ -157,13 +154,9 @@ fsic_status read_masks(rb *buf, char ***out) noexcept {
 
 // A count read from the blob; the record holds it as a signed 32-bit number, so a
 // larger one cannot be held (as its arrays cannot be allocated).
-fsic_status read_count(rb *buf, int32_t *out) noexcept {
-  uint32_t count;
-  FSIC_TRY(rb_read_uint32(buf, &count));
-  if (count > (uint32_t)INT32_MAX)
-    return FSIC_ERR_NO_MEMORY;
-  *out = (int32_t)count;
-  return FSIC_OK;
+fsic_status read_count(rb *buf, uint32_t *out) noexcept {
+  FSIC_TRY(rb_read_uint32(buf, out));
+  return *out > (uint32_t)INT32_MAX ? FSIC_ERR_NO_MEMORY : FSIC_OK;
 }
 
 } // namespace
@@ -185,9 +178,8 @@ fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
 // only what was read; a huge count costs no more than the blob that backs it.
 fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
                                 fs_ocl_dir_info *info) noexcept {
-  int32_t total;
-  FSIC_TRY(read_count(buf, &total));
-  uint32_t count = (uint32_t)total;
+  uint32_t count;
+  FSIC_TRY(read_count(buf, &count));
   if (count == 0)
     return FSIC_OK;
   info->subdir_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));
@@ -212,9 +204,8 @@ fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
 }
 
 fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
-  int32_t total;
-  FSIC_TRY(read_count(buf, &total));
-  uint32_t count = (uint32_t)total;
+  uint32_t count;
+  FSIC_TRY(read_count(buf, &count));
   if (count == 0)
     return FSIC_OK;
   info->file_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));

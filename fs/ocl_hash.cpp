@@ -10,6 +10,7 @@
 #include <fsic/gost_r3411_94.h>
 
 #include "fs/ocl_internal.h"
+#include "util/owner.h"
 
 namespace {
 
@@ -238,16 +239,9 @@ fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) 
 }
 
 fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) noexcept {
-  uint8_t *hash = static_cast<uint8_t *>(malloc(FS_OCL_HASH_SIZE));
-  if (!hash)
-    return FSIC_ERR_NO_MEMORY;
-  fsic_status status = _fs_ocl_file_hash(path, hash);
-  if (status != FSIC_OK) {
-    free(hash);
-    return status;
-  }
-  *out = hash;
-  return FSIC_OK;
+  return fsic::detail::make_block(
+      FS_OCL_HASH_SIZE, [&](uint8_t *hash) noexcept { return _fs_ocl_file_hash(path, hash); },
+      out);
 }
 
 fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,

@@ -15,39 +15,32 @@ constexpr const char *kLogSource = "partition";
 
 using partition_owner = fsic::detail::owner<fs_partition, _fs_destroy_partition>;
 
-// ---- partitions of physical disks ---------------------------------------------------
-
-fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
+// Partitions of physical disks are identified by their disk's serial and their number,
+// those of image disks by the image's name and their number: the same identifier
+// layout, made by `create` from the member `name` of the owner of type Disk.
+template <typename Disk, char *Disk::*name,
+          fsic_status (*create)(const char *, uint32_t, fs_volume_id **) noexcept>
+fsic_status create_numbered_id(fs_volume *volume, fs_volume_id **out) {
   auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *disk = static_cast<fs_disk *>(part->disk);
-  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
+  auto *disk = static_cast<Disk *>(part->disk);
+  return create(disk->*name, static_cast<uint32_t>(part->number), out);
 }
 
-fs_disk_list *partition_get_disk_list(fs_volume *volume) {
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  return static_cast<fs_disk *>(part->disk)->disk_list;
-}
-
-// ---- partitions of image disks ------------------------------------------------------
-
-fsic_status image_partition_create_id(fs_volume *volume, fs_volume_id **out) {
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *image = static_cast<fs_image_disk *>(part->disk);
-  return fs_image_partition_id_create(image->name, static_cast<uint32_t>(part->number), out);
-}
-
-fs_disk_list *image_partition_get_disk_list(fs_volume *volume) {
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  return static_cast<fs_image_disk *>(part->disk)->disk_list;
+template <typename Disk>
+fs_disk_list *owner_disk_list(fs_volume *volume) {
+  return static_cast<Disk *>(reinterpret_cast<fs_partition *>(volume)->disk)->disk_list;
 }
 
 } // namespace
 
-extern "C" const fs_volume_ops _fs_partition_ops = {FS_VOLUME_PARTITION, partition_create_id,
-                                                    partition_get_disk_list};
+extern "C" const fs_volume_ops _fs_partition_ops = {
+    FS_VOLUME_PARTITION, create_numbered_id<fs_disk, &fs_disk::serial, fs_partition_id_create>,
+    owner_disk_list<fs_disk>};
 
 extern "C" const fs_volume_ops _fs_image_partition_ops = {
-    FS_VOLUME_IMAGE_PARTITION, image_partition_create_id, image_partition_get_disk_list};
+    FS_VOLUME_IMAGE_PARTITION,
+    create_numbered_id<fs_image_disk, &fs_image_disk::name, fs_image_partition_id_create>,
+    owner_disk_list<fs_image_disk>};
 
 extern "C" int _fs_is_partition(struct udev_device *dev) noexcept {
   const char *value;
@@ -65,11 +58,9 @@ extern "C" fsic_status _fs_create_partition(struct udev_device *dev, const fs_vo
                                             fs_partition **out) noexcept {
   using namespace fsic::detail;
   const char *devnode, *uuid, *fs_type, *sysnum;
-  fsic_status status = required_value(udev_devnode(dev, &devnode));
-  if (status != FSIC_OK) {
-    FSIC_LOG_FAILED("udev_device_get_devnode");
+  fsic_status status = required_devnode(dev, &devnode, kLogSource);
+  if (status != FSIC_OK)
     return status;
-  }
   // Values missing for lack of memory would make a wrong record silently.
   if ((status = optional_value(udev_property(dev, "ID_FS_UUID", &uuid))) != FSIC_OK ||
       (status = optional_value(udev_property(dev, "ID_FS_TYPE", &fs_type))) != FSIC_OK ||

@@ -62,13 +62,9 @@ int32_t numbered_compare(const fs_volume_id *a, const fs_volume_id *b) {
 }
 
 fsic_status numbered_write(const fs_volume_id *id, wb *buf) {
-  const fs_partition_id *p = as_numbered(id);
-  fsic_status status = wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind));
-  if (status == FSIC_OK)
-    status = wb_write_str(buf, p->disk_serial);
-  if (status == FSIC_OK)
-    status = wb_write_uint16(buf, static_cast<uint16_t>(p->number));
-  return status;
+  FSIC_TRY(wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind)));
+  FSIC_TRY(wb_write_str(buf, as_numbered(id)->disk_serial));
+  return wb_write_uint16(buf, static_cast<uint16_t>(as_numbered(id)->number));
 }
 
 void numbered_destroy(fs_volume_id *id) {
@@ -158,13 +154,9 @@ fs_volume *lvm_volume_id_find_volume(const fs_volume_id *id, fs_disk_list *list)
 }
 
 fsic_status lvm_volume_id_write(const fs_volume_id *id, wb *buf) {
-  const fs_lvm_volume_id *l = as_lvm(id);
-  fsic_status status = wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind));
-  if (status == FSIC_OK)
-    status = wb_write_str(buf, l->group_name);
-  if (status == FSIC_OK)
-    status = wb_write_str(buf, l->volume_name);
-  return status;
+  FSIC_TRY(wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind)));
+  FSIC_TRY(wb_write_str(buf, as_lvm(id)->group_name));
+  return wb_write_str(buf, as_lvm(id)->volume_name);
 }
 
 void lvm_volume_id_destroy(fs_volume_id *id) {

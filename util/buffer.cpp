@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "util/owner.h"
+
 // Default size of a write buffer started with size 0.
 #define WB_DEFAULT_SIZE 64u
 
@@ -13,17 +15,8 @@ namespace {
 // Makes room for n more bytes: when the block is too small it becomes twice the size
 // needed (not twice the old one). An exact fit does not grow.
 fsic_status check_capacity(wb *buf, uint32_t n) noexcept {
-  uint32_t need = buf->used + n;
-  if (buf->capacity >= need)
-    return FSIC_OK;
-
-  uint32_t capacity = 2 * need;
-  uint8_t *data = static_cast<uint8_t *>(realloc(buf->data, capacity));
-  if (!data)
-    return FSIC_ERR_NO_MEMORY;
-  buf->data = data;
-  buf->capacity = capacity;
-  return FSIC_OK;
+  const uint32_t need = buf->used + n;
+  return fsic::detail::reserve(&buf->data, &buf->capacity, need, 2 * need);
 }
 
 } // namespace

@@ -58,6 +58,33 @@ inline fsic_status dup_into(char **field, const char *value) noexcept {
   return *field ? FSIC_OK : FSIC_ERR_NO_MEMORY;
 }
 
+// A new block of `size` bytes filled in by `fill(T *)`, which returns a status; *out
+// receives the block when that is 0, and nothing is left behind otherwise.
+template <typename T, typename Fill>
+fsic_status make_block(size_t size, Fill fill, T **out) noexcept {
+  heap_ptr<T> block(static_cast<T *>(std::malloc(size)));
+  if (!block)
+    return FSIC_ERR_NO_MEMORY;
+  FSIC_TRY(fill(block.get()));
+  *out = block.release();
+  return FSIC_OK;
+}
+
+// Makes the heap block *data, of *capacity elements, hold at least `need`: a shorter
+// one is reallocated to `size` elements (at least `need`). 0, or 3 with the block as it
+// was.
+template <typename T>
+fsic_status reserve(T **data, uint32_t *capacity, uint32_t need, uint32_t size) noexcept {
+  if (*capacity >= need)
+    return FSIC_OK;
+  T *grown = static_cast<T *>(std::realloc(*data, size * sizeof(T)));
+  if (!grown)
+    return FSIC_ERR_NO_MEMORY;
+  *data = grown;
+  *capacity = size;
+  return FSIC_OK;
+}
+
 // Destroys every record of type T linked through its member `link` in the list `head`;
 // a zero-filled head (a list never initialised) holds none.
 template <typename T, void (*Destroy)(T *) noexcept>

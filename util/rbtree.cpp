@@ -61,6 +61,30 @@ void rotate(struct rb_node *node, side s, struct rb_root *root) noexcept {
   rb_set_parent(node, pivot);
 }
 
+// The last node reached from `node` (possibly null) by always stepping to side `s`.
+struct rb_node *outermost(struct rb_node *node, side s) noexcept {
+  if (node)
+    while (child(node, s))
+      node = child(node, s);
+  return node;
+}
+
+// The node next to `node` in order on side `s` (RIGHT: the next, LEFT: the previous),
+// or null. An empty node (its own parent) has no neighbours.
+struct rb_node *neighbour(const struct rb_node *node, side s) noexcept {
+  auto *n = const_cast<struct rb_node *>(node);
+  if (rb_parent(n) == n)
+    return nullptr;
+  // The outermost node towards the other side of the subtree on side s, if any...
+  if (child(n, s))
+    return outermost(child(n, s), other(s));
+  // ...otherwise the first ancestor reached from a child on the other side.
+  struct rb_node *parent;
+  while ((parent = rb_parent(n)) && n == child(parent, s))
+    n = parent;
+  return parent;
+}
+
 // Deletion fix-up. `node` (possibly null) took the place of a removed black node under
 // `parent` and is one black short on its paths: push the deficit up, or absorb it
 // with recolouring and at most three rotations.
@@ -185,55 +209,15 @@ void rb_replace_node(struct rb_node *victim, struct rb_node *replacement,
 }
 
 struct rb_node *rb_first(const struct rb_root *root) noexcept {
-  struct rb_node *node = root->node;
-  if (node)
-    while (node->left)
-      node = node->left;
-  return node;
+  return outermost(root->node, LEFT);
 }
 
 struct rb_node *rb_last(const struct rb_root *root) noexcept {
-  struct rb_node *node = root->node;
-  if (node)
-    while (node->right)
-      node = node->right;
-  return node;
+  return outermost(root->node, RIGHT);
 }
 
-struct rb_node *rb_next(const struct rb_node *node) noexcept {
-  struct rb_node *parent;
+struct rb_node *rb_next(const struct rb_node *node) noexcept { return neighbour(node, RIGHT); }
 
-  if (rb_parent(node) == node)
-    return nullptr;
-
-  // The leftmost node of the right subtree, if any...
-  if (node->right) {
-    struct rb_node *next = node->right;
-    while (next->left)
-      next = next->left;
-    return next;
-  }
-  // ...otherwise the first ancestor reached from a left child.
-  while ((parent = rb_parent(node)) && node == parent->right)
-    node = parent;
-  return parent;
-}
-
-struct rb_node *rb_prev(const struct rb_node *node) noexcept {
-  struct rb_node *parent;
-
-  if (rb_parent(node) == node)
-    return nullptr;
-
-  if (node->left) {
-    struct rb_node *prev = node->left;
-    while (prev->right)
-      prev = prev->right;
-    return prev;
-  }
-  while ((parent = rb_parent(node)) && node == parent->left)
-    node = parent;
-  return parent;
-}
+struct rb_node *rb_prev(const struct rb_node *node) noexcept { return neighbour(node, LEFT); }
 
 } // extern "C"

@@ -3,6 +3,8 @@
 // fixes the size and shorter ones allocate nothing.
 #include "util/str_buf.h"
 
+#include "util/owner.h"
+
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -36,16 +38,8 @@ fsic_status reserve(fs_str_buf *buf, size_t extra) noexcept {
   if (extra >= UINT32_MAX - buf->len)
     return FSIC_ERR_NO_MEMORY;
 
-  uint32_t need = (uint32_t)(buf->len + extra + 1);
-  if (buf->capacity >= need)
-    return FSIC_OK;
-
-  char *data = static_cast<char *>(realloc(buf->data, need));
-  if (!data)
-    return FSIC_ERR_NO_MEMORY;
-  buf->data = data;
-  buf->capacity = need;
-  return FSIC_OK;
+  const uint32_t need = (uint32_t)(buf->len + extra + 1);
+  return fsic::detail::reserve(&buf->data, &buf->capacity, need, need);
 }
 
 } // namespace
