@@ -45,7 +45,10 @@ fsic_status add_disk(fs_disk_list *list, udev_device *dev) noexcept {
   if (status != FSIC_OK)
     return status;
   if (!serial) {
-    FSIC_LOG_FAILED("ID_SERIAL of a disk");
+    if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_DEBUG))
+      ic_log(&__ic_log_fs, IC_LOG_DEBUG, kLogSource, __func__, __LINE__,
+             "%s has no serial number (ID_SERIAL_SHORT, ID_SERIAL)\n",
+             udev_device_get_syspath(dev));
     return FSIC_ERR_FAILED;
   }
   if ((status = required_devnode(dev, &devnode, kLogSource)) != FSIC_OK)
