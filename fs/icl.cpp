@@ -80,16 +80,16 @@ fsic_status add_object(fs_icl *list, fs_volume *volume, const char *path, Add ad
 
 extern "C" fsic_status _fs_icl_create_volume(fs_icl *list, fs_volume_id *id, fs_ocl *ocl,
                                              fs_icl_volume **out) noexcept {
+  // A list made here goes again if the entry cannot be made.
+  fsic::detail::owner<fs_ocl, fs_ocl_destroy> made;
+  if (!ocl) {
+    FSIC_TRY(fs_ocl_create(&ocl));
+    made.reset(ocl);
+  }
   auto *entry = static_cast<fs_icl_volume *>(ic_util_zalloc(sizeof(fs_icl_volume)));
   if (!entry)
     return FSIC_ERR_NO_MEMORY;
-  if (!ocl) {
-    fsic_status status = fs_ocl_create(&ocl);
-    if (status != FSIC_OK) {
-      free(entry);
-      return status;
-    }
-  }
+  made.release();
   entry->ocl = ocl;
   entry->id = id;
   list_add(&entry->link, &list->volumes);

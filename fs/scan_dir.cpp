@@ -7,25 +7,31 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
+
 #include <fsic/log.h>
 
 #include "fs/ocl_internal.h"
 #include "util/dir_iter.h"
+#include "util/owner.h"
 
 namespace {
 
-// A growable array of owned names.
+// A growable array of owned names, freed with them unless handed out.
 struct str_array {
-  char **items;
-  uint32_t capacity;
-  uint32_t count;
+  char **items = nullptr;
+  uint32_t capacity = 0;
+  uint32_t count = 0;
+
+  str_array() noexcept = default;
+  str_array(const str_array &) = delete;
+  str_array &operator=(const str_array &) = delete;
+  ~str_array() { _fs_ocl_free_str_array(items, static_cast<int>(count)); }
 };
 
 // Where the log records of this file say they come from.
 constexpr const char *log_source = "scan_dir";
 constexpr int stat_log_line = 197;
-
-
 
 fsic_status str_array_expand(str_array *a) noexcept {
   uint32_t capacity = a->capacity ? a->capacity * 2 : 8;
@@ -75,24 +81,23 @@ fsic_status str_array_shrink(str_array *a) noexcept {
   return FSIC_OK;
 }
 
-// Hands the sorted names out; the array becomes the caller's.
-fsic_status str_array_export(str_array *a, char ***names, int *count) noexcept {
+// Sorts the names and cuts the array to their count, ready to be handed out.
+fsic_status str_array_finish(str_array *a) noexcept {
   str_array_sort(a);
-  fsic_status status = str_array_shrink(a);
-  if (status != FSIC_OK)
-    return status;
-  *names = a->items;
-  *count = (int)a->count;
-  a->items = nullptr;
-  a->capacity = a->count = 0;
-  return FSIC_OK;
+  return str_array_shrink(a);
 }
 
-void str_array_free(str_array *a) noexcept {
-  _fs_ocl_free_str_array(a->items, (int)a->count);
+// Hands the names out; the array becomes the caller's.
+void str_array_hand_out(str_array *a, char ***names, int *count) noexcept {
+  *names = a->items;
+  *count = static_cast<int>(a->count);
   a->items = nullptr;
   a->capacity = a->count = 0;
 }
+
+struct closedir_deleter {
+  void operator()(DIR *d) const noexcept { closedir(d); }
+};
 
 // 1 when some mask admits `name`. Flags 0: "*" and "?" also match a leading "." and
 // "/", and matching is case-sensitive. An empty array admits nothing.
@@ -184,43 +189,27 @@ extern "C" {
 
 fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
                              int *file_count, char ***subdirs, int *subdir_count) noexcept {
-  str_array file_array = {nullptr, 0, 0};
-  str_array subdir_array = {nullptr, 0, 0};
-  bool want_files = files && file_count;
-  bool want_subdirs = subdirs && subdir_count;
+  const bool want_files = files && file_count;
+  const bool want_subdirs = subdirs && subdir_count;
 
   // The stream's own buffer is allocated here: running out of memory is reported as
   // such, any other failure to open as a general one.
-  DIR *stream = opendir(dir);
+  std::unique_ptr<DIR, closedir_deleter> stream(opendir(dir));
   if (!stream)
     return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
 
-  fsic_status status = collect(stream, dir, masks, want_files ? &file_array : nullptr,
-                               want_subdirs ? &subdir_array : nullptr);
-
-  char **file_names = nullptr, **subdir_names = nullptr;
-  int nfiles = 0, nsubdirs = 0;
-  if (status == FSIC_OK && want_files)
-    status = str_array_export(&file_array, &file_names, &nfiles);
-  if (status == FSIC_OK && want_subdirs) {
-    status = str_array_export(&subdir_array, &subdir_names, &nsubdirs);
-    if (status != FSIC_OK)
-      _fs_ocl_free_str_array(file_names, nfiles);
-  }
-  closedir(stream);
-  str_array_free(&file_array);
-  str_array_free(&subdir_array);
-  if (status != FSIC_OK)
-    return status;
-
-  if (want_files) {
-    *files = file_names;
-    *file_count = nfiles;
-  }
-  if (want_subdirs) {
-    *subdirs = subdir_names;
-    *subdir_count = nsubdirs;
-  }
+  str_array file_array, subdir_array;
+  FSIC_TRY(collect(stream.get(), dir, masks, want_files ? &file_array : nullptr,
+                   want_subdirs ? &subdir_array : nullptr));
+  // Both are made ready before either is handed out: a failure hands out nothing.
+  if (want_files)
+    FSIC_TRY(str_array_finish(&file_array));
+  if (want_subdirs)
+    FSIC_TRY(str_array_finish(&subdir_array));
+  if (want_files)
+    str_array_hand_out(&file_array, files, file_count);
+  if (want_subdirs)
+    str_array_hand_out(&subdir_array, subdirs, subdir_count);
   return FSIC_OK;
 }
 
