@@ -1,7 +1,7 @@
 # 32-bit x86 Linux on an x86-64 Debian host, with gcc-multilib/g++-multilib:
 #   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake ...
-# (the preset ci-m32 does this). The programs run on the host itself, so tests are run
-# directly. Libraries are looked for in the i386 directories and pkg-config modules are
+# (the preset ci-m32 does this). The programs run on the host itself where its kernel
+# runs 32-bit programs, and under qemu-i386 otherwise (cmake/run32.cmake). Libraries are looked for in the i386 directories and pkg-config modules are
 # taken from there only, so that no x86-64 library is picked up by mistake.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)

@@ -24,6 +24,8 @@ packages=(
   # the 32-bit (-m32) build of the portable code; its GoogleTest is built from these
   # sources
   gcc-multilib g++-multilib googletest
+  # its tests' emulator, where the kernel does not run 32-bit programs itself
+  qemu-user
 )
 
 for opt in "$@"; do
