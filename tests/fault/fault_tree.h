@@ -6,28 +6,22 @@
 #define FSIC_TESTS_FAULT_FAULT_TREE_H
 
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fsic/ocl.h>
 
+#include "tests/support/files.h"
+#include "tests/support/temp_dir.h"
+
 namespace faulttest {
 
 using Bytes = std::vector<uint8_t>;
-
-inline void write_file(const std::string &path, const std::string &content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out)
-    throw std::runtime_error("cannot write " + path);
-}
+using support::temp_dir;
+using support::write_file;
 
 // Makes the tree in the directory `root` (created).
 inline void make_tree(const std::string &root) {
@@ -43,27 +37,6 @@ inline void make_tree(const std::string &root) {
   fs::create_symlink("readme.txt", root + "/link.txt");
   fs::create_symlink("sub", root + "/to_sub");
 }
-
-// A private directory under /tmp, removed with its contents.
-class temp_dir {
- public:
-  temp_dir() {
-    std::string templ = "/tmp/fsic-fault-XXXXXX";
-    if (!mkdtemp(templ.data()))
-      throw std::runtime_error("mkdtemp failed");
-    path_ = templ;
-  }
-  ~temp_dir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  temp_dir(const temp_dir &) = delete;
-  temp_dir &operator=(const temp_dir &) = delete;
-  const std::string &path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // The list's blob, written with the injector disarmed.
 inline Bytes blob_of(const fs_ocl *ocl) {

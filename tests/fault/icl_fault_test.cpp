@@ -28,7 +28,11 @@
 #include "fs/icl_internal.h"
 #include "fs/volume_id_io.h"
 #include "icl_report.h"
-#include "tests/integration/host_helpers.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/volume_records.h"
 #include "tests/unit/driver/stdio_capture.h"
 
 namespace {
@@ -200,7 +204,7 @@ TEST(FaultVolumeId, ReadARecord) {
 class FaultIcl : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = new faulttest::temp_dir;
+    dir_ = new faulttest::temp_dir("fsic-fault");
     faulttest::make_tree(dir_->path() + "/tree");
   }
   static void TearDownTestSuite() {
@@ -480,22 +484,10 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
 
 // ---- adds on a mounted volume (root) ----------------------------------------------------
 
-fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *disk = static_cast<fs_disk *>(part->disk);
-  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
-}
+const fs_volume_ops fault_volume_ops = {FS_VOLUME_PARTITION, support::partition_create_id,
+                                        support::test_get_disk_list};
 
-const fs_volume_ops fault_volume_ops = {FS_VOLUME_PARTITION, partition_create_id,
-                                        host::test_get_disk_list};
-
-int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.source == source)
-      ++n;
-  return n;
-}
+using support::count_mounts_of;
 
 // An ext4 image with the test tree on a loop device, and a disk list of the test's own
 // whose one disk has the image as partition 1.
@@ -504,34 +496,21 @@ class FaultIclMounted : public ::testing::Test {
   void SetUp() override {
     if (geteuid() != 0)
       GTEST_SKIP() << "mounting needs root";
-    ASSERT_TRUE(work_.ok());
+    ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     faulttest::make_tree(src + "/tree");
     const std::string image = work_ / "disk.img";
-    {
-      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      ASSERT_GE(fd, 0);
-      ASSERT_EQ(ftruncate(fd, 8 << 20), 0);
-      close(fd);
-    }
     // A fixed directory hash seed: the order in which directories are read, and so the
     // number of times a path buffer grows, is the same in every run.
-    const auto mk =
-        host::run({"mkfs.ext4", "-q", "-F", "-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
-                   "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1", "-d", src, image});
-    ASSERT_EQ(mk.status, 0) << mk.describe();
-    const auto lo = host::run({"losetup", "-f", "--show", image});
-    if (lo.status != 0 || lo.out.rfind("/dev/loop", 0) != 0)
-      GTEST_SKIP() << "no loop device: " << lo.describe();
-    dev_ = lo.out.substr(0, lo.out.find('\n'));
-    serial_ = "FAULT-SER-1";
-    disks_.disk.serial = serial_.data();
-    list_add_tail(&disks_.disk.link, &disks_.list.disks);
-    const std::string name = dev_.substr(dev_.rfind('/') + 1);
-    std::error_code ec;
-    const auto syspath = std::filesystem::canonical("/sys/class/block/" + name, ec);
-    volume_ = std::make_unique<host::test_volume>(
-        disks_, dev_, "ext4", ec ? "/sys/devices/virtual/block/" + name : syspath.string());
+    ASSERT_TRUE(support::make_ext4_image(
+        image, 8 << 20, src,
+        {"-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
+         "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1"}));
+    if (const auto attached = loop_.attach(image); !attached)
+      GTEST_SKIP() << attached.message();
+    dev_ = loop_.node();
+    volume_ = std::make_unique<support::test_volume>(disks_, dev_, "ext4",
+                                                     support::syspath_of(dev_));
     volume_->part.volume.ops = &fault_volume_ops;
     list_add_tail(&volume_->part.link, &disks_.disk.partitions);
   }
@@ -540,7 +519,7 @@ class FaultIclMounted : public ::testing::Test {
     if (volume_) {
       fs_volume *v = volume_->volume();
       if (v->mount_count > 0) {
-        host::detach_mounts_below(v->mount_point);
+        support::detach_mounts_below(v->mount_point);
         rmdir(v->mount_point);
       }
       free(v->mount_point);
@@ -551,12 +530,7 @@ class FaultIclMounted : public ::testing::Test {
     disks_.list.base_dir = nullptr;
     disks_.list.base_dir_count = 0;
     guard_.clean();
-    if (!dev_.empty()) {
-      for (const auto &m : host::read_mountinfo())
-        if (m.source == dev_)
-          umount2(m.mount_point.c_str(), MNT_DETACH);
-      host::run({"losetup", "-d", dev_});
-    }
+    loop_.detach();
   }
 
   fs_volume *volume() { return volume_->volume(); }
@@ -620,11 +594,12 @@ class FaultIclMounted : public ::testing::Test {
     fault::expect_exercised(fault::run(op), op);
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-fault-icl"};
-  std::string dev_, serial_;
-  host::test_disk_list disks_;
-  std::unique_ptr<host::test_volume> volume_;
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-fault-icl", std::nothrow};
+  support::loop_device loop_;
+  std::string dev_;
+  support::serial_disk_list disks_{"FAULT-SER-1"};
+  std::unique_ptr<support::test_volume> volume_;
 };
 
 TEST_F(FaultIclMounted, MountPoint) {
@@ -640,7 +615,8 @@ TEST_F(FaultIclMounted, MountPoint) {
   op.after_success = [&](checks &c, const attempt &) {
     c.equal(volume()->mount_count, 1, "holds");
     c.equal(count_mounts_of(dev_), 1, "mounts of the device");
-    c.that(host::exists(std::string(mount_point) + "/tree/readme.txt"), "the volume is not there");
+    c.that(support::exists(std::string(mount_point) + "/tree/readme.txt"),
+           "the volume is not there");
   };
   op.teardown = [&] {
     if (mount_point)

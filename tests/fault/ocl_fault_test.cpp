@@ -28,7 +28,7 @@ using faulttest::Bytes;
 class FaultOcl : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = new faulttest::temp_dir;
+    dir_ = new faulttest::temp_dir("fsic-fault");
     faulttest::make_tree(dir_->path() + "/tree");
   }
   static void TearDownTestSuite() {

@@ -12,8 +12,14 @@
 #include <fsic/mount.h>
 #include <fsic/volume_id.h>
 
-#include "host_helpers.h"
 #include "icl_report.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/volume_records.h"
 #include "tests/unit/driver/icl_scenario_tree.h"
 #include "tests/unit/driver/stdio_capture.h"
 #include "tests/unit/ocl/ocl_test_util.h"
@@ -34,23 +40,22 @@
 
 namespace {
 
-using host::exists;
-using host::test_disk_list;
-using host::test_volume;
+using support::count_mounts_of;
+using support::exists;
+using support::test_volume;
 using ocltest::Bytes;
 using ocltest::Obj;
 
 int g_create_id_calls = 0;
 
-fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
+// The partition identifier of the disk's serial and the record's number, counted.
+fsic_status counted_create_id(fs_volume *volume, fs_volume_id **out) {
   ++g_create_id_calls;
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *disk = static_cast<fs_disk *>(part->disk);
-  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
+  return support::partition_create_id(volume, out);
 }
 
-const fs_volume_ops icl_volume_ops = {FS_VOLUME_PARTITION, partition_create_id,
-                                      host::test_get_disk_list};
+const fs_volume_ops icl_volume_ops = {FS_VOLUME_PARTITION, counted_create_id,
+                                      support::test_get_disk_list};
 
 struct icl_deleter {
   void operator()(fs_icl *list) const { fs_icl_destroy(list); }
@@ -97,37 +102,22 @@ std::vector<std::string> paths_of(fs_icl_volume *entry) {
   return r;
 }
 
-int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.source == source) ++n;
-  return n;
-}
-
 // A disk list of its own with one disk (linked into the list, with a serial), whose
 // partitions are made by hand.
-struct icl_disk_list : test_disk_list {
-  std::string serial;
-  explicit icl_disk_list(std::string serial_) : serial(std::move(serial_)) {
-    disk.serial = serial.data();
-    list_add_tail(&disk.link, &list.disks);
-  }
-};
+using icl_disk_list = support::serial_disk_list;
 
 class IclTest : public ::testing::Test {
  public:  // also used by the sandbox test below
-  void SetUp() override { ASSERT_TRUE(work_.ok()); }
+  void SetUp() override {
+    ASSERT_TRUE(work_.ok()) << work_.error();
+  }
 
   ~IclTest() override {
     // Mounts and base directories first, then the loop devices under them, then the
     // images (with the work directory).
     guard_.clean();
-    host::detach_mounts_below(work_.path());
-    for (const auto &loop : loops_) {
-      for (const auto &m : host::read_mountinfo())
-        if (m.source == loop) umount2(m.mount_point.c_str(), MNT_DETACH);
-      host::run({"losetup", "-d", loop});
-    }
+    support::detach_mounts_below(work_.path());
+    images_.detach_all();
   }
 
   // The default tree of a volume.
@@ -144,43 +134,14 @@ class IclTest : public ::testing::Test {
 
   // A new ext4 image with the tree under `src`, attached to a free loop device; returns
   // the loop device's node ("" after a failed assertion).
-  std::string attach_image(const std::string &src) {
-    const std::string image = work_ / ("disk" + std::to_string(loops_.size()) + ".img");
-    {
-      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      EXPECT_GE(fd, 0);
-      if (fd < 0) return "";
-      EXPECT_EQ(ftruncate(fd, 16 << 20), 0);
-      close(fd);
-    }
-    const auto mk = host::run({"mkfs.ext4", "-q", "-F", "-d", src, image});
-    EXPECT_EQ(mk.status, 0) << mk.describe();
-    if (mk.status != 0) return "";
-    const auto lo = host::run({"losetup", "-f", "--show", image});
-    EXPECT_EQ(lo.status, 0) << lo.describe();
-    std::string dev = lo.out.substr(0, lo.out.find('\n'));
-    if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0) {
-      ADD_FAILURE() << "no loop device: " << lo.describe();
-      return "";
-    }
-    loops_.push_back(dev);
-    return dev;
-  }
-
-  // The canonical sysfs path of a block device node.
-  static std::string syspath_of(const std::string &devnode) {
-    const std::string name = devnode.substr(devnode.rfind('/') + 1);
-    std::error_code ec;
-    auto p = std::filesystem::canonical("/sys/class/block/" + name, ec);
-    return ec ? "/sys/devices/virtual/block/" + name : p.string();
-  }
+  std::string attach_image(const std::string &src) { return images_.attach(src); }
 
   // Partition `number` of the list's disk on the loop device (at the end of the disk's
   // partitions); the library's texts in it are freed at the end of the test.
   test_volume *make_volume(icl_disk_list &list, const std::string &devnode, int number,
                            std::optional<std::string> fs_type = "ext4") {
     auto v = std::make_unique<test_volume>(list, devnode, std::move(fs_type),
-                                           syspath_of(devnode));
+                                           support::syspath_of(devnode));
     v->part.volume.ops = &icl_volume_ops;
     v->part.number = number;
     list_add_tail(&v->part.link, &list.disk.partitions);
@@ -208,7 +169,7 @@ class IclTest : public ::testing::Test {
   void TearDown() override {
     for (auto &v : volumes_) {
       if (v->part.volume.mount_count > 0) {
-        host::detach_mounts_below(v->part.volume.mount_point);
+        support::detach_mounts_below(v->part.volume.mount_point);
         rmdir(v->part.volume.mount_point);
       }
       free(v->part.volume.mount_point);
@@ -222,9 +183,9 @@ class IclTest : public ::testing::Test {
     }
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-icl-test"};
-  std::vector<std::string> loops_;
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-icl-test", std::nothrow};
+  support::loop_images images_{work_.path()};
   std::vector<std::unique_ptr<test_volume>> volumes_;
   std::vector<std::unique_ptr<icl_disk_list>> lists_;
   int trees_ = 0;
@@ -462,11 +423,11 @@ TEST_F(IclTest, AVolumeHeldByTheCallerStaysMountedAfterAnAdd) {
   EXPECT_EQ(a->volume()->mount_count, 1);
   ASSERT_NE(a->volume()->mount_point, nullptr);
   EXPECT_EQ(std::string(a->volume()->mount_point), dir);
-  auto m = host::find_mount(dir);
+  auto m = support::find_mount(dir);
   ASSERT_TRUE(m.has_value());
   EXPECT_EQ(m->source, dev);
   EXPECT_EQ(count_mounts_of(dev), 1) << "no second mount";
-  EXPECT_EQ(host::read_text(dir + "/hello.txt"), "hello from the image\n");
+  EXPECT_EQ(support::read_text(dir + "/hello.txt"), "hello from the image\n");
   EXPECT_TRUE(exists(base));
   EXPECT_EQ(disks.list.base_dir_count, 1);
 
@@ -668,7 +629,7 @@ TEST(IclSandbox, AnAbandonedTestLeavesNothingBehind) {
   EXPECT_FALSE(exists(dir));
   EXPECT_FALSE(exists(base));
   EXPECT_FALSE(exists(work));
-  const auto lo = host::run({"losetup", "-a"});
+  const auto lo = support::run({"losetup", "-a"});
   EXPECT_EQ(lo.out.find(work), std::string::npos) << lo.out;
 }
 
