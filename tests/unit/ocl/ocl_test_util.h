@@ -1,5 +1,6 @@
-// Shared helpers of the object control list tests: temporary trees, a model of list
-// objects with its own blob encoder, and checks of library objects against the model.
+// Shared helpers of the object control list tests: a model of list objects with its
+// own blob encoder, and checks of library objects against the model. Temporary trees
+// come from the tests' support code.
 #ifndef FSIC_TESTS_UNIT_OCL_OCL_TEST_UTIL_H
 #define FSIC_TESTS_UNIT_OCL_OCL_TEST_UTIL_H
 
@@ -21,50 +22,19 @@
 #include <fsic/gost_r3411_94.h>
 #include <fsic/ocl.h>
 
+#include "tests/support/files.h"
+#include "tests/support/temp_dir.h"
+
 namespace ocltest {
 
 using Bytes = std::vector<uint8_t>;
 using Hash = std::array<uint8_t, 32>;
 
-// A temporary directory, removed with its contents when the test ends (also when it
-// fails: the destructor runs on every way out of the test body).
-class TempDir {
- public:
-  TempDir() {
-    const char *base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-ocl-XXXXXX";
-    if (!mkdtemp(templ.data()))
-      throw std::runtime_error("mkdtemp failed");
-    path_ = std::filesystem::canonical(templ);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    // Unreadable leftovers must not keep the tree alive.
-    for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-      if (!it->is_symlink())
-        chmod(it->path().c_str(), 0700);
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
-
-  std::string str() const { return path_.string(); }
-  std::string operator/(const std::string &rel) const { return (path_ / rel).string(); }
-
- private:
-  std::filesystem::path path_;
-};
-
-inline void write_file(const std::string &path, const std::string &content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out)
-    throw std::runtime_error("cannot write " + path);
-}
-
-inline void make_dirs(const std::string &path) { std::filesystem::create_directories(path); }
+// A temporary directory, removed with its contents (unreadable leftovers included) when
+// the test ends, also when it fails.
+using TempDir = support::temp_dir;
+using support::make_dirs;
+using support::write_file;
 
 inline Hash gost(const std::string &data) {
   Hash h{};
