@@ -32,6 +32,7 @@
 #include "tests/support/files.h"
 #include "tests/support/loop_image.h"
 #include "tests/support/mount_table.h"
+#include "tests/support/require_root.h"
 #include "tests/support/volume_records.h"
 #include "tests/unit/driver/stdio_capture.h"
 
@@ -494,8 +495,7 @@ using support::count_mounts_of;
 class FaultIclMounted : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (geteuid() != 0)
-      GTEST_SKIP() << "mounting needs root";
+    FSIC_REQUIRE_ROOT("mounts an ext4 image on a loop device");
     ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     faulttest::make_tree(src + "/tree");

@@ -18,6 +18,7 @@
 #include "tests/support/loop_image.h"
 #include "tests/support/mount_table.h"
 #include "tests/support/process.h"
+#include "tests/support/require_root.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/volume_records.h"
 #include "tests/unit/driver/icl_scenario_tree.h"
@@ -109,6 +110,7 @@ using icl_disk_list = support::serial_disk_list;
 class IclTest : public ::testing::Test {
  public:  // also used by the sandbox test below
   void SetUp() override {
+    FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
     ASSERT_TRUE(work_.ok()) << work_.error();
   }
 
@@ -604,6 +606,7 @@ TEST_F(IclTest, TheScenarioPrintsTheListAndItsCopy) {
 // The fixture itself: after a test that fails half-way (simulated here by leaving a
 // volume held and a list undestroyed), nothing of it is left on the host.
 TEST(IclSandbox, AnAbandonedTestLeavesNothingBehind) {
+  FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
   std::string dev, work, dir, base;
   {
     struct abandoned : IclTest {

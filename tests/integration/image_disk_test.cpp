@@ -19,6 +19,7 @@
 #include "tests/support/loop_image.h"
 #include "tests/support/mount_table.h"
 #include "tests/support/process.h"
+#include "tests/support/require_root.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/volume_records.h"
 
@@ -119,6 +120,7 @@ std::string read_device(const std::string &devnode, std::size_t size) {
 class ImageDiskTest : public ::testing::Test {
 protected:
   void SetUp() override {
+    FSIC_REQUIRE_ROOT("attaches images to loop devices and mounts them");
     ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     for (const char *d : {"", "/images", "/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf"})

@@ -9,6 +9,7 @@
 #include "fs/lvm_backend.h"
 #include "tests/support/loop_image.h"
 #include "tests/support/process.h"
+#include "tests/support/require_root.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/driver/stdio_capture.h"
 
@@ -232,11 +233,12 @@ private:
   std::optional<scoped_env> env_;
 };
 
-bool host_can_run() { return geteuid() == 0 && access("/dev/loop-control", F_OK) == 0; }
-
+// Root, and loop devices to put the groups on.
 #define REQUIRE_ROOT()                                                              \
   do {                                                                              \
-    if (!host_can_run()) GTEST_SKIP() << "needs root and loop devices";             \
+    FSIC_REQUIRE_ROOT("LVM groups on loop devices");                                \
+    if (access("/dev/loop-control", F_OK) != 0)                                     \
+      GTEST_SKIP() << "needs loop devices";                                         \
   } while (0)
 
 // What the adapter reports, gathered with the inventory's call sequence.

@@ -13,6 +13,7 @@
 #include "tests/support/loop_image.h"
 #include "tests/support/mount_table.h"
 #include "tests/support/process.h"
+#include "tests/support/require_root.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/volume_records.h"
 
@@ -101,6 +102,7 @@ private:
 class MountTest : public ::testing::Test {
 public:  // also used by the sandbox test below
   void SetUp() override {
+    FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
     ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     ASSERT_EQ(mkdir(src.c_str(), 0755), 0);
@@ -631,6 +633,7 @@ TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
 // The fixture itself: after a test that fails half-way (simulated here by leaving a
 // volume mounted and held), nothing of it is left on the host.
 TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
+  FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
   std::string dev, image, base, dir;
   {
     struct abandoned : MountTest {

@@ -14,6 +14,7 @@
 #include "tests/support/files.h"
 #include "tests/support/mount_table.h"
 #include "tests/support/process.h"
+#include "tests/support/require_root.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/volume_records.h"
 #include "util/log_internal.h"
@@ -594,6 +595,7 @@ TEST_F(VmfsMountTest, OtherSpellingsAreNotVmfs) {
 }
 
 TEST_F(VmfsMountTest, TheToolUnmountsBeforeTheSystemCallDoes) {
+  FSIC_REQUIRE_ROOT("the stand-in mounts a tmpfs");
   // A stand-in that really mounts something (a read-only tmpfs) on the directory, and
   // an umount stand-in that only notes whether it is still mounted when it runs.
   standin("vmfs-fuse", "exec mount -t tmpfs -o ro fsic-vmfs-standin \"$2\"\n");
