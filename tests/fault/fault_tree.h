@@ -16,6 +16,7 @@
 
 #include "tests/support/files.h"
 #include "tests/support/temp_dir.h"
+#include "tests/unit/ocl/ocl_test_util.h"
 
 namespace faulttest {
 
@@ -38,16 +39,8 @@ inline void make_tree(const std::string &root) {
   fs::create_symlink("sub", root + "/to_sub");
 }
 
-// The list's blob, written with the injector disarmed.
-inline Bytes blob_of(const fs_ocl *ocl) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  if (fs_ocl_write_to_mem(ocl, &data, &size) != FSIC_OK)
-    throw std::runtime_error("the list could not be written");
-  Bytes b(data, data + size);
-  free(data);
-  return b;
-}
+// The list's blob (the checks that use it run with the injector disarmed).
+using ocltest::blob_of;
 
 // The masks of the tests: "*.txt" and "*.bin".
 inline char *const *test_masks() {

@@ -28,6 +28,7 @@
 #include "fs/icl_internal.h"
 #include "fs/volume_id_io.h"
 #include "icl_report.h"
+#include "tests/unit/icl/icl_test_util.h"
 #include "tests/support/base_dirs.h"
 #include "tests/support/files.h"
 #include "tests/support/loop_image.h"
@@ -43,15 +44,7 @@ using fault::checks;
 using fault::operation;
 using faulttest::Bytes;
 
-Bytes blob_of(const fs_icl *list) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  if (fs_icl_write_to_mem(list, &data, &size) != FSIC_OK)
-    throw std::runtime_error("the list could not be written");
-  Bytes b(data, data + size);
-  free(data);
-  return b;
-}
+using icltest::blob_of;
 
 Bytes record_of(const fs_volume_id *id) {
   wb w;

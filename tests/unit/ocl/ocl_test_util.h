@@ -62,24 +62,33 @@ inline OclPtr new_list() {
   return OclPtr(ocl);
 }
 
-// The list's blob (throws when writing fails, which no test expects).
-inline Bytes blob_of(const fs_ocl *ocl) {
+// A list's blob by the list's writer (fs_ocl_write_to_mem, fs_icl_write_to_mem); throws
+// when writing fails, which no test expects.
+template <class Write, class List>
+Bytes blob_by(Write write, const List *list) {
   uint8_t *data = nullptr;
   uint32_t size = 0;
-  if (fs_ocl_write_to_mem(ocl, &data, &size) != FSIC_OK)
-    throw std::runtime_error("fs_ocl_write_to_mem failed");
+  if (write(list, &data, &size) != FSIC_OK)
+    throw std::runtime_error("the list's blob could not be written");
   Bytes out(data, data + size);
   free(data);
   return out;
 }
 
-// Reads a blob; `*out` is left as it was unless the read succeeds.
-inline fsic_status read_blob(const Bytes &b, OclPtr *out) {
-  fs_ocl *ocl = nullptr;
-  fsic_status status = fs_ocl_read_from_mem(b.data(), static_cast<uint32_t>(b.size()), &ocl);
+// Reads a blob with the list's reader (fs_ocl_read_from_mem, fs_icl_read_from_mem) into
+// an owning pointer; `*out` is left as it was unless the read succeeds.
+template <class Read, class Ptr>
+fsic_status read_by(Read read, const Bytes &b, Ptr *out) {
+  typename Ptr::pointer list = nullptr;
+  const fsic_status status = read(b.data(), static_cast<uint32_t>(b.size()), &list);
   if (status == FSIC_OK)
-    out->reset(ocl);
+    out->reset(list);
   return status;
+}
+
+inline Bytes blob_of(const fs_ocl *ocl) { return blob_by(fs_ocl_write_to_mem, ocl); }
+inline fsic_status read_blob(const Bytes &b, OclPtr *out) {
+  return read_by(fs_ocl_read_from_mem, b, out);
 }
 
 inline std::vector<std::string> paths_of(fs_ocl *ocl) {
