@@ -23,6 +23,7 @@
 #include "tests/support/volume_records.h"
 #include "tests/unit/driver/icl_scenario_tree.h"
 #include "tests/unit/driver/stdio_capture.h"
+#include "tests/unit/icl/icl_test_util.h"
 #include "tests/unit/ocl/ocl_test_util.h"
 
 #include <fcntl.h>
@@ -58,50 +59,13 @@ fsic_status counted_create_id(fs_volume *volume, fs_volume_id **out) {
 const fs_volume_ops icl_volume_ops = {FS_VOLUME_PARTITION, counted_create_id,
                                       support::test_get_disk_list};
 
-struct icl_deleter {
-  void operator()(fs_icl *list) const { fs_icl_destroy(list); }
-};
-using icl_ptr = std::unique_ptr<fs_icl, icl_deleter>;
-
-struct id_deleter {
-  void operator()(fs_volume_id *id) const { fs_volume_id_destroy(id); }
-};
-using id_ptr = std::unique_ptr<fs_volume_id, id_deleter>;
-
-icl_ptr new_icl() {
-  fs_icl *list = nullptr;
-  EXPECT_EQ(fs_icl_create(&list), FSIC_OK);
-  return icl_ptr(list);
-}
-
-id_ptr id_of(const std::string &serial, uint32_t number) {
-  fs_volume_id *id = nullptr;
-  EXPECT_EQ(fs_partition_id_create(serial.c_str(), number, &id), FSIC_OK);
-  return id_ptr(id);
-}
-
-Bytes blob_of(const fs_icl *list) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  EXPECT_EQ(fs_icl_write_to_mem(list, &data, &size), FSIC_OK);
-  Bytes b(data, data + size);
-  free(data);
-  return b;
-}
-
-std::vector<fs_icl_volume *> entries_of(fs_icl *list) {
-  std::vector<fs_icl_volume *> r;
-  for (fs_icl_volume *e = fs_icl_first_volume(list); e; e = fs_icl_next_volume(list, e))
-    r.push_back(e);
-  return r;
-}
-
-std::vector<std::string> paths_of(fs_icl_volume *entry) {
-  std::vector<std::string> r;
-  for (fs_ocl_object *o = fs_icl_volume_first_object(entry); o; o = fs_icl_volume_next_object(o))
-    r.emplace_back(o->path);
-  return r;
-}
+using icl_ptr = icltest::IclPtr;
+using id_ptr = icltest::IdPtr;
+using icltest::blob_of;
+using icltest::entries_of;
+using icltest::new_icl;
+using icltest::partition_id;
+using icltest::paths_of;
 
 // A disk list of its own with one disk (linked into the list, with a serial), whose
 // partitions are made by hand.
@@ -227,7 +191,7 @@ TEST_F(IclTest, AMountFailureOnAnUnlistedVolumeLeavesTheListAsItWas) {
     EXPECT_EQ(list->count, 1u);
     EXPECT_EQ(entries_of(list.get()), (std::vector<fs_icl_volume *>{entry}));
     EXPECT_EQ(blob_of(list.get()), before);
-    id_ptr id = id_of("SER-A", static_cast<uint32_t>(v->part.number));
+    id_ptr id = partition_id("SER-A", static_cast<uint32_t>(v->part.number));
     EXPECT_EQ(fs_icl_find_object(list.get(), id.get(), "/hello.txt"), nullptr);
     expect_released(v, dev);
   }
@@ -288,7 +252,7 @@ TEST_F(IclTest, RemovingTheLastObjectOfAVolumeDropsItsEntry) {
   ASSERT_EQ(fs_icl_add_file(list.get(), a->volume(), "/hello.txt", 12, nullptr), FSIC_OK);
   ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/sub", nullptr, 4, nullptr), FSIC_OK);
   ASSERT_EQ(fs_icl_add_file(list.get(), b->volume(), "/sub/lib.dll", 4, nullptr), FSIC_OK);
-  id_ptr id_a = id_of("SER", 1), id_b = id_of("SER", 2);
+  id_ptr id_a = partition_id("SER", 1), id_b = partition_id("SER", 2);
   fs_icl_volume *ea = entries_of(list.get())[1];
 
   EXPECT_EQ(fs_icl_remove_object(list.get(), id_b.get(), "/hello.txt"), FSIC_ERR_NOT_FOUND);
@@ -324,7 +288,7 @@ TEST_F(IclTest, TwoVolumesAddedAThenBIterateBThenA) {
   std::vector<fs_icl_volume *> es = entries_of(list.get());
   ASSERT_EQ(es.size(), 2u);
   EXPECT_EQ(list->count, 2u);
-  id_ptr id_a = id_of("SER", 1), id_b = id_of("SER", 2);
+  id_ptr id_a = partition_id("SER", 1), id_b = partition_id("SER", 2);
   EXPECT_EQ(fs_volume_id_compare(es[0]->id, id_b.get()), 0);
   EXPECT_EQ(fs_volume_id_compare(es[1]->id, id_a.get()), 0);
   EXPECT_EQ(paths_of(es[0]), (std::vector<std::string>{"/hello.txt"}));
@@ -528,7 +492,7 @@ TEST_F(IclTest, TheOutObjectIsTheOneInTheList) {
   icl_disk_list &disks = new_disks("SER");
   test_volume *a = make_volume(disks, dev, 1);
   icl_ptr list = new_icl();
-  id_ptr id = id_of("SER", 1);
+  id_ptr id = partition_id("SER", 1);
 
   fs_ocl_object *file = nullptr, *dir = nullptr, *again = nullptr;
   ASSERT_EQ(fs_icl_add_file(list.get(), a->volume(), "/hello.txt", 12, &file), FSIC_OK);
