@@ -195,58 +195,32 @@ TEST(FaultVolumeId, ReadARecord) {
 
 // ---- lists without mounts ---------------------------------------------------------------
 
-class FaultIcl : public ::testing::Test {
+class FaultIcl : public faulttest::tree_suite {
  protected:
-  static void SetUpTestSuite() {
-    dir_ = new faulttest::temp_dir("fsic-fault");
-    faulttest::make_tree(dir_->path() + "/tree");
-  }
-  static void TearDownTestSuite() {
-    delete dir_;
-    dir_ = nullptr;
-  }
 
   // A list with an entry of each kind of identifier, each with objects of its own (made
   // from the test tree without a mount).
   static fs_icl *rich_list() {
     fs_icl *list = nullptr;
     EXPECT_EQ(fs_icl_create(&list), FSIC_OK);
-    const char *base = dir_->path().c_str();
     int i = 0;
     for (const id_case &ic : id_cases()) {
       fs_ocl *ocl = nullptr;
       EXPECT_EQ(fs_ocl_create(&ocl), FSIC_OK);
-      EXPECT_EQ(fs_ocl_add_file(ocl, base, "/tree/data.bin", 12, nullptr), FSIC_OK);
+      EXPECT_EQ(fs_ocl_add_file(ocl, base(), "/tree/data.bin", 12, nullptr), FSIC_OK);
       if (i++ != 1) {
-        EXPECT_EQ(fs_ocl_add_dir(ocl, base, "/tree", faulttest::test_masks(), 15, nullptr),
+        EXPECT_EQ(fs_ocl_add_dir(ocl, base(), "/tree", faulttest::test_masks(), 15, nullptr),
                   FSIC_OK);
       }
       EXPECT_EQ(_fs_icl_create_volume(list, make_id(ic), ocl, nullptr), FSIC_OK);
     }
     return list;
   }
-
-  static faulttest::temp_dir *dir_;
 };
 
-faulttest::temp_dir *FaultIcl::dir_ = nullptr;
-
 TEST_F(FaultIcl, CreateAndDestroy) {
-  fs_icl sentinel{};
+  faulttest::exercise_create("fs_icl_create", fs_icl_create, fs_icl_destroy, "entries");
   fs_icl *list = nullptr;
-  operation create;
-  create.name = "fs_icl_create";
-  create.setup = [&] { list = &sentinel; };
-  create.call = [&] { return fs_icl_create(&list); };
-  create.after_failure = [&](checks &c, const attempt &) {
-    c.that(list == &sentinel, "a list came out");
-  };
-  create.after_success = [&](checks &c, const attempt &) { c.equal(list->count, 0u, "entries"); };
-  create.teardown = [&] {
-    if (list != &sentinel)
-      fs_icl_destroy(list);
-  };
-  fault::expect_exercised(fault::run(create), create);
 
   operation destroy;
   destroy.name = "fs_icl_destroy";
@@ -281,28 +255,7 @@ TEST_F(FaultIcl, RemoveAllocatesNothing) {
 TEST_F(FaultIcl, WriteTheBlob) {
   fs_icl *list = rich_list();
   const Bytes reference = blob_of(list);
-  uint8_t sentinel = 0;
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  operation op;
-  op.name = "fs_icl_write_to_mem";
-  op.setup = [&] {
-    data = &sentinel;
-    size = 12345;
-  };
-  op.call = [&] { return fs_icl_write_to_mem(list, &data, &size); };
-  op.after_failure = [&](checks &c, const attempt &) {
-    c.that(data == &sentinel && size == 12345, "a blob came out");
-    c.that(blob_of(list) == reference, "the list changed");
-  };
-  op.after_success = [&](checks &c, const attempt &) {
-    c.that(Bytes(data, data + size) == reference, "the blob differs");
-  };
-  op.teardown = [&] {
-    if (data != &sentinel)
-      free(data);
-  };
-  fault::expect_exercised(fault::run(op), op);
+  faulttest::exercise_write_to_mem("fs_icl_write_to_mem", fs_icl_write_to_mem, list);
 
   // Into a buffer of the caller's: the bytes before stay (the list's blob may be partly
   // written: the buffer then holds a partial blob, as documented).
