@@ -462,19 +462,9 @@ class FaultIclMounted : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (volume_) {
-      fs_volume *v = volume_->volume();
-      if (v->mount_count > 0) {
-        support::detach_mounts_below(v->mount_point);
-        rmdir(v->mount_point);
-      }
-      free(v->mount_point);
-      v->mount_point = nullptr;
-      v->mount_count = 0;
-    }
-    free(disks_.list.base_dir);
-    disks_.list.base_dir = nullptr;
-    disks_.list.base_dir_count = 0;
+    if (volume_)
+      support::drop_hold(volume_->volume());
+    support::drop_base_dir(&disks_.list);
     guard_.clean();
     loop_.detach();
   }

@@ -133,20 +133,8 @@ class IclTest : public ::testing::Test {
   // Frees what the library still owns in the records (after a failed assertion), so that
   // a failure shows as one and not also as a leak.
   void TearDown() override {
-    for (auto &v : volumes_) {
-      if (v->part.volume.mount_count > 0) {
-        support::detach_mounts_below(v->part.volume.mount_point);
-        rmdir(v->part.volume.mount_point);
-      }
-      free(v->part.volume.mount_point);
-      v->part.volume.mount_point = nullptr;
-      v->part.volume.mount_count = 0;
-    }
-    for (auto &l : lists_) {
-      free(l->list.base_dir);
-      l->list.base_dir = nullptr;
-      l->list.base_dir_count = 0;
-    }
+    for (auto &v : volumes_) support::drop_hold(v->volume());
+    for (auto &l : lists_) support::drop_base_dir(&l->list);
   }
 
   support::base_dir_guard guard_;

@@ -139,14 +139,8 @@ public:  // also used by the sandbox test below
     std::vector<test_volume *> volumes;
     test_disk_list *list = nullptr;
     ~owned_texts() {
-      for (auto *v : volumes) {
-        free(v->part.volume.mount_point);
-        v->part.volume.mount_point = nullptr;
-      }
-      if (list) {
-        free(list->list.base_dir);
-        list->list.base_dir = nullptr;
-      }
+      for (auto *v : volumes) support::drop_hold(v->volume());
+      if (list) support::drop_base_dir(&list->list);
     }
   };
 

@@ -2,8 +2,13 @@
 
 #include <fsic/volume_id.h>
 
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <utility>
+
+#include "tests/support/mount_table.h"
 
 namespace support {
 
@@ -51,6 +56,22 @@ test_volume::test_volume(test_disk_list &owner, std::string devnode_,
   INIT_LIST_HEAD(&part.link);
   part.disk = &owner.disk;
   part.number = 1;
+}
+
+void drop_hold(fs_volume *volume) {
+  if (volume->mount_count > 0 && volume->mount_point) {
+    detach_mounts_below(volume->mount_point);
+    rmdir(volume->mount_point);
+  }
+  free(volume->mount_point);
+  volume->mount_point = nullptr;
+  volume->mount_count = 0;
+}
+
+void drop_base_dir(fs_disk_list *list) {
+  free(list->base_dir);
+  list->base_dir = nullptr;
+  list->base_dir_count = 0;
 }
 
 std::string syspath_of(const std::string &devnode) {

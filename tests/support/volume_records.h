@@ -59,6 +59,14 @@ struct test_volume {
   fs_volume *volume() { return &part.volume; }
 };
 
+// What a test that did not release its holds (after a failed assertion) leaves in
+// hand-made records, taken back so that the failure shows as one and not also as a
+// leak: a held volume's mounts are detached, its directory removed, its mount point
+// text freed and its count cleared; a list's base directory text is freed and its count
+// cleared (the directory itself goes with base_dir_guard).
+void drop_hold(fs_volume *volume);
+void drop_base_dir(fs_disk_list *list);
+
 // The canonical sysfs path of a block device node ("/sys/devices/virtual/block/loopN"
 // for a loop device, also when sysfs does not resolve it).
 std::string syspath_of(const std::string &devnode);
