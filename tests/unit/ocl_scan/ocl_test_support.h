@@ -2,8 +2,9 @@
 // with builders of its entries (it removes itself, also after a failed assertion, and
 // below PATH_MAX or not), a path buffer owner, GOST R 34.11-94 from libgcrypt as the
 // reference (or, in builds without libgcrypt, from the slow reference of
-// tests/unit/hash), little-endian encoders, and running a piece of code in a child
-// process without root's privileges (from the tests' support code).
+// tests/unit/hash), little-endian encoders, random bytes, and (from the tests' support
+// code) hexadecimal text and running a piece of code in a child process without root's
+// privileges.
 #ifndef FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 #define FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 
@@ -16,10 +17,12 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/support/hex.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 #include "util/str_buf.h"
@@ -32,6 +35,7 @@
 
 namespace ocltest {
 
+using support::hex;
 using support::run_unprivileged;
 
 using Digest = std::array<uint8_t, 32>;
@@ -80,14 +84,13 @@ inline std::string numbered(const std::string &prefix, long n) {
   return s;
 }
 
-inline std::string hex(const std::string &s) {
-  static const char digits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : s) {
-    out += digits[c >> 4];
-    out += digits[c & 15];
-  }
-  return out;
+// Random bytes of a seed's own.
+inline std::string random_bytes(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::string s(n, '\0');
+  for (char &c : s)
+    c = static_cast<char>(rng() & 0xFF);
+  return s;
 }
 
 // A temporary directory, removed with its contents when the object goes. Paths given
