@@ -133,8 +133,28 @@ public:  // also used by the sandbox test below
                                          syspath_of(devnode));
   }
 
-  // Frees what the library still owns in the records (after a failed assertion), so that
-  // a failure shows as one and not also as a leak.
+  // One volume on a new image, of a disk list of its own, kept until the test ends; what
+  // the library still owns in its records is taken back then (after a failed
+  // assertion), so that a failure shows as one and not also as a leak. A test binds it
+  // as `auto &[dev, list, vol] = volume_on_new_image();`; dev is "" after a failed
+  // assertion.
+  struct image_volume {
+    std::string dev;
+    test_disk_list list;
+    std::unique_ptr<test_volume> vol;
+    ~image_volume() {
+      if (vol) support::drop_hold(vol->volume());
+      support::drop_base_dir(&list.list);
+    }
+  };
+  image_volume &volume_on_new_image(std::optional<std::string> fs_type = "ext4") {
+    image_volume &v = *volumes_.emplace_back(std::make_unique<image_volume>());
+    v.dev = attach_image();
+    if (!v.dev.empty()) v.vol = make_volume(v.list, v.dev, std::move(fs_type));
+    return v;
+  }
+
+  // The same for volumes and a list that a test makes itself.
   struct owned_texts {
     std::vector<test_volume *> volumes;
     test_disk_list *list = nullptr;
@@ -147,16 +167,14 @@ public:  // also used by the sandbox test below
   support::base_dir_guard guard_;
   support::temp_dir work_{"fsic-mount-test", std::nothrow};
   support::loop_images images_{work_.path()};
+  std::vector<std::unique_ptr<image_volume>> volumes_;
 };
 
 // ---- holds --------------------------------------------------------------------------
 
 TEST_F(MountTest, TwoHoldsShareOneDirectoryAndTheLastReleaseRemovesIt) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *first = nullptr, *second = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &first), FSIC_OK);
@@ -238,14 +256,10 @@ TEST_F(MountTest, TwoVolumesOfOneListShareTheBaseDirectory) {
 }
 
 TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
-  const std::string dev_a = attach_image();
-  const std::string dev_b = attach_image();
+  auto &[dev_a, list_a, a] = volume_on_new_image();
+  auto &[dev_b, list_b, b] = volume_on_new_image();
   ASSERT_FALSE(dev_a.empty());
   ASSERT_FALSE(dev_b.empty());
-  test_disk_list list_a, list_b;
-  auto a = make_volume(list_a, dev_a);
-  auto b = make_volume(list_b, dev_b);
-  owned_texts owned_a{{a.get()}, &list_a}, owned_b{{b.get()}, &list_b};
 
   const char *mp_a = nullptr, *mp_b = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
@@ -267,11 +281,8 @@ TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
 // ---- names and modes ----------------------------------------------------------------
 
 TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
   // A zone far from UTC (5:30 ahead, no daylight saving), so that a name in UTC or in
   // the host's zone would not fall between the bounds taken below.
   tz_scope tz("FSIC-5:30");
@@ -353,11 +364,8 @@ TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
 // ---- what the mount allows ----------------------------------------------------------
 
 TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -484,11 +492,8 @@ TEST_F(MountTest, AFailedMountKeepsTheOtherHoldsOfTheList) {
 }
 
 TEST_F(MountTest, AVolumeWithoutFileSystemTypeFailsAndMakesNothing) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image(std::nullopt);
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev, std::nullopt);
-  owned_texts owned{{vol.get()}, &list};
   const auto before = support::own_base_dirs();
 
   const char *mp = nullptr;
@@ -554,11 +559,8 @@ TEST_F(MountTest, ReleasingAVolumeThatIsNotHeldChangesNothing) {
 }
 
 TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -580,11 +582,8 @@ TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
 }
 
 TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -603,11 +602,8 @@ TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
 }
 
 TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
