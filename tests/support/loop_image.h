@@ -60,7 +60,6 @@ class loop_images {
   std::string attach(const std::string &src, off_t size = 16 << 20);
 
   void detach_all() { devices_.clear(); }
-  std::size_t size() const { return devices_.size(); }
 
  private:
   std::string dir_;
