@@ -60,19 +60,15 @@ std::optional<mount_line> find_mount(const std::string &dir) {
 }
 
 int count_mounts_at(const std::string &dir) {
-  int n = 0;
-  for (const auto &m : read_mountinfo())
-    if (m.mount_point == dir)
-      ++n;
-  return n;
+  const auto lines = read_mountinfo();
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                        [&](const mount_line &m) { return m.mount_point == dir; }));
 }
 
 int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : read_mountinfo())
-    if (m.source == source)
-      ++n;
-  return n;
+  const auto lines = read_mountinfo();
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                        [&](const mount_line &m) { return m.source == source; }));
 }
 
 std::set<std::string> split_options(const std::string &options) {
