@@ -1,33 +1,30 @@
 // The directory tree that the fault tests add to their lists: a few small files (the
 // allocations do not depend on file sizes), files that the masks "*.txt" and "*.bin"
 // admit and one they do not, a kept and a pruned subdirectory, and symbolic links to a
-// file and to a directory (the scanner follows them).
+// file and to a directory (the scanner follows them). Also the lists' blobs and the
+// operation that writes one to memory, which the object and integrity list tests share.
 #ifndef FSIC_TESTS_FAULT_FAULT_TREE_H
 #define FSIC_TESTS_FAULT_FAULT_TREE_H
 
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fsic/ocl.h>
 
+#include "fault_gtest.h"
+#include "tests/support/files.h"
+#include "tests/support/temp_dir.h"
+#include "tests/unit/ocl/ocl_test_util.h"
+
 namespace faulttest {
 
 using Bytes = std::vector<uint8_t>;
-
-inline void write_file(const std::string &path, const std::string &content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out)
-    throw std::runtime_error("cannot write " + path);
-}
+using support::temp_dir;
+using support::write_file;
 
 // Makes the tree in the directory `root` (created).
 inline void make_tree(const std::string &root) {
@@ -44,36 +41,79 @@ inline void make_tree(const std::string &root) {
   fs::create_symlink("sub", root + "/to_sub");
 }
 
-// A private directory under /tmp, removed with its contents.
-class temp_dir {
- public:
-  temp_dir() {
-    std::string templ = "/tmp/fsic-fault-XXXXXX";
-    if (!mkdtemp(templ.data()))
-      throw std::runtime_error("mkdtemp failed");
-    path_ = templ;
-  }
-  ~temp_dir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  temp_dir(const temp_dir &) = delete;
-  temp_dir &operator=(const temp_dir &) = delete;
-  const std::string &path() const { return path_; }
+// The list's blob (the checks that use it run with the injector disarmed).
+using ocltest::blob_of;
 
- private:
-  std::string path_;
-};
-
-// The list's blob, written with the injector disarmed.
-inline Bytes blob_of(const fs_ocl *ocl) {
+// `write` (fs_ocl_write_to_mem, fs_icl_write_to_mem) of the list, run with every
+// allocation failing in turn: a failure gives no blob out and leaves the list as it
+// was, a success gives the blob of an undisturbed write.
+template <class Write, class List>
+void exercise_write_to_mem(const std::string &name, Write write, const List *list) {
+  const Bytes reference = ocltest::blob_by(write, list);
+  uint8_t sentinel = 0;
   uint8_t *data = nullptr;
   uint32_t size = 0;
-  if (fs_ocl_write_to_mem(ocl, &data, &size) != FSIC_OK)
-    throw std::runtime_error("the list could not be written");
-  Bytes b(data, data + size);
-  free(data);
-  return b;
+  fault::operation op;
+  op.name = name;
+  op.setup = [&] {
+    data = &sentinel;
+    size = 12345;
+  };
+  op.call = [&] { return write(list, &data, &size); };
+  op.after_failure = [&](fault::checks &c, const fault::attempt &) {
+    c.that(data == &sentinel && size == 12345, "a blob came out");
+    c.that(ocltest::blob_by(write, list) == reference, "the list changed");
+  };
+  op.after_success = [&](fault::checks &c, const fault::attempt &) {
+    c.that(Bytes(data, data + size) == reference, "the blob differs");
+  };
+  op.teardown = [&] {
+    if (data != &sentinel)
+      free(data);
+  };
+  fault::expect_exercised(fault::run(op), op);
+}
+
+// A test suite whose tests share one tree, made in <dir>/tree before its first test and
+// removed after its last; the lists take <dir> as the base and "/tree/..." paths.
+class tree_suite : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir_ = new temp_dir("fsic-fault");
+    make_tree(dir_->path() + "/tree");
+  }
+  static void TearDownTestSuite() {
+    delete dir_;
+    dir_ = nullptr;
+  }
+  static const char *base() { return dir_->path().c_str(); }
+
+ private:
+  static inline temp_dir *dir_ = nullptr;
+};
+
+// `create` (fs_ocl_create, fs_icl_create) run with every allocation failing in turn: a
+// failure gives no list out, a success an empty one (`count` members: `what`).
+template <class List>
+void exercise_create(const std::string &name, fsic_status (*create)(List **),
+                     void (*destroy)(List *), const char *what) {
+  List sentinel{};
+  List *list = nullptr;
+  fault::operation op;
+  op.name = name;
+  op.setup = [&] { list = &sentinel; };
+  op.call = [&] { return create(&list); };
+  op.after_failure = [&](fault::checks &c, const fault::attempt &) {
+    c.that(list == &sentinel, "a list came out");
+  };
+  op.after_success = [&](fault::checks &c, const fault::attempt &) {
+    c.equal(list->count, 0u, what);
+  };
+  op.teardown = [&] {
+    if (list != &sentinel)
+      destroy(list);
+  };
+  fault::expect_exercised(fault::run(op), op);
 }
 
 // The masks of the tests: "*.txt" and "*.bin".

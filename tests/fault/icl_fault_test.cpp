@@ -28,7 +28,13 @@
 #include "fs/icl_internal.h"
 #include "fs/volume_id_internal.h"
 #include "icl_report.h"
-#include "tests/integration/host_helpers.h"
+#include "tests/unit/icl/icl_test_util.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/require_root.h"
+#include "tests/support/volume_records.h"
 #include "tests/unit/driver/stdio_capture.h"
 
 namespace {
@@ -38,15 +44,7 @@ using fault::checks;
 using fault::operation;
 using faulttest::Bytes;
 
-Bytes blob_of(const fs_icl *list) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  if (fs_icl_write_to_mem(list, &data, &size) != FSIC_OK)
-    throw std::runtime_error("the list could not be written");
-  Bytes b(data, data + size);
-  free(data);
-  return b;
-}
+using icltest::blob_of;
 
 Bytes record_of(const fs_volume_id *id) {
   wb w;
@@ -197,58 +195,32 @@ TEST(FaultVolumeId, ReadARecord) {
 
 // ---- lists without mounts ---------------------------------------------------------------
 
-class FaultIcl : public ::testing::Test {
+class FaultIcl : public faulttest::tree_suite {
  protected:
-  static void SetUpTestSuite() {
-    dir_ = new faulttest::temp_dir;
-    faulttest::make_tree(dir_->path() + "/tree");
-  }
-  static void TearDownTestSuite() {
-    delete dir_;
-    dir_ = nullptr;
-  }
 
   // A list with an entry of each kind of identifier, each with objects of its own (made
   // from the test tree without a mount).
   static fs_icl *rich_list() {
     fs_icl *list = nullptr;
     EXPECT_EQ(fs_icl_create(&list), FSIC_OK);
-    const char *base = dir_->path().c_str();
     int i = 0;
     for (const id_case &ic : id_cases()) {
       fs_ocl *ocl = nullptr;
       EXPECT_EQ(fs_ocl_create(&ocl), FSIC_OK);
-      EXPECT_EQ(fs_ocl_add_file(ocl, base, "/tree/data.bin", 12, nullptr), FSIC_OK);
+      EXPECT_EQ(fs_ocl_add_file(ocl, base(), "/tree/data.bin", 12, nullptr), FSIC_OK);
       if (i++ != 1) {
-        EXPECT_EQ(fs_ocl_add_dir(ocl, base, "/tree", faulttest::test_masks(), 15, nullptr),
+        EXPECT_EQ(fs_ocl_add_dir(ocl, base(), "/tree", faulttest::test_masks(), 15, nullptr),
                   FSIC_OK);
       }
       EXPECT_EQ(_fs_icl_create_volume(list, make_id(ic), ocl, nullptr), FSIC_OK);
     }
     return list;
   }
-
-  static faulttest::temp_dir *dir_;
 };
 
-faulttest::temp_dir *FaultIcl::dir_ = nullptr;
-
 TEST_F(FaultIcl, CreateAndDestroy) {
-  fs_icl sentinel{};
+  faulttest::exercise_create("fs_icl_create", fs_icl_create, fs_icl_destroy, "entries");
   fs_icl *list = nullptr;
-  operation create;
-  create.name = "fs_icl_create";
-  create.setup = [&] { list = &sentinel; };
-  create.call = [&] { return fs_icl_create(&list); };
-  create.after_failure = [&](checks &c, const attempt &) {
-    c.that(list == &sentinel, "a list came out");
-  };
-  create.after_success = [&](checks &c, const attempt &) { c.equal(list->count, 0u, "entries"); };
-  create.teardown = [&] {
-    if (list != &sentinel)
-      fs_icl_destroy(list);
-  };
-  fault::expect_exercised(fault::run(create), create);
 
   operation destroy;
   destroy.name = "fs_icl_destroy";
@@ -283,28 +255,7 @@ TEST_F(FaultIcl, RemoveAllocatesNothing) {
 TEST_F(FaultIcl, WriteTheBlob) {
   fs_icl *list = rich_list();
   const Bytes reference = blob_of(list);
-  uint8_t sentinel = 0;
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  operation op;
-  op.name = "fs_icl_write_to_mem";
-  op.setup = [&] {
-    data = &sentinel;
-    size = 12345;
-  };
-  op.call = [&] { return fs_icl_write_to_mem(list, &data, &size); };
-  op.after_failure = [&](checks &c, const attempt &) {
-    c.that(data == &sentinel && size == 12345, "a blob came out");
-    c.that(blob_of(list) == reference, "the list changed");
-  };
-  op.after_success = [&](checks &c, const attempt &) {
-    c.that(Bytes(data, data + size) == reference, "the blob differs");
-  };
-  op.teardown = [&] {
-    if (data != &sentinel)
-      free(data);
-  };
-  fault::expect_exercised(fault::run(op), op);
+  faulttest::exercise_write_to_mem("fs_icl_write_to_mem", fs_icl_write_to_mem, list);
 
   // Into a buffer of the caller's: the bytes before stay (the list's blob may be partly
   // written: the buffer then holds a partial blob, as documented).
@@ -480,83 +431,42 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
 
 // ---- adds on a mounted volume (root) ----------------------------------------------------
 
-fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *disk = static_cast<fs_disk *>(part->disk);
-  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
-}
+const fs_volume_ops fault_volume_ops = {FS_VOLUME_PARTITION, support::partition_create_id,
+                                        support::test_get_disk_list};
 
-const fs_volume_ops fault_volume_ops = {FS_VOLUME_PARTITION, partition_create_id,
-                                        host::test_get_disk_list};
-
-int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.source == source)
-      ++n;
-  return n;
-}
+using support::count_mounts_of;
 
 // An ext4 image with the test tree on a loop device, and a disk list of the test's own
 // whose one disk has the image as partition 1.
 class FaultIclMounted : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (geteuid() != 0)
-      GTEST_SKIP() << "mounting needs root";
-    ASSERT_TRUE(work_.ok());
+    FSIC_REQUIRE_ROOT("mounts an ext4 image on a loop device");
+    ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     faulttest::make_tree(src + "/tree");
     const std::string image = work_ / "disk.img";
-    {
-      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      ASSERT_GE(fd, 0);
-      ASSERT_EQ(ftruncate(fd, 8 << 20), 0);
-      close(fd);
-    }
     // A fixed directory hash seed: the order in which directories are read, and so the
     // number of times a path buffer grows, is the same in every run.
-    const auto mk =
-        host::run({"mkfs.ext4", "-q", "-F", "-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
-                   "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1", "-d", src, image});
-    ASSERT_EQ(mk.status, 0) << mk.describe();
-    const auto lo = host::run({"losetup", "-f", "--show", image});
-    if (lo.status != 0 || lo.out.rfind("/dev/loop", 0) != 0)
-      GTEST_SKIP() << "no loop device: " << lo.describe();
-    dev_ = lo.out.substr(0, lo.out.find('\n'));
-    serial_ = "FAULT-SER-1";
-    disks_.disk.serial = serial_.data();
-    list_add_tail(&disks_.disk.link, &disks_.list.disks);
-    const std::string name = dev_.substr(dev_.rfind('/') + 1);
-    std::error_code ec;
-    const auto syspath = std::filesystem::canonical("/sys/class/block/" + name, ec);
-    volume_ = std::make_unique<host::test_volume>(
-        disks_, dev_, "ext4", ec ? "/sys/devices/virtual/block/" + name : syspath.string());
+    ASSERT_TRUE(support::make_ext4_image(
+        image, 8 << 20, src,
+        {"-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
+         "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1"}));
+    if (const auto attached = loop_.attach(image); !attached)
+      GTEST_SKIP() << attached.message();
+    dev_ = loop_.node();
+    volume_ = std::make_unique<support::test_volume>(disks_, dev_, "ext4",
+                                                     support::syspath_of(dev_));
     volume_->part.volume.ops = &fault_volume_ops;
     list_add_tail(&volume_->part.link, &disks_.disk.partitions);
   }
 
   void TearDown() override {
-    if (volume_) {
-      fs_volume *v = volume_->volume();
-      if (v->mount_count > 0) {
-        host::detach_mounts_below(v->mount_point);
-        rmdir(v->mount_point);
-      }
-      free(v->mount_point);
-      v->mount_point = nullptr;
-      v->mount_count = 0;
-    }
-    free(disks_.list.base_dir);
-    disks_.list.base_dir = nullptr;
-    disks_.list.base_dir_count = 0;
+    if (volume_)
+      support::drop_hold(volume_->volume());
+    support::drop_base_dir(&disks_.list);
     guard_.clean();
-    if (!dev_.empty()) {
-      for (const auto &m : host::read_mountinfo())
-        if (m.source == dev_)
-          umount2(m.mount_point.c_str(), MNT_DETACH);
-      host::run({"losetup", "-d", dev_});
-    }
+    loop_.detach();
   }
 
   fs_volume *volume() { return volume_->volume(); }
@@ -620,11 +530,12 @@ class FaultIclMounted : public ::testing::Test {
     fault::expect_exercised(fault::run(op), op);
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-fault-icl"};
-  std::string dev_, serial_;
-  host::test_disk_list disks_;
-  std::unique_ptr<host::test_volume> volume_;
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-fault-icl", std::nothrow};
+  support::loop_device loop_;
+  std::string dev_;
+  support::serial_disk_list disks_{"FAULT-SER-1"};
+  std::unique_ptr<support::test_volume> volume_;
 };
 
 TEST_F(FaultIclMounted, MountPoint) {
@@ -640,7 +551,8 @@ TEST_F(FaultIclMounted, MountPoint) {
   op.after_success = [&](checks &c, const attempt &) {
     c.equal(volume()->mount_count, 1, "holds");
     c.equal(count_mounts_of(dev_), 1, "mounts of the device");
-    c.that(host::exists(std::string(mount_point) + "/tree/readme.txt"), "the volume is not there");
+    c.that(support::exists(std::string(mount_point) + "/tree/readme.txt"),
+           "the volume is not there");
   };
   op.teardown = [&] {
     if (mount_point)

@@ -119,7 +119,7 @@ class FaultLog : public ::testing::Test {
     return op;
   }
 
-  faulttest::temp_dir dir_;
+  faulttest::temp_dir dir_{"fsic-fault"};
   std::string path_;
   config_state nothing_, full_;
 };

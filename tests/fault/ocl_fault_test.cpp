@@ -25,18 +25,8 @@ using faulttest::blob_of;
 using faulttest::Bytes;
 
 // The tree lives in <dir>/tree; the lists take <dir> as the base and "/tree/..." paths.
-class FaultOcl : public ::testing::Test {
+class FaultOcl : public faulttest::tree_suite {
  protected:
-  static void SetUpTestSuite() {
-    dir_ = new faulttest::temp_dir;
-    faulttest::make_tree(dir_->path() + "/tree");
-  }
-  static void TearDownTestSuite() {
-    delete dir_;
-    dir_ = nullptr;
-  }
-  static const char *base() { return dir_->path().c_str(); }
-
   // A list holding "/tree/readme.txt" and an older object at `path` (of the same kind,
   // with other flags), which a failed add must keep.
   static fs_ocl *list_with_old(const std::string &path, bool dir) {
@@ -104,28 +94,10 @@ class FaultOcl : public ::testing::Test {
     EXPECT_EQ(fs_ocl_add_dir(ocl, base(), "/tree/to_sub", nullptr, 9, nullptr), FSIC_OK);
     return ocl;
   }
-
-  static faulttest::temp_dir *dir_;
 };
 
-faulttest::temp_dir *FaultOcl::dir_ = nullptr;
-
 TEST_F(FaultOcl, Create) {
-  fs_ocl *ocl = nullptr;
-  fs_ocl sentinel{};
-  operation op;
-  op.name = "fs_ocl_create";
-  op.setup = [&] { ocl = &sentinel; };
-  op.call = [&] { return fs_ocl_create(&ocl); };
-  op.after_failure = [&](checks &c, const attempt &) {
-    c.that(ocl == &sentinel, "a list came out");
-  };
-  op.after_success = [&](checks &c, const attempt &) { c.equal(ocl->count, 0u, "objects"); };
-  op.teardown = [&] {
-    if (ocl != &sentinel)
-      fs_ocl_destroy(ocl);
-  };
-  fault::expect_exercised(fault::run(op), op);
+  faulttest::exercise_create("fs_ocl_create", fs_ocl_create, fs_ocl_destroy, "objects");
 }
 
 // Destroying and removing allocate nothing; the runs show that they free everything.
@@ -200,29 +172,7 @@ TEST_F(FaultOcl, AddsWithEveryAllocationOfTheProcess) {
 
 TEST_F(FaultOcl, WriteTheBlob) {
   fs_ocl *ocl = rich_list();
-  const Bytes reference = blob_of(ocl);
-  uint8_t sentinel = 0;
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  operation op;
-  op.name = "fs_ocl_write_to_mem";
-  op.setup = [&] {
-    data = &sentinel;
-    size = 12345;
-  };
-  op.call = [&] { return fs_ocl_write_to_mem(ocl, &data, &size); };
-  op.after_failure = [&](checks &c, const attempt &) {
-    c.that(data == &sentinel && size == 12345, "a blob came out");
-    c.that(blob_of(ocl) == reference, "the list changed");
-  };
-  op.after_success = [&](checks &c, const attempt &) {
-    c.that(Bytes(data, data + size) == reference, "the blob differs");
-  };
-  op.teardown = [&] {
-    if (data != &sentinel)
-      free(data);
-  };
-  fault::expect_exercised(fault::run(op), op);
+  faulttest::exercise_write_to_mem("fs_ocl_write_to_mem", fs_ocl_write_to_mem, ocl);
   fs_ocl_destroy(ocl);
 }
 

@@ -6,11 +6,10 @@
 #include <fsic/log.h>
 #include <fsic/mount.h>
 
-#include <unistd.h>
-
 #include <string>
 #include <vector>
 
+#include "tests/support/require_root.h"
 #include "util/log_internal.h"
 
 namespace {
@@ -41,8 +40,7 @@ fs_volume missing_device() {
 class DebugLogTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    if (geteuid() != 0)
-      GTEST_SKIP() << "needs root: mounts a volume";
+    FSIC_REQUIRE_ROOT("mounts a volume");
     g_list = fs_disk_list{};
     g_records.clear();
     _ic_log_reset();

@@ -12,10 +12,18 @@
 #include <fsic/mount.h>
 #include <fsic/volume_id.h>
 
-#include "host_helpers.h"
 #include "icl_report.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/process.h"
+#include "tests/support/require_root.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/volume_records.h"
 #include "tests/unit/driver/icl_scenario_tree.h"
 #include "tests/unit/driver/stdio_capture.h"
+#include "tests/unit/icl/icl_test_util.h"
 #include "tests/unit/ocl/ocl_test_util.h"
 
 #include <fcntl.h>
@@ -34,100 +42,48 @@
 
 namespace {
 
-using host::exists;
-using host::test_disk_list;
-using host::test_volume;
+using support::count_mounts_of;
+using support::exists;
+using support::test_volume;
 using ocltest::Bytes;
 using ocltest::Obj;
 
 int g_create_id_calls = 0;
 
-fsic_status partition_create_id(fs_volume *volume, fs_volume_id **out) {
+// The partition identifier of the disk's serial and the record's number, counted.
+fsic_status counted_create_id(fs_volume *volume, fs_volume_id **out) {
   ++g_create_id_calls;
-  auto *part = reinterpret_cast<fs_partition *>(volume);
-  auto *disk = static_cast<fs_disk *>(part->disk);
-  return fs_partition_id_create(disk->serial, static_cast<uint32_t>(part->number), out);
+  return support::partition_create_id(volume, out);
 }
 
-const fs_volume_ops icl_volume_ops = {FS_VOLUME_PARTITION, partition_create_id,
-                                      host::test_get_disk_list};
+const fs_volume_ops icl_volume_ops = {FS_VOLUME_PARTITION, counted_create_id,
+                                      support::test_get_disk_list};
 
-struct icl_deleter {
-  void operator()(fs_icl *list) const { fs_icl_destroy(list); }
-};
-using icl_ptr = std::unique_ptr<fs_icl, icl_deleter>;
-
-struct id_deleter {
-  void operator()(fs_volume_id *id) const { fs_volume_id_destroy(id); }
-};
-using id_ptr = std::unique_ptr<fs_volume_id, id_deleter>;
-
-icl_ptr new_icl() {
-  fs_icl *list = nullptr;
-  EXPECT_EQ(fs_icl_create(&list), FSIC_OK);
-  return icl_ptr(list);
-}
-
-id_ptr id_of(const std::string &serial, uint32_t number) {
-  fs_volume_id *id = nullptr;
-  EXPECT_EQ(fs_partition_id_create(serial.c_str(), number, &id), FSIC_OK);
-  return id_ptr(id);
-}
-
-Bytes blob_of(const fs_icl *list) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  EXPECT_EQ(fs_icl_write_to_mem(list, &data, &size), FSIC_OK);
-  Bytes b(data, data + size);
-  free(data);
-  return b;
-}
-
-std::vector<fs_icl_volume *> entries_of(fs_icl *list) {
-  std::vector<fs_icl_volume *> r;
-  for (fs_icl_volume *e = fs_icl_first_volume(list); e; e = fs_icl_next_volume(list, e))
-    r.push_back(e);
-  return r;
-}
-
-std::vector<std::string> paths_of(fs_icl_volume *entry) {
-  std::vector<std::string> r;
-  for (fs_ocl_object *o = fs_icl_volume_first_object(entry); o; o = fs_icl_volume_next_object(o))
-    r.emplace_back(o->path);
-  return r;
-}
-
-int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.source == source) ++n;
-  return n;
-}
+using icl_ptr = icltest::IclPtr;
+using id_ptr = icltest::IdPtr;
+using icltest::blob_of;
+using icltest::entries_of;
+using icltest::new_icl;
+using icltest::partition_id;
+using icltest::paths_of;
 
 // A disk list of its own with one disk (linked into the list, with a serial), whose
 // partitions are made by hand.
-struct icl_disk_list : test_disk_list {
-  std::string serial;
-  explicit icl_disk_list(std::string serial_) : serial(std::move(serial_)) {
-    disk.serial = serial.data();
-    list_add_tail(&disk.link, &list.disks);
-  }
-};
+using icl_disk_list = support::serial_disk_list;
 
 class IclTest : public ::testing::Test {
  public:  // also used by the sandbox test below
-  void SetUp() override { ASSERT_TRUE(work_.ok()); }
+  void SetUp() override {
+    FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
+    ASSERT_TRUE(work_.ok()) << work_.error();
+  }
 
   ~IclTest() override {
     // Mounts and base directories first, then the loop devices under them, then the
     // images (with the work directory).
     guard_.clean();
-    host::detach_mounts_below(work_.path());
-    for (const auto &loop : loops_) {
-      for (const auto &m : host::read_mountinfo())
-        if (m.source == loop) umount2(m.mount_point.c_str(), MNT_DETACH);
-      host::run({"losetup", "-d", loop});
-    }
+    support::detach_mounts_below(work_.path());
+    images_.detach_all();
   }
 
   // The default tree of a volume.
@@ -144,43 +100,14 @@ class IclTest : public ::testing::Test {
 
   // A new ext4 image with the tree under `src`, attached to a free loop device; returns
   // the loop device's node ("" after a failed assertion).
-  std::string attach_image(const std::string &src) {
-    const std::string image = work_ / ("disk" + std::to_string(loops_.size()) + ".img");
-    {
-      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      EXPECT_GE(fd, 0);
-      if (fd < 0) return "";
-      EXPECT_EQ(ftruncate(fd, 16 << 20), 0);
-      close(fd);
-    }
-    const auto mk = host::run({"mkfs.ext4", "-q", "-F", "-d", src, image});
-    EXPECT_EQ(mk.status, 0) << mk.describe();
-    if (mk.status != 0) return "";
-    const auto lo = host::run({"losetup", "-f", "--show", image});
-    EXPECT_EQ(lo.status, 0) << lo.describe();
-    std::string dev = lo.out.substr(0, lo.out.find('\n'));
-    if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0) {
-      ADD_FAILURE() << "no loop device: " << lo.describe();
-      return "";
-    }
-    loops_.push_back(dev);
-    return dev;
-  }
-
-  // The canonical sysfs path of a block device node.
-  static std::string syspath_of(const std::string &devnode) {
-    const std::string name = devnode.substr(devnode.rfind('/') + 1);
-    std::error_code ec;
-    auto p = std::filesystem::canonical("/sys/class/block/" + name, ec);
-    return ec ? "/sys/devices/virtual/block/" + name : p.string();
-  }
+  std::string attach_image(const std::string &src) { return images_.attach(src); }
 
   // Partition `number` of the list's disk on the loop device (at the end of the disk's
   // partitions); the library's texts in it are freed at the end of the test.
   test_volume *make_volume(icl_disk_list &list, const std::string &devnode, int number,
                            std::optional<std::string> fs_type = "ext4") {
     auto v = std::make_unique<test_volume>(list, devnode, std::move(fs_type),
-                                           syspath_of(devnode));
+                                           support::syspath_of(devnode));
     v->part.volume.ops = &icl_volume_ops;
     v->part.number = number;
     list_add_tail(&v->part.link, &list.disk.partitions);
@@ -206,25 +133,13 @@ class IclTest : public ::testing::Test {
   // Frees what the library still owns in the records (after a failed assertion), so that
   // a failure shows as one and not also as a leak.
   void TearDown() override {
-    for (auto &v : volumes_) {
-      if (v->part.volume.mount_count > 0) {
-        host::detach_mounts_below(v->part.volume.mount_point);
-        rmdir(v->part.volume.mount_point);
-      }
-      free(v->part.volume.mount_point);
-      v->part.volume.mount_point = nullptr;
-      v->part.volume.mount_count = 0;
-    }
-    for (auto &l : lists_) {
-      free(l->list.base_dir);
-      l->list.base_dir = nullptr;
-      l->list.base_dir_count = 0;
-    }
+    for (auto &v : volumes_) support::drop_hold(v->volume());
+    for (auto &l : lists_) support::drop_base_dir(&l->list);
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-icl-test"};
-  std::vector<std::string> loops_;
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-icl-test", std::nothrow};
+  support::loop_images images_{work_.path()};
   std::vector<std::unique_ptr<test_volume>> volumes_;
   std::vector<std::unique_ptr<icl_disk_list>> lists_;
   int trees_ = 0;
@@ -264,7 +179,7 @@ TEST_F(IclTest, AMountFailureOnAnUnlistedVolumeLeavesTheListAsItWas) {
     EXPECT_EQ(list->count, 1u);
     EXPECT_EQ(entries_of(list.get()), (std::vector<fs_icl_volume *>{entry}));
     EXPECT_EQ(blob_of(list.get()), before);
-    id_ptr id = id_of("SER-A", static_cast<uint32_t>(v->part.number));
+    id_ptr id = partition_id("SER-A", static_cast<uint32_t>(v->part.number));
     EXPECT_EQ(fs_icl_find_object(list.get(), id.get(), "/hello.txt"), nullptr);
     expect_released(v, dev);
   }
@@ -325,7 +240,7 @@ TEST_F(IclTest, RemovingTheLastObjectOfAVolumeDropsItsEntry) {
   ASSERT_EQ(fs_icl_add_file(list.get(), a->volume(), "/hello.txt", 12, nullptr), FSIC_OK);
   ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/sub", nullptr, 4, nullptr), FSIC_OK);
   ASSERT_EQ(fs_icl_add_file(list.get(), b->volume(), "/sub/lib.dll", 4, nullptr), FSIC_OK);
-  id_ptr id_a = id_of("SER", 1), id_b = id_of("SER", 2);
+  id_ptr id_a = partition_id("SER", 1), id_b = partition_id("SER", 2);
   fs_icl_volume *ea = entries_of(list.get())[1];
 
   EXPECT_EQ(fs_icl_remove_object(list.get(), id_b.get(), "/hello.txt"), FSIC_ERR_NOT_FOUND);
@@ -361,7 +276,7 @@ TEST_F(IclTest, TwoVolumesAddedAThenBIterateBThenA) {
   std::vector<fs_icl_volume *> es = entries_of(list.get());
   ASSERT_EQ(es.size(), 2u);
   EXPECT_EQ(list->count, 2u);
-  id_ptr id_a = id_of("SER", 1), id_b = id_of("SER", 2);
+  id_ptr id_a = partition_id("SER", 1), id_b = partition_id("SER", 2);
   EXPECT_EQ(fs_volume_id_compare(es[0]->id, id_b.get()), 0);
   EXPECT_EQ(fs_volume_id_compare(es[1]->id, id_a.get()), 0);
   EXPECT_EQ(paths_of(es[0]), (std::vector<std::string>{"/hello.txt"}));
@@ -462,11 +377,11 @@ TEST_F(IclTest, AVolumeHeldByTheCallerStaysMountedAfterAnAdd) {
   EXPECT_EQ(a->volume()->mount_count, 1);
   ASSERT_NE(a->volume()->mount_point, nullptr);
   EXPECT_EQ(std::string(a->volume()->mount_point), dir);
-  auto m = host::find_mount(dir);
+  auto m = support::find_mount(dir);
   ASSERT_TRUE(m.has_value());
   EXPECT_EQ(m->source, dev);
   EXPECT_EQ(count_mounts_of(dev), 1) << "no second mount";
-  EXPECT_EQ(host::read_text(dir + "/hello.txt"), "hello from the image\n");
+  EXPECT_EQ(support::read_text(dir + "/hello.txt"), "hello from the image\n");
   EXPECT_TRUE(exists(base));
   EXPECT_EQ(disks.list.base_dir_count, 1);
 
@@ -565,7 +480,7 @@ TEST_F(IclTest, TheOutObjectIsTheOneInTheList) {
   icl_disk_list &disks = new_disks("SER");
   test_volume *a = make_volume(disks, dev, 1);
   icl_ptr list = new_icl();
-  id_ptr id = id_of("SER", 1);
+  id_ptr id = partition_id("SER", 1);
 
   fs_ocl_object *file = nullptr, *dir = nullptr, *again = nullptr;
   ASSERT_EQ(fs_icl_add_file(list.get(), a->volume(), "/hello.txt", 12, &file), FSIC_OK);
@@ -643,6 +558,7 @@ TEST_F(IclTest, TheScenarioPrintsTheListAndItsCopy) {
 // The fixture itself: after a test that fails half-way (simulated here by leaving a
 // volume held and a list undestroyed), nothing of it is left on the host.
 TEST(IclSandbox, AnAbandonedTestLeavesNothingBehind) {
+  FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
   std::string dev, work, dir, base;
   {
     struct abandoned : IclTest {
@@ -668,7 +584,7 @@ TEST(IclSandbox, AnAbandonedTestLeavesNothingBehind) {
   EXPECT_FALSE(exists(dir));
   EXPECT_FALSE(exists(base));
   EXPECT_FALSE(exists(work));
-  const auto lo = host::run({"losetup", "-a"});
+  const auto lo = support::run({"losetup", "-a"});
   EXPECT_EQ(lo.out.find(work), std::string::npos) << lo.out;
 }
 

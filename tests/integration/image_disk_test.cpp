@@ -14,7 +14,14 @@
 #include <fsic/volume_id.h>
 
 #include "fs/inventory_internal.h"
-#include "host_helpers.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/process.h"
+#include "tests/support/require_root.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/volume_records.h"
 
 #include <fcntl.h>
 #include <libudev.h>
@@ -36,7 +43,7 @@
 
 namespace {
 
-using host::exists;
+using support::exists;
 
 constexpr const char *kImage = "/images/disk.img";
 constexpr const char *kSecond = "/images/second.img";
@@ -54,7 +61,7 @@ std::string base_name(const std::string &path) { return path.substr(path.rfind('
 
 // The sysfs view of a loop device: the backing file's path while a file is bound.
 std::string backing_file(const std::string &devnode) {
-  std::string s = host::read_text("/sys/block/" + base_name(devnode) + "/loop/backing_file");
+  std::string s = support::read_text("/sys/block/" + base_name(devnode) + "/loop/backing_file");
   if (!s.empty() && s.back() == '\n') s.pop_back();
   return s;
 }
@@ -113,39 +120,28 @@ std::string read_device(const std::string &devnode, std::size_t size) {
 class ImageDiskTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    ASSERT_TRUE(work_.ok());
+    FSIC_REQUIRE_ROOT("attaches images to loop devices and mounts them");
+    ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     for (const char *d : {"", "/images", "/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf"})
       ASSERT_EQ(mkdir((src + d).c_str(), 0755), 0) << d;
-    ASSERT_TRUE(host::write_text(src + kImage, pattern(256 << 10, 1)));
-    ASSERT_TRUE(host::write_text(src + kSecond, pattern(128 << 10, 2)));
-    ASSERT_TRUE(host::write_text(src + kLongImage, pattern(64 << 10, 3)));
+    ASSERT_TRUE(support::write_text(src + kImage, pattern(256 << 10, 1)));
+    ASSERT_TRUE(support::write_text(src + kSecond, pattern(128 << 10, 2)));
+    ASSERT_TRUE(support::write_text(src + kLongImage, pattern(64 << 10, 3)));
 
     const std::string outer = work_ / "outer.img";
-    {
-      const int fd = open(outer.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      ASSERT_GE(fd, 0);
-      ASSERT_EQ(ftruncate(fd, 16 << 20), 0);
-      close(fd);
-    }
-    const auto mk = host::run({"mkfs.ext4", "-q", "-F", "-d", src, outer});
-    ASSERT_EQ(mk.status, 0) << mk.describe();
-    const auto lo = host::run({"losetup", "-f", "--show", outer});
-    ASSERT_EQ(lo.status, 0) << lo.describe();
-    outer_dev_ = lo.out.substr(0, lo.out.find('\n'));
-    ASSERT_EQ(outer_dev_.rfind("/dev/loop", 0), 0u) << lo.describe();
+    ASSERT_TRUE(support::make_ext4_image(outer, 16 << 20, src));
+    ASSERT_TRUE(outer_loop_.attach(outer));
+    outer_dev_ = outer_loop_.node();
 
     // A disk list of the library's own kind (so that fs_disk_list_destroy can free it)
     // whose only volume is the storing one, made by hand.
     list_ = static_cast<fs_disk_list *>(ic_util_zalloc(sizeof(fs_disk_list)));
     ASSERT_NE(list_, nullptr);
-    INIT_LIST_HEAD(&list_->disks);
-    INIT_LIST_HEAD(&list_->image_disks);
-    INIT_LIST_HEAD(&list_->lvm_groups);
+    support::init_disk_list(list_);
     holder_.disk.disk_list = list_;
-    storing_ = std::make_unique<host::test_volume>(holder_, outer_dev_, "ext4",
-                                                   "/sys/devices/virtual/block/" +
-                                                       base_name(outer_dev_));
+    storing_ = std::make_unique<support::test_volume>(
+        holder_, outer_dev_, "ext4", "/sys/devices/virtual/block/" + base_name(outer_dev_));
   }
 
   ~ImageDiskTest() override {
@@ -157,12 +153,15 @@ protected:
       free(storing_->part.volume.mount_point);
       storing_->part.volume.mount_point = nullptr;
     }
-    const std::string own = "." + std::to_string(getpid()) + "/";
+    // Appended: g++ 12 warns falsely (-Wrestrict) on "." + std::to_string(...) here.
+    std::string own = ".";
+    own += std::to_string(getpid());
+    own += "/";
     for (const auto &[dev, file] : bound_loops())
       if (file.rfind("/tmp/fs.", 0) == 0 && file.find(own) != std::string::npos)
-        host::run({"losetup", "-d", dev});
+        support::run({"losetup", "-d", dev});
     guard_.clean();
-    if (!outer_dev_.empty()) host::run({"losetup", "-d", outer_dev_});
+    outer_loop_.detach();
   }
 
   void destroy_list() {
@@ -184,11 +183,12 @@ protected:
     return r;
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-image-test"};
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-image-test", std::nothrow};
+  support::loop_device outer_loop_;
   std::string outer_dev_;
-  host::test_disk_list holder_;
-  std::unique_ptr<host::test_volume> storing_;
+  support::test_disk_list holder_;
+  std::unique_ptr<support::test_volume> storing_;
   fs_disk_list *list_ = nullptr;
 };
 
@@ -214,12 +214,12 @@ TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
   EXPECT_EQ(storing()->mount_count, 1);
   ASSERT_NE(storing()->mount_point, nullptr);
   const std::string mount_point = storing()->mount_point;
-  EXPECT_TRUE(host::find_mount(mount_point).has_value());
+  EXPECT_TRUE(support::find_mount(mount_point).has_value());
   EXPECT_EQ(backing_file(image->devnode), mount_point + kImage);
   bool read_only = false;
   EXPECT_EQ(stored_file_name(image->devnode, &read_only), mount_point + kImage);
   EXPECT_TRUE(read_only);
-  EXPECT_EQ(host::read_text("/sys/block/" + base_name(expected_dev) + "/ro"), "1\n");
+  EXPECT_EQ(support::read_text("/sys/block/" + base_name(expected_dev) + "/ro"), "1\n");
   EXPECT_EQ(read_device(expected_dev, 256 << 10), pattern(256 << 10, 1));
 
   EXPECT_EQ(fs_disk_list_remove_image_disk(list_, image), FSIC_OK);
@@ -227,7 +227,7 @@ TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
   EXPECT_FALSE(bound(expected_dev));
   EXPECT_EQ(storing()->mount_count, 0);
   EXPECT_EQ(storing()->mount_point, nullptr);
-  EXPECT_FALSE(host::find_mount(mount_point).has_value());
+  EXPECT_FALSE(support::find_mount(mount_point).has_value());
   EXPECT_TRUE(guard_.made_since().empty()) << "the base directory goes with the last hold";
 }
 
@@ -277,7 +277,7 @@ TEST_F(ImageDiskTest, ADuplicateNameIsRefusedBeforeAnyLoopDeviceIsTouched) {
 
   // A volume that cannot even be mounted and a file that does not exist: any step
   // beyond the name check would fail with 1.
-  host::test_volume unusable(holder_, "/dev/nonexistent", std::nullopt, "/sys/nonexistent");
+  support::test_volume unusable(holder_, "/dev/nonexistent", std::nullopt, "/sys/nonexistent");
   fs_image_disk *second = nullptr;
   EXPECT_EQ(fs_disk_list_add_image_disk(list_, unusable.volume(), "/no/such/file", "dup", &second),
             FSIC_ERR_EXISTS);
@@ -375,7 +375,7 @@ TEST_F(ImageDiskTest, DestroyingTheListDetachesTheLastAddedImageFirst) {
       << "B was added last and must be detached first";
   // The holds went back with the images: the storing volume is unmounted.
   EXPECT_EQ(storing()->mount_count, 0);
-  EXPECT_FALSE(host::find_mount(mount_point).has_value());
+  EXPECT_FALSE(support::find_mount(mount_point).has_value());
   EXPECT_TRUE(guard_.made_since().empty());
 }
 
@@ -416,7 +416,7 @@ TEST_F(ImageDiskTest, AQueueThatDoesNotSettleTimesOutAndDetaches) {
       rmdir("/run/udev");
     }
   } remove_marker;
-  ASSERT_TRUE(host::write_text("/run/udev/queue", ""));
+  ASSERT_TRUE(support::write_text("/run/udev/queue", ""));
 
   const auto before = bound_loops();
   const std::string expected_dev = first_free_loop();
@@ -438,9 +438,7 @@ TEST_F(ImageDiskTest, AQueueThatDoesNotSettleTimesOutAndDetaches) {
 
 TEST(ImagePartitionOps, MakeImageIdentifiersAndReachTheImagesList) {
   fs_disk_list list{};
-  INIT_LIST_HEAD(&list.disks);
-  INIT_LIST_HEAD(&list.image_disks);
-  INIT_LIST_HEAD(&list.lvm_groups);
+  support::init_disk_list(&list);
   fs_image_disk image{};
   INIT_LIST_HEAD(&image.partitions);
   char name[] = "esx";

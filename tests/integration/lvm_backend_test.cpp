@@ -7,7 +7,10 @@
 // out of scope, also after a failed assertion. Volumes are created inactive: this also
 // works on hosts without device-mapper in the kernel.
 #include "fs/lvm_internal.h"
-#include "tests/integration/host_helpers.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/process.h"
+#include "tests/support/require_root.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/driver/stdio_capture.h"
 
 #include <dirent.h>
@@ -43,13 +46,15 @@ namespace lvm = fsic::detail::lvm;
 
 // ---- processes ----------------------------------------------------------------------
 
-using host::env_list;
-using host::proc_result;
+using support::env_list;
+using support::proc_result;
+using support::scoped_env;
+using support::thread_count;
 
 // Runs argv, searched on PATH as this process has it (tests change PATH through env).
 proc_result run(const std::vector<std::string> &argv, const env_list &env = {},
                 int timeout_seconds = 120) {
-  return host::run(argv, env, /*system_path=*/false, timeout_seconds);
+  return support::run(argv, env, /*system_path=*/false, timeout_seconds);
 }
 
 std::vector<std::string> words(const std::string &text) {
@@ -58,40 +63,6 @@ std::vector<std::string> words(const std::string &text) {
   for (std::string s; in >> s;) w.push_back(s);
   return w;
 }
-
-int thread_count() {
-  DIR *d = opendir("/proc/self/task");
-  if (d == nullptr) return -1;
-  int n = 0;
-  while (dirent *e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n;
-}
-
-// Sets an environment variable for one scope.
-class scoped_env {
-public:
-  scoped_env(const char *name, const std::optional<std::string> &value) : name_(name) {
-    if (const char *old = std::getenv(name)) old_ = old;
-    if (value)
-      setenv(name, value->c_str(), 1);
-    else
-      unsetenv(name);
-  }
-  ~scoped_env() {
-    if (old_)
-      setenv(name_.c_str(), old_->c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-  }
-  scoped_env(const scoped_env &) = delete;
-  scoped_env &operator=(const scoped_env &) = delete;
-
-private:
-  std::string name_;
-  std::optional<std::string> old_;
-};
 
 using drivertest::stderr_capture;
 
@@ -112,15 +83,15 @@ std::string only_devices(const std::vector<std::string> &devices) {
 class lvm_sandbox {
 public:
   lvm_sandbox() {
-    char tmpl[] = "/tmp/fsic-lvm-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) return;
-    dir_ = tmpl;
+    if (!tmp_.ok()) return;
+    dir_ = tmp_.path();
     prefix_ = "fsic-t-" + std::to_string(getpid()) + "-";
     fs::create_directory(dir_ / "lock");
     write_config(accept_own_loops);
     env_.emplace("LVM_SYSTEM_DIR", dir_.string());
   }
 
+  // The directory goes last, with the images in it (tmp_ is destroyed after the body).
   ~lvm_sandbox() {
     hidden_.clear();
     if (!dir_.empty()) write_config(accept_own_loops);
@@ -128,14 +99,12 @@ public:
       const auto r = lvm({"vgremove", "-f", "-y", "--config", only_devices(devices), name});
       if (r.status != 0) ADD_FAILURE() << "cleanup: vgremove " << name << ": " << r.describe();
     }
-    for (const auto &dev : loops_) {
-      lvm({"pvremove", "-ff", "-y", dev});  // fails harmlessly where there is no PV
-      const auto r = run({"losetup", "-d", dev});
-      if (r.status != 0) ADD_FAILURE() << "cleanup: losetup -d " << dev << ": " << r.describe();
+    for (auto &dev : loops_) {
+      lvm({"pvremove", "-ff", "-y", dev.node()});  // fails harmlessly where there is no PV
+      const auto r = dev.detach();
+      if (!r) ADD_FAILURE() << "cleanup: " << r.message();
     }
     env_.reset();
-    std::error_code ec;
-    if (!dir_.empty()) fs::remove_all(dir_, ec);
   }
 
   lvm_sandbox(const lvm_sandbox &) = delete;
@@ -146,21 +115,18 @@ public:
   std::string name(const std::string &suffix) const { return prefix_ + suffix; }
 
   // A new sparse image on a loop device; the sandbox's LVM configuration accepts it.
-  std::string add_loop(std::uintmax_t megabytes = 32) {
-    const fs::path image = dir_ / ("disk" + std::to_string(loops_.size()) + ".img");
-    {
-      std::ofstream f(image);
-    }
-    fs::resize_file(image, megabytes << 20);
-    const auto r = run({"losetup", "-f", "--show", image.string()});
-    const auto w = words(r.out);
-    if (r.status != 0 || w.size() != 1) {
-      ADD_FAILURE() << "losetup: " << r.describe();
+  std::string add_loop(off_t megabytes = 32) {
+    const std::string image = (dir_ / ("disk" + std::to_string(loops_.size()) + ".img")).string();
+    support::loop_device dev;
+    const auto made = support::make_sparse_file(image, megabytes << 20);
+    const auto attached = made ? dev.attach(image) : made;
+    if (!attached) {
+      ADD_FAILURE() << "losetup: " << attached.message();
       return {};
     }
-    loops_.push_back(w[0]);
+    loops_.push_back(std::move(dev));
     write_config(accept_own_loops);
-    return w[0];
+    return loops_.back().node();
   }
 
   enum config_kind { accept_own_loops, accept_nothing };
@@ -177,7 +143,8 @@ public:
     std::vector<std::string> visible;
     if (kind == accept_own_loops)
       for (const auto &d : loops_)
-        if (std::find(hidden_.begin(), hidden_.end(), d) == hidden_.end()) visible.push_back(d);
+        if (std::find(hidden_.begin(), hidden_.end(), d.node()) == hidden_.end())
+          visible.push_back(d.node());
     const std::string filter = filter_list(visible);
     std::ofstream f(dir_ / "lvm.conf", std::ios::trunc);
     f << "devices {\n"
@@ -257,19 +224,21 @@ public:
   }
 
 private:
+  support::temp_dir tmp_{"fsic-lvm", std::nothrow};
   fs::path dir_;
   std::string prefix_;
-  std::vector<std::string> loops_;
+  std::vector<support::loop_device> loops_;
   std::vector<std::string> hidden_;
   std::vector<std::pair<std::string, std::vector<std::string>>> groups_;
   std::optional<scoped_env> env_;
 };
 
-bool host_can_run() { return geteuid() == 0 && access("/dev/loop-control", F_OK) == 0; }
-
+// Root, and loop devices to put the groups on.
 #define REQUIRE_ROOT()                                                              \
   do {                                                                              \
-    if (!host_can_run()) GTEST_SKIP() << "needs root and loop devices";             \
+    FSIC_REQUIRE_ROOT("LVM groups on loop devices");                                \
+    if (access("/dev/loop-control", F_OK) != 0)                                     \
+      GTEST_SKIP() << "needs loop devices";                                         \
   } while (0)
 
 // What the adapter reports, gathered with the inventory's call sequence.
@@ -573,19 +542,8 @@ TEST(LvmBackend, FreshProcessWritesNothingToStandardErrorAndStartsNoThreads) {
 }
 
 // An empty directory to use as PATH: no `lvm` there.
-class empty_dir {
-public:
-  empty_dir() {
-    char tmpl[] = "/tmp/fsic-nolvm-XXXXXX";
-    if (mkdtemp(tmpl) != nullptr) path_ = tmpl;
-  }
-  ~empty_dir() {
-    if (!path_.empty()) rmdir(path_.c_str());
-  }
-  const std::string &path() const { return path_; }
-
-private:
-  std::string path_;
+struct empty_dir : support::temp_dir {
+  empty_dir() : temp_dir("fsic-nolvm", std::nothrow) {}
 };
 
 TEST(LvmBackend, InitFailsQuietlyWithoutLvmOnPath) {

@@ -10,8 +10,8 @@
 //
 // Exit status: 0 done as expected, 3 init returned null, 4 a step failed.
 #include "fs/lvm_internal.h"
+#include "tests/support/process.h"
 
-#include <dirent.h>
 #include <glib.h>
 
 #include <cstdio>
@@ -20,15 +20,7 @@
 
 namespace {
 
-int thread_count() {
-  DIR *d = opendir("/proc/self/task");
-  if (d == nullptr) return -1;
-  int n = 0;
-  while (dirent *e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n;
-}
+using support::thread_count;
 
 struct host_counts {
   int domain = 0;

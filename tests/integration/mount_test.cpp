@@ -8,7 +8,14 @@
 #include <fsic/mount.h>
 
 #include "fs/mount_internal.h"
-#include "host_helpers.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/loop_image.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/process.h"
+#include "tests/support/require_root.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/volume_records.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -34,10 +41,13 @@
 
 namespace {
 
-using host::exists;
-using host::find_mount;
-using host::test_disk_list;
-using host::test_volume;
+using support::count_mounts_at;
+using support::count_mounts_of;
+using support::exists;
+using support::find_mount;
+using support::syspath_of;
+using support::test_disk_list;
+using support::test_volume;
 
 const std::string kHello = "hello from the image\n";
 
@@ -59,20 +69,6 @@ std::string stamp_of(const timeval &tv) {
 }
 
 std::string parent_of(const std::string &path) { return path.substr(0, path.rfind('/')); }
-
-int count_mounts_at(const std::string &dir) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.mount_point == dir) ++n;
-  return n;
-}
-
-int count_mounts_of(const std::string &source) {
-  int n = 0;
-  for (const auto &m : host::read_mountinfo())
-    if (m.source == source) ++n;
-  return n;
-}
 
 // Sets TZ (and umask) for the length of a scope.
 class tz_scope {
@@ -106,13 +102,14 @@ private:
 class MountTest : public ::testing::Test {
 public:  // also used by the sandbox test below
   void SetUp() override {
-    ASSERT_TRUE(work_.ok());
+    FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
+    ASSERT_TRUE(work_.ok()) << work_.error();
     const std::string src = work_ / "src";
     ASSERT_EQ(mkdir(src.c_str(), 0755), 0);
     ASSERT_EQ(mkdir((src + "/sub").c_str(), 0755), 0);
-    ASSERT_TRUE(host::write_text(src + "/hello.txt", kHello));
-    ASSERT_TRUE(host::write_text(src + "/sub/data.bin", data_bytes()));
-    ASSERT_TRUE(host::write_text(src + "/run.sh", "#!/bin/sh\nexit 0\n", 0755));
+    ASSERT_TRUE(support::write_text(src + "/hello.txt", kHello));
+    ASSERT_TRUE(support::write_text(src + "/sub/data.bin", data_bytes()));
+    ASSERT_TRUE(support::write_text(src + "/run.sh", "#!/bin/sh\nexit 0\n", 0755));
     ASSERT_EQ(mknod((src + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0)
         << strerror(errno);
   }
@@ -121,46 +118,13 @@ public:  // also used by the sandbox test below
     // Mounts and base directories first, then the loop devices under them, then the
     // images (with the work directory).
     guard_.clean();
-    host::detach_mounts_below(work_.path());
-    for (const auto &loop : loops_) {
-      for (const auto &m : host::read_mountinfo())
-        if (m.source == loop) umount2(m.mount_point.c_str(), MNT_DETACH);
-      host::run({"losetup", "-d", loop});
-    }
+    support::detach_mounts_below(work_.path());
+    images_.detach_all();
   }
 
   // A new ext4 image with the source tree, attached to a free loop device; returns the
   // loop device's node ("" after a failed assertion).
-  std::string attach_image() {
-    const std::string image = work_ / ("disk" + std::to_string(loops_.size()) + ".img");
-    {
-      const int fd = open(image.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-      EXPECT_GE(fd, 0);
-      if (fd < 0) return "";
-      EXPECT_EQ(ftruncate(fd, 16 << 20), 0);
-      close(fd);
-    }
-    const auto mk = host::run({"mkfs.ext4", "-q", "-F", "-d", work_ / "src", image});
-    EXPECT_EQ(mk.status, 0) << mk.describe();
-    if (mk.status != 0) return "";
-    const auto lo = host::run({"losetup", "-f", "--show", image});
-    EXPECT_EQ(lo.status, 0) << lo.describe();
-    std::string dev = lo.out.substr(0, lo.out.find('\n'));
-    if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0) {
-      ADD_FAILURE() << "no loop device: " << lo.describe();
-      return "";
-    }
-    loops_.push_back(dev);
-    return dev;
-  }
-
-  // The canonical sysfs path of a block device node ("/sys/devices/virtual/block/loopN").
-  static std::string syspath_of(const std::string &devnode) {
-    const std::string name = devnode.substr(devnode.rfind('/') + 1);
-    std::error_code ec;
-    auto p = std::filesystem::canonical("/sys/class/block/" + name, ec);
-    return ec ? "/sys/devices/virtual/block/" + name : p.string();
-  }
+  std::string attach_image() { return images_.attach(work_ / "src"); }
 
   // A partition record of `list` for the loop device.
   std::unique_ptr<test_volume> make_volume(test_disk_list &list, const std::string &devnode,
@@ -169,36 +133,48 @@ public:  // also used by the sandbox test below
                                          syspath_of(devnode));
   }
 
-  // Frees what the library still owns in the records (after a failed assertion), so that
-  // a failure shows as one and not also as a leak.
+  // One volume on a new image, of a disk list of its own, kept until the test ends; what
+  // the library still owns in its records is taken back then (after a failed
+  // assertion), so that a failure shows as one and not also as a leak. A test binds it
+  // as `auto &[dev, list, vol] = volume_on_new_image();`; dev is "" after a failed
+  // assertion.
+  struct image_volume {
+    std::string dev;
+    test_disk_list list;
+    std::unique_ptr<test_volume> vol;
+    ~image_volume() {
+      if (vol) support::drop_hold(vol->volume());
+      support::drop_base_dir(&list.list);
+    }
+  };
+  image_volume &volume_on_new_image(std::optional<std::string> fs_type = "ext4") {
+    image_volume &v = *volumes_.emplace_back(std::make_unique<image_volume>());
+    v.dev = attach_image();
+    if (!v.dev.empty()) v.vol = make_volume(v.list, v.dev, std::move(fs_type));
+    return v;
+  }
+
+  // The same for volumes and a list that a test makes itself.
   struct owned_texts {
     std::vector<test_volume *> volumes;
     test_disk_list *list = nullptr;
     ~owned_texts() {
-      for (auto *v : volumes) {
-        free(v->part.volume.mount_point);
-        v->part.volume.mount_point = nullptr;
-      }
-      if (list) {
-        free(list->list.base_dir);
-        list->list.base_dir = nullptr;
-      }
+      for (auto *v : volumes) support::drop_hold(v->volume());
+      if (list) support::drop_base_dir(&list->list);
     }
   };
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-mount-test"};
-  std::vector<std::string> loops_;
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-mount-test", std::nothrow};
+  support::loop_images images_{work_.path()};
+  std::vector<std::unique_ptr<image_volume>> volumes_;
 };
 
 // ---- holds --------------------------------------------------------------------------
 
 TEST_F(MountTest, TwoHoldsShareOneDirectoryAndTheLastReleaseRemovesIt) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *first = nullptr, *second = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &first), FSIC_OK);
@@ -212,14 +188,14 @@ TEST_F(MountTest, TwoHoldsShareOneDirectoryAndTheLastReleaseRemovesIt) {
   ASSERT_NE(list.list.base_dir, nullptr);
   EXPECT_EQ(std::string(list.list.base_dir), base);
   EXPECT_EQ(count_mounts_at(dir), 1) << "the second hold must not mount again";
-  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(dir + "/hello.txt"), kHello);
 
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_EQ(vol->volume()->mount_count, 1);
   ASSERT_NE(vol->volume()->mount_point, nullptr);
   EXPECT_EQ(std::string(vol->volume()->mount_point), dir);
   EXPECT_EQ(count_mounts_at(dir), 1) << "still held once";
-  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(dir + "/hello.txt"), kHello);
   EXPECT_EQ(list.list.base_dir_count, 1);
 
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
@@ -269,7 +245,7 @@ TEST_F(MountTest, TwoVolumesOfOneListShareTheBaseDirectory) {
   ASSERT_NE(list.list.base_dir, nullptr);
   EXPECT_EQ(std::string(list.list.base_dir), base);
   EXPECT_EQ(count_mounts_at(dir_b), 1);
-  EXPECT_EQ(host::read_text(dir_b + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(dir_b + "/hello.txt"), kHello);
 
   EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
   EXPECT_EQ(count_mounts_at(dir_b), 0);
@@ -280,14 +256,10 @@ TEST_F(MountTest, TwoVolumesOfOneListShareTheBaseDirectory) {
 }
 
 TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
-  const std::string dev_a = attach_image();
-  const std::string dev_b = attach_image();
+  auto &[dev_a, list_a, a] = volume_on_new_image();
+  auto &[dev_b, list_b, b] = volume_on_new_image();
   ASSERT_FALSE(dev_a.empty());
   ASSERT_FALSE(dev_b.empty());
-  test_disk_list list_a, list_b;
-  auto a = make_volume(list_a, dev_a);
-  auto b = make_volume(list_b, dev_b);
-  owned_texts owned_a{{a.get()}, &list_a}, owned_b{{b.get()}, &list_b};
 
   const char *mp_a = nullptr, *mp_b = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
@@ -301,7 +273,7 @@ TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
   EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
   EXPECT_FALSE(exists(base_a));
   EXPECT_TRUE(exists(base_b));
-  EXPECT_EQ(host::read_text(std::string(mp_b) + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(std::string(mp_b) + "/hello.txt"), kHello);
   EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
   EXPECT_FALSE(exists(base_b));
 }
@@ -309,11 +281,8 @@ TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
 // ---- names and modes ----------------------------------------------------------------
 
 TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
   // A zone far from UTC (5:30 ahead, no daylight saving), so that a name in UTC or in
   // the host's zone would not fall between the bounds taken below.
   tz_scope tz("FSIC-5:30");
@@ -386,7 +355,7 @@ TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
   const std::string expected = (base + "/" + std::string(60, 'v')).substr(0, 63);
   EXPECT_EQ(std::string(mp), expected);
   EXPECT_EQ(count_mounts_at(expected), 1);
-  EXPECT_EQ(host::read_text(expected + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(expected + "/hello.txt"), kHello);
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_FALSE(exists(expected));
   EXPECT_FALSE(exists(base));
@@ -395,11 +364,8 @@ TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
 // ---- what the mount allows ----------------------------------------------------------
 
 TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -409,17 +375,17 @@ TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
   ASSERT_TRUE(line) << "no line for " << dir << " in /proc/self/mountinfo";
   EXPECT_EQ(line->fs_type, "ext4");
   EXPECT_EQ(line->source, dev);
-  const auto opts = host::split_options(line->options);
+  const auto opts = support::split_options(line->options);
   for (const char *o : {"ro", "nodev", "noexec", "noatime"})
     EXPECT_TRUE(opts.count(o)) << o << " missing from " << line->options;
   EXPECT_FALSE(opts.count("rw")) << line->options;
   EXPECT_FALSE(opts.count("nosuid")) << "nosuid is deliberately not asked for: "
                                      << line->options;
-  EXPECT_TRUE(host::split_options(line->super_options).count("ro")) << line->super_options;
+  EXPECT_TRUE(support::split_options(line->super_options).count("ro")) << line->super_options;
 
   // The files are there and readable.
-  EXPECT_EQ(host::read_text(dir + "/hello.txt"), kHello);
-  EXPECT_EQ(host::read_text(dir + "/sub/data.bin"), data_bytes());
+  EXPECT_EQ(support::read_text(dir + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(dir + "/sub/data.bin"), data_bytes());
 
   // Nothing can be written.
   errno = 0;
@@ -481,7 +447,7 @@ TEST_F(MountTest, AFailedMountLeavesNoDirectoryBehind) {
     test_disk_list list;
     auto vol = std::make_unique<test_volume>(list, c.devnode, c.fs_type, syspath_of(dev));
     owned_texts owned{{vol.get()}, &list};
-    const auto before = host::own_base_dirs();
+    const auto before = support::own_base_dirs();
 
     const char *mp = reinterpret_cast<const char *>(&list);  // must stay untouched
     EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
@@ -490,7 +456,7 @@ TEST_F(MountTest, AFailedMountLeavesNoDirectoryBehind) {
     EXPECT_EQ(vol->volume()->mount_point, nullptr);
     EXPECT_EQ(list.list.base_dir_count, 0);
     EXPECT_EQ(list.list.base_dir, nullptr);
-    EXPECT_EQ(host::own_base_dirs(), before) << "no base directory may be left behind";
+    EXPECT_EQ(support::own_base_dirs(), before) << "no base directory may be left behind";
     EXPECT_EQ(count_mounts_of(dev), 0);
   }
 }
@@ -518,7 +484,7 @@ TEST_F(MountTest, AFailedMountKeepsTheOtherHoldsOfTheList) {
   EXPECT_EQ(list.list.base_dir_count, 1);
   ASSERT_NE(list.list.base_dir, nullptr);
   EXPECT_EQ(std::string(list.list.base_dir), base);
-  EXPECT_EQ(host::read_text(std::string(mp_a) + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(std::string(mp_a) + "/hello.txt"), kHello);
 
   EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
   EXPECT_FALSE(exists(base));
@@ -526,12 +492,9 @@ TEST_F(MountTest, AFailedMountKeepsTheOtherHoldsOfTheList) {
 }
 
 TEST_F(MountTest, AVolumeWithoutFileSystemTypeFailsAndMakesNothing) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image(std::nullopt);
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev, std::nullopt);
-  owned_texts owned{{vol.get()}, &list};
-  const auto before = host::own_base_dirs();
+  const auto before = support::own_base_dirs();
 
   const char *mp = nullptr;
   EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
@@ -540,7 +503,7 @@ TEST_F(MountTest, AVolumeWithoutFileSystemTypeFailsAndMakesNothing) {
   EXPECT_EQ(vol->volume()->mount_point, nullptr);
   EXPECT_EQ(list.list.base_dir_count, 0);
   EXPECT_EQ(list.list.base_dir, nullptr);
-  EXPECT_EQ(host::own_base_dirs(), before);
+  EXPECT_EQ(support::own_base_dirs(), before);
   EXPECT_EQ(count_mounts_of(dev), 0);
 }
 
@@ -596,11 +559,8 @@ TEST_F(MountTest, ReleasingAVolumeThatIsNotHeldChangesNothing) {
 }
 
 TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -615,18 +575,15 @@ TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
   EXPECT_TRUE(exists(base2));
   EXPECT_FALSE(exists(base1));
   EXPECT_EQ(std::string(mp), base2 + "/" + dev.substr(dev.rfind('/') + 1));
-  EXPECT_EQ(host::read_text(std::string(mp) + "/hello.txt"), kHello);
+  EXPECT_EQ(support::read_text(std::string(mp) + "/hello.txt"), kHello);
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_FALSE(exists(base2));
   EXPECT_TRUE(guard_.made_since().empty());
 }
 
 TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -645,11 +602,8 @@ TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
 }
 
 TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
-  const std::string dev = attach_image();
+  auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
-  test_disk_list list;
-  auto vol = make_volume(list, dev);
-  owned_texts owned{{vol.get()}, &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
@@ -669,6 +623,7 @@ TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
 // The fixture itself: after a test that fails half-way (simulated here by leaving a
 // volume mounted and held), nothing of it is left on the host.
 TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
+  FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
   std::string dev, image, base, dir;
   {
     struct abandoned : MountTest {
@@ -694,7 +649,7 @@ TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
   EXPECT_FALSE(exists(dir));
   EXPECT_FALSE(exists(base));
   EXPECT_FALSE(exists(image));
-  const auto lo = host::run({"losetup", "-a"});
+  const auto lo = support::run({"losetup", "-a"});
   EXPECT_EQ(lo.out.find(image), std::string::npos) << lo.out;
 }
 

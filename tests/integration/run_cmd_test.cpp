@@ -10,7 +10,13 @@
 #include <fsic/mount.h>
 
 #include "fs/mount_internal.h"
-#include "host_helpers.h"
+#include "tests/support/base_dirs.h"
+#include "tests/support/files.h"
+#include "tests/support/mount_table.h"
+#include "tests/support/process.h"
+#include "tests/support/require_root.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/volume_records.h"
 #include "util/log_internal.h"
 
 using namespace fsic::detail;
@@ -42,9 +48,8 @@ using namespace fsic::detail;
 
 namespace {
 
-using host::exists;
-
-constexpr const char *kSystemPath = "/usr/sbin:/usr/bin:/sbin:/bin";
+using support::exists;
+using support::kSystemPath;
 
 // ---- log capture --------------------------------------------------------------------
 
@@ -128,7 +133,7 @@ private:
 class RunCmdTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    ASSERT_TRUE(work_.ok());
+    ASSERT_TRUE(work_.ok()) << work_.error();
     bin_ = work_ / "bin";
     empty_ = work_ / "empty";
     ASSERT_EQ(mkdir(bin_.c_str(), 0755), 0);
@@ -158,7 +163,7 @@ protected:
 
   // A stand-in program on PATH: a shell script with that body.
   void standin(const std::string &name, const std::string &body) {
-    ASSERT_TRUE(host::write_text(bin_ + "/" + name, "#!/bin/sh\n" + body, 0755));
+    ASSERT_TRUE(support::write_text(bin_ + "/" + name, "#!/bin/sh\n" + body, 0755));
   }
 
   // A stand-in that writes its name and its arguments, one per line, to the file
@@ -168,7 +173,9 @@ protected:
                       "'\nexit " + std::to_string(code) + "\n");
   }
 
-  std::string recorded(const std::string &record) const { return host::read_text(work_ / record); }
+  std::string recorded(const std::string &record) const {
+    return support::read_text(work_ / record);
+  }
   bool was_run(const std::string &record) const { return exists(work_ / record); }
 
   static fsic_status run(std::vector<std::string> argv) {
@@ -178,8 +185,8 @@ protected:
     return fsic::detail::run_cmd(argv[0].c_str(), args.data());
   }
 
-  host::base_dir_guard guard_;
-  host::temp_dir work_{"fsic-run-cmd-test"};
+  support::base_dir_guard guard_;
+  support::temp_dir work_{"fsic-run-cmd-test", std::nothrow};
   std::string bin_, empty_;
   std::optional<std::string> old_path_;
   std::vector<std::pair<std::string, std::string>> old_env_;
@@ -250,7 +257,7 @@ TEST_F(RunCmdTest, AMissingProgramExitsWith127) {
   // A program that is there but cannot be run fares the same.
   g_records.clear();
   set_path(bin_);
-  ASSERT_TRUE(host::write_text(bin_ + "/vmfs-fuse", "#!/bin/sh\nexit 0\n", 0644));
+  ASSERT_TRUE(support::write_text(bin_ + "/vmfs-fuse", "#!/bin/sh\nexit 0\n", 0644));
   EXPECT_EQ(fsic::detail::vmfs_mount("/dev/fsic-test-dev", "/tmp/dir"), FSIC_ERR_FAILED);
   ASSERT_EQ(g_records.size(), 1u);
   EXPECT_EQ(g_records[0].substr(23),
@@ -297,8 +304,8 @@ TEST_F(RunCmdTest, ErrorOutputWithExitCodeZeroIsASuccess) {
 
   EXPECT_EQ(status, FSIC_OK);
   EXPECT_TRUE(g_records.empty());
-  EXPECT_EQ(host::read_text(err_file), "vmfs-fuse: warning: something looks odd\n");
-  EXPECT_EQ(host::read_text(out_file), "on the way out\n");
+  EXPECT_EQ(support::read_text(err_file), "vmfs-fuse: warning: something looks odd\n");
+  EXPECT_EQ(support::read_text(out_file), "on the way out\n");
 }
 
 // ---- signals ------------------------------------------------------------------------
@@ -455,7 +462,7 @@ TEST_F(RunCmdTest, AHostSigchldHandlerDoesNotTakeTheChild) {
 // ---- a configuration of its own, in a fresh process ---------------------------------
 
 struct probe_outcome {
-  host::proc_result run;
+  support::proc_result run;
   unsigned status = 99;
   unsigned flags = 0;
 };
@@ -465,8 +472,9 @@ probe_outcome probe(const std::vector<std::string> &args, const std::string &pat
   std::vector<std::string> argv{FSIC_RUN_CMD_PROBE};
   argv.insert(argv.end(), args.begin(), args.end());
   probe_outcome o;
-  o.run = host::run(argv, {{"PATH", path}, {"LOG_LEVEL", log_level}, {"LOG_CONFIG", std::nullopt}},
-                    /*system_path=*/false);
+  o.run = support::run(argv,
+                       {{"PATH", path}, {"LOG_LEVEL", log_level}, {"LOG_CONFIG", std::nullopt}},
+                       /*system_path=*/false);
   std::smatch m;
   if (std::regex_search(o.run.out, m, std::regex(R"(status=([0-9]+) flags=(0x[0-9a-f]+|0))"))) {
     o.status = static_cast<unsigned>(std::stoul(m[1]));
@@ -523,14 +531,14 @@ TEST_F(RunCmdTest, WithTheChannelsMaskAtZeroNothingIsLoggedButTheStatusesStay) {
 
 class VmfsMountTest : public RunCmdTest {
 protected:
-  std::unique_ptr<host::test_volume> make_vmfs(host::test_disk_list &list, const char *type) {
-    return std::make_unique<host::test_volume>(list, "/dev/fsic-no-such-vmfs-device", type,
-                                               "/sys/devices/fsic/block/sdv/sdv3");
+  std::unique_ptr<support::test_volume> make_vmfs(support::test_disk_list &list, const char *type) {
+    return std::make_unique<support::test_volume>(list, "/dev/fsic-no-such-vmfs-device", type,
+                                                  "/sys/devices/fsic/block/sdv/sdv3");
   }
 
   struct owned_texts {
-    host::test_volume *volume;
-    host::test_disk_list *list;
+    support::test_volume *volume;
+    support::test_disk_list *list;
     ~owned_texts() {
       free(volume->part.volume.mount_point);
       volume->part.volume.mount_point = nullptr;
@@ -546,7 +554,7 @@ TEST_F(VmfsMountTest, AVmfsVolumeIsMountedWithTheExternalTool) {
     recording_standin("vmfs-fuse", std::string("mount-") + type);
     recording_standin("umount", std::string("umount-") + type);
     g_records.clear();
-    host::test_disk_list list;
+    support::test_disk_list list;
     auto vol = make_vmfs(list, type);
     owned_texts owned{vol.get(), &list};
 
@@ -560,7 +568,7 @@ TEST_F(VmfsMountTest, AVmfsVolumeIsMountedWithTheExternalTool) {
     EXPECT_EQ(recorded(std::string("mount-") + type),
               "vmfs-fuse\n/dev/fsic-no-such-vmfs-device\n" + dir + "\n");
     EXPECT_TRUE(exists(dir));
-    EXPECT_FALSE(host::find_mount(dir)) << "the system call was not used";
+    EXPECT_FALSE(support::find_mount(dir)) << "the system call was not used";
     EXPECT_FALSE(was_run(std::string("umount-") + type));
 
     EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
@@ -577,38 +585,39 @@ TEST_F(VmfsMountTest, OtherSpellingsAreNotVmfs) {
   recording_standin("vmfs-fuse", "mount-args");
   for (const char *type : {"VMFS", "vmfs_volume_member", "VMFS_volume_member "}) {
     SCOPED_TRACE(type);
-    host::test_disk_list list;
+    support::test_disk_list list;
     auto vol = make_vmfs(list, type);
     owned_texts owned{vol.get(), &list};
-    const auto before = host::own_base_dirs();
+    const auto before = support::own_base_dirs();
     const char *mp = nullptr;
     EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
     EXPECT_FALSE(was_run("mount-args")) << "mount(2) was to be used, and it fails";
-    EXPECT_EQ(host::own_base_dirs(), before);
+    EXPECT_EQ(support::own_base_dirs(), before);
   }
 }
 
 TEST_F(VmfsMountTest, TheToolUnmountsBeforeTheSystemCallDoes) {
+  FSIC_REQUIRE_ROOT("the stand-in mounts a tmpfs");
   // A stand-in that really mounts something (a read-only tmpfs) on the directory, and
   // an umount stand-in that only notes whether it is still mounted when it runs.
   standin("vmfs-fuse", "exec mount -t tmpfs -o ro fsic-vmfs-standin \"$2\"\n");
   standin("umount", "if grep -q \" $1 \" /proc/self/mountinfo; then echo mounted; else echo "
                     "gone; fi > '" + (work_ / "umount-saw") + "'\nexit 0\n");
-  host::test_disk_list list;
+  support::test_disk_list list;
   auto vol = make_vmfs(list, "VMFS_volume_member");
   owned_texts owned{vol.get(), &list};
 
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
   const std::string dir = mp, base = list.list.base_dir;
-  const auto line = host::find_mount(dir);
+  const auto line = support::find_mount(dir);
   ASSERT_TRUE(line);
   EXPECT_EQ(line->fs_type, "tmpfs");
   EXPECT_EQ(line->source, "fsic-vmfs-standin");
 
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_EQ(recorded("umount-saw"), "mounted\n") << "the tool runs first";
-  EXPECT_FALSE(host::find_mount(dir)) << "then umount(2) takes the mount down";
+  EXPECT_FALSE(support::find_mount(dir)) << "then umount(2) takes the mount down";
   EXPECT_FALSE(exists(dir));
   EXPECT_FALSE(exists(base));
   EXPECT_TRUE(g_records.empty());
@@ -629,10 +638,10 @@ TEST_F(VmfsMountTest, AMissingOrFailingToolFailsTheMountAndLeavesNothing) {
       set_path(bin_ + ":" + kSystemPath);
       recording_standin("vmfs-fuse", "mount-args", c.code);
     }
-    host::test_disk_list list;
+    support::test_disk_list list;
     auto vol = make_vmfs(list, "VMFS_volume_member");
     owned_texts owned{vol.get(), &list};
-    const auto before_dirs = host::own_base_dirs();
+    const auto before_dirs = support::own_base_dirs();
 
     const char *mp = nullptr;
     const timeval before = now();
@@ -643,7 +652,7 @@ TEST_F(VmfsMountTest, AMissingOrFailingToolFailsTheMountAndLeavesNothing) {
     EXPECT_EQ(vol->volume()->mount_point, nullptr);
     EXPECT_EQ(list.list.base_dir_count, 0);
     EXPECT_EQ(list.list.base_dir, nullptr);
-    EXPECT_EQ(host::own_base_dirs(), before_dirs);
+    EXPECT_EQ(support::own_base_dirs(), before_dirs);
     ASSERT_EQ(g_records.size(), 1u);
     expect_record(g_records[0], 146,
                   "exec 'vmfs-fuse': error_code = " +
@@ -655,7 +664,7 @@ TEST_F(VmfsMountTest, AMissingOrFailingToolFailsTheMountAndLeavesNothing) {
 TEST_F(VmfsMountTest, AFailingUnmountToolIsLoggedAndTheReleaseGoesOn) {
   recording_standin("vmfs-fuse", "mount-args");
   recording_standin("umount", "umount-args", 32);
-  host::test_disk_list list;
+  support::test_disk_list list;
   auto vol = make_vmfs(list, "vmfs");
   owned_texts owned{vol.get(), &list};
 

@@ -36,13 +36,13 @@ TEST(IclScenario, ADiskListWithoutDisksPrintsOnlyTheFirstError) {
 
 TEST(IclScenario, ADiskWithoutPartitionOne) {
   ocltest::TempDir root;
-  HeldVolume two{"SER", 2, root.str().c_str()};
+  HeldVolume two{"SER", 2, root.path().c_str()};
   const auto c = capture_stdio([&] { test_icl(&two.list); });
   EXPECT_EQ(c.out, "");
   EXPECT_EQ(c.err, "error: can't get 1-st partition\n");
 
   // Only the first disk is asked, even when a later disk has a partition 1.
-  HeldVolume one{"SER2", 1, root.str().c_str()};
+  HeldVolume one{"SER2", 1, root.path().c_str()};
   list_del(&one.disk.link);
   list_add_tail(&one.disk.link, &two.list.disks);
   one.disk.disk_list = &two.list;
@@ -55,11 +55,11 @@ TEST(IclScenario, ADiskWithoutPartitionOne) {
 class IclScenarioRun : public ::testing::Test {
  protected:
   ocltest::TempDir root;
-  HeldVolume vol{"WD-WCAV12345678", 1, root.str().c_str()};
+  HeldVolume vol{"WD-WCAV12345678", 1, root.path().c_str()};
 };
 
 TEST_F(IclScenarioRun, AMissingNtldrStopsAfterTheFirstAdd) {
-  drivertest::make_scenario_tree(root.str(), {"ntldr"});
+  drivertest::make_scenario_tree(root.path(), {"ntldr"});
   const auto c = capture_stdio([&] { test_icl(&vol.list); });
   EXPECT_EQ(c.out, "");
   EXPECT_EQ(c.err, "error: can't add file '/ntldr' to icl\n");
@@ -67,14 +67,14 @@ TEST_F(IclScenarioRun, AMissingNtldrStopsAfterTheFirstAdd) {
 }
 
 TEST_F(IclScenarioRun, ALaterMissingFileIsNamed) {
-  drivertest::make_scenario_tree(root.str(), {"AUTOEXEC.BAT"});
+  drivertest::make_scenario_tree(root.path(), {"AUTOEXEC.BAT"});
   const auto c = capture_stdio([&] { test_icl(&vol.list); });
   EXPECT_EQ(c.out, "");
   EXPECT_EQ(c.err, "error: can't add file '/AUTOEXEC.BAT' to icl\n");
 }
 
 TEST_F(IclScenarioRun, AFileThatIsADirectoryFails) {
-  drivertest::make_scenario_tree(root.str(), {"boot.ini"});
+  drivertest::make_scenario_tree(root.path(), {"boot.ini"});
   std::filesystem::create_directory(root / "boot.ini");
   const auto c = capture_stdio([&] { test_icl(&vol.list); });
   EXPECT_EQ(c.out, "");
@@ -82,7 +82,7 @@ TEST_F(IclScenarioRun, AFileThatIsADirectoryFails) {
 }
 
 TEST_F(IclScenarioRun, AMissingDirectoryFailsAfterTheFiles) {
-  drivertest::make_scenario_tree(root.str());
+  drivertest::make_scenario_tree(root.path());
   std::filesystem::remove_all(root / "WINDOWS/Installer");
   const auto c = capture_stdio([&] { test_icl(&vol.list); });
   EXPECT_EQ(c.out, "");
@@ -90,7 +90,7 @@ TEST_F(IclScenarioRun, AMissingDirectoryFailsAfterTheFiles) {
 }
 
 TEST_F(IclScenarioRun, AWholeRunPrintsTheListTwice) {
-  drivertest::make_scenario_tree(root.str());
+  drivertest::make_scenario_tree(root.path());
   // Partition 2 comes first on the disk and cannot be mounted: the scenario must take
   // partition 1 by its number.
   fs_partition other{};
@@ -103,7 +103,7 @@ TEST_F(IclScenarioRun, AWholeRunPrintsTheListTwice) {
 
   const auto c = capture_stdio([&] { test_icl(&vol.list); });
   EXPECT_EQ(c.err, "");
-  EXPECT_EQ(c.out, drivertest::scenario_output(root.str(), "WD-WCAV12345678 partition 1\n"));
+  EXPECT_EQ(c.out, drivertest::scenario_output(root.path(), "WD-WCAV12345678 partition 1\n"));
   EXPECT_EQ(vol.volume()->mount_count, 1);
   EXPECT_EQ(other.volume.mount_count, 0);
 }

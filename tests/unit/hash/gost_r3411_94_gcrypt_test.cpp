@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "hash/gost_r3411_94_internal.h"
+#include "tests/support/hex.h"
 
 namespace {
 
@@ -27,15 +28,7 @@ uint64_t env_number(const char *name, uint64_t fallback) {
   return v != nullptr && *v != '\0' ? std::strtoull(v, nullptr, 0) : fallback;
 }
 
-std::string hex(const uint8_t *p, size_t n) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
+using support::hex;
 
 class GostR341194Gcrypt : public ::testing::Test {
  protected:

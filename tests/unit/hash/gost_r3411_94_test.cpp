@@ -12,20 +12,13 @@
 
 #include "gost_reference.h"
 #include "hash/gost_r3411_94_internal.h"
+#include "tests/support/hex.h"
 
 namespace {
 
 using bytes = std::vector<uint8_t>;
 
-std::string hex(const uint8_t *p, size_t n) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
+using support::hex;
 
 std::string hex(const bytes &b) { return hex(b.data(), b.size()); }
 

@@ -225,13 +225,13 @@ TEST(IclBlob, ListsOfRealFilesRoundTrip) {
   char *masks[] = {mask_dll, mask_exe, nullptr};
 
   OclPtr first = ocltest::new_list(), second = ocltest::new_list();
-  ASSERT_EQ(fs_ocl_add_file(first.get(), t.str().c_str(), "/boot.ini", 12, nullptr), FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_file(first.get(), t.str().c_str(), "/WINDOWS/explorer.exe", 4, nullptr),
+  ASSERT_EQ(fs_ocl_add_file(first.get(), t.path().c_str(), "/boot.ini", 12, nullptr), FSIC_OK);
+  ASSERT_EQ(fs_ocl_add_file(first.get(), t.path().c_str(), "/WINDOWS/explorer.exe", 4, nullptr),
             FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_dir(first.get(), t.str().c_str(), "/WINDOWS/Installer", masks, 15,
+  ASSERT_EQ(fs_ocl_add_dir(first.get(), t.path().c_str(), "/WINDOWS/Installer", masks, 15,
                            nullptr),
             FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_dir(second.get(), t.str().c_str(), "/WINDOWS", nullptr, CONTROL_DATA,
+  ASSERT_EQ(fs_ocl_add_dir(second.get(), t.path().c_str(), "/WINDOWS", nullptr, CONTROL_DATA,
                            nullptr),
             FSIC_OK);
   const Bytes ocl1 = ocltest::blob_of(first.get()), ocl2 = ocltest::blob_of(second.get());

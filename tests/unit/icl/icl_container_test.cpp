@@ -223,8 +223,8 @@ class IclAdd : public ::testing::Test {
   }
 
   TempDir root;
-  HeldVolume vol{"SER-HELD", 1, root.str().c_str()};
-  HeldVolume vol2{"SER-HELD", 2, root.str().c_str()};
+  HeldVolume vol{"SER-HELD", 1, root.path().c_str()};
+  HeldVolume vol2{"SER-HELD", 2, root.path().c_str()};
   IclPtr list = new_icl();
 };
 
@@ -268,7 +268,7 @@ TEST_F(IclAdd, AFileGoesIntoANewEntryAndTheOutObjectIsTheListed) {
 
   // The same through the object list directly gives the same bytes.
   OclPtr direct = ocltest::new_list();
-  ASSERT_EQ(fs_ocl_add_file(direct.get(), root.str().c_str(), "/hello.txt", 12, nullptr),
+  ASSERT_EQ(fs_ocl_add_file(direct.get(), root.path().c_str(), "/hello.txt", 12, nullptr),
             FSIC_OK);
   EXPECT_EQ(ocltest::blob_of(entry->ocl), ocltest::blob_of(direct.get()));
 }
@@ -309,7 +309,7 @@ TEST_F(IclAdd, TwoVolumesAreTwoEntriesNewestFirst) {
   EXPECT_EQ(paths_of(es[1]), (std::vector<std::string>{"/hello.txt", "/lib/a.dll"}));
 
   // Another record naming the same volume finds the same entry.
-  HeldVolume again{"SER-HELD", 2, root.str().c_str()};
+  HeldVolume again{"SER-HELD", 2, root.path().c_str()};
   ASSERT_EQ(fs_icl_add_file(list.get(), again.volume(), "/lib/b.txt", 0, nullptr), FSIC_OK);
   EXPECT_EQ(entries_of(list.get()), es);
   EXPECT_EQ(paths_of(es[0]), (std::vector<std::string>{"/hello.txt", "/lib/b.txt"}));

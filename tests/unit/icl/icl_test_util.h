@@ -88,23 +88,11 @@ inline fs_icl_volume *add_entry(fs_icl *list, IdPtr id, OclPtr ocl = OclPtr()) {
 }
 
 // The list's blob (throws when writing fails, which no test expects).
-inline Bytes blob_of(const fs_icl *list) {
-  uint8_t *data = nullptr;
-  uint32_t size = 0;
-  if (fs_icl_write_to_mem(list, &data, &size) != FSIC_OK)
-    throw std::runtime_error("fs_icl_write_to_mem failed");
-  Bytes out(data, data + size);
-  free(data);
-  return out;
-}
+inline Bytes blob_of(const fs_icl *list) { return ocltest::blob_by(fs_icl_write_to_mem, list); }
 
 // Reads a blob; `*out` is left as it was unless the read succeeds.
 inline fsic_status read_icl(const Bytes &b, IclPtr *out) {
-  fs_icl *list = nullptr;
-  fsic_status status = fs_icl_read_from_mem(b.data(), static_cast<uint32_t>(b.size()), &list);
-  if (status == FSIC_OK)
-    out->reset(list);
-  return status;
+  return ocltest::read_by(fs_icl_read_from_mem, b, out);
 }
 
 inline std::vector<fs_icl_volume *> entries_of(fs_icl *list) {

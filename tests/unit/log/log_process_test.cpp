@@ -5,100 +5,48 @@
 #include <fsic/log.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "log_test_support.h"
-
-extern char **environ;
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
 using log_test::HasRecords;
 using Env = std::vector<std::pair<std::string, std::string>>;
 using Args = std::vector<std::string>;
-
-struct ProbeRun {
-  int status = -1; /* exit code, or -1 when it did not exit normally */
-  std::string out;
-  std::string err;
-};
+using ProbeRun = support::proc_result;
 
 class LogProcess : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/fsic_log_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-
-  void TearDown() override {
-    for (const std::string &f : files_) unlink(f.c_str());
-    rmdir(dir_.c_str());
-  }
+  void SetUp() override { ASSERT_TRUE(dir_.ok()) << dir_.error(); }
 
   // Writes a configuration file and returns its path.
   std::string config(const std::string &text) {
-    const std::string path = dir_ + "/config" + std::to_string(files_.size());
+    const std::string path = dir_ / ("config" + std::to_string(configs_++));
     std::ofstream(path, std::ios::binary) << text;
-    files_.push_back(path);
     return path;
   }
 
   // Runs the probe with this process's environment minus LOG_LEVEL and LOG_CONFIG,
   // plus `env`.
-  ProbeRun probe(const Env &env, const Args &args) {
-    ProbeRun run;
-    const std::string out_path = dir_ + "/out", err_path = dir_ + "/err";
-    files_.push_back(out_path);
-    files_.push_back(err_path);
-
-    std::vector<std::string> env_strings;
-    for (char **e = environ; *e; ++e)
-      if (strncmp(*e, "LOG_LEVEL=", 10) != 0 && strncmp(*e, "LOG_CONFIG=", 11) != 0)
-        env_strings.emplace_back(*e);
-    for (const auto &[name, value] : env) env_strings.push_back(name + "=" + value);
-    std::vector<char *> envp, argv{const_cast<char *>(LOG_PROBE_PATH)};
-    for (std::string &s : env_strings) envp.push_back(s.data());
-    envp.push_back(nullptr);
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-
-    const pid_t pid = fork();
-    if (pid < 0) return run;
-    if (pid == 0) {
-      const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
-      execve(LOG_PROBE_PATH, argv.data(), envp.data());
-      _exit(127);
-    }
-    int status = 0;
-    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.status = WEXITSTATUS(status);
-    run.out = slurp(out_path);
-    run.err = slurp(err_path);
-    return run;
+  static ProbeRun probe(const Env &env, const Args &args) {
+    support::env_list changes = {{"LOG_LEVEL", std::nullopt}, {"LOG_CONFIG", std::nullopt}};
+    for (const auto &[name, value] : env) changes.emplace_back(name, value);
+    Args argv;
+    if (*LOG_PROBE_EMULATOR)
+      argv.push_back(LOG_PROBE_EMULATOR);
+    argv.push_back(LOG_PROBE_PATH);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return support::run(argv, changes, /*system_path=*/false);
   }
 
-  static std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-
-  std::string dir_;
-  std::vector<std::string> files_;
+  support::temp_dir dir_{"fsic-log-test", std::nothrow};
+  int configs_ = 0;
 };
 
 // "log CH CLASS mount run_cmd 135 MSG"
@@ -210,7 +158,7 @@ TEST_F(LogProcess, LogLevel31GivesMaskZeroForGood) {
 // --- the configuration file ---
 
 TEST_F(LogProcess, MissingConfigFileChangesNothing) {
-  const ProbeRun r = probe({{"LOG_CONFIG", dir_ + "/none"}}, all_classes("fs"));
+  const ProbeRun r = probe({{"LOG_CONFIG", dir_ / "none"}}, all_classes("fs"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1)}));
 }

@@ -67,7 +67,7 @@ TEST(OclBlob, FileObjectWithDataAndAttrsIs60Bytes) {
   ASSERT_EQ(stat((t / "a").c_str(), &st), 0);
 
   OclPtr ocl = new_list();
-  ASSERT_EQ(fs_ocl_add_file(ocl.get(), t.str().c_str(), "/a", 12, nullptr), FSIC_OK);
+  ASSERT_EQ(fs_ocl_add_file(ocl.get(), t.path().c_str(), "/a", 12, nullptr), FSIC_OK);
   Bytes b = blob_of(ocl.get());
   ASSERT_EQ(b.size(), 60u);
 
@@ -95,7 +95,7 @@ TEST(OclBlob, EachFileDirectoryWithOneFileIs25Bytes) {
   TempDir t;
   write_file(t / "d/f", "x");
   OclPtr ocl = new_list();
-  ASSERT_EQ(fs_ocl_add_dir(ocl.get(), t.str().c_str(), "/d", nullptr, EACH_FILE, nullptr),
+  ASSERT_EQ(fs_ocl_add_dir(ocl.get(), t.path().c_str(), "/d", nullptr, EACH_FILE, nullptr),
             FSIC_OK);
   const Bytes expected{0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x2F,
                        0x64, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
@@ -211,7 +211,7 @@ TEST(OclBlob, NonNullEmptyMaskArrayIsWrittenAsZeroAndReadBackAsNull) {
   char *empty[] = {nullptr};
   OclPtr ocl = new_list();
   fs_ocl_object *obj = nullptr;
-  ASSERT_EQ(fs_ocl_add_dir(ocl.get(), t.str().c_str(), "/d", empty, EACH_FILE, &obj), FSIC_OK);
+  ASSERT_EQ(fs_ocl_add_dir(ocl.get(), t.path().c_str(), "/d", empty, EACH_FILE, &obj), FSIC_OK);
   auto *d = reinterpret_cast<fs_ocl_dir_object *>(obj);
   ASSERT_NE(d->masks, nullptr);
   EXPECT_EQ(d->masks[0], nullptr);
@@ -246,7 +246,7 @@ TEST(OclBlob, FlagsAboveSixteenBitsAreLostDefinedBitsSurvive) {
   const uint32_t flags = 0xABCD0000u | 0x0030u | CONTROL_DATA | CONTROL_ATTRS;
   OclPtr ocl = new_list();
   fs_ocl_object *obj = nullptr;
-  ASSERT_EQ(fs_ocl_add_file(ocl.get(), t.str().c_str(), "/f", flags, &obj), FSIC_OK);
+  ASSERT_EQ(fs_ocl_add_file(ocl.get(), t.path().c_str(), "/f", flags, &obj), FSIC_OK);
   EXPECT_EQ(obj->flags, flags);  // stored unchanged in the list
 
   Bytes b = blob_of(ocl.get());

@@ -43,7 +43,7 @@ class OclAdd : public ::testing::Test {
     write_file(t / "keep/dir/a", "a");
     write_file(t / "keep/dir/sub/b", "bb");
     ocl = new_list();
-    base = t.str();
+    base = t.path();
     ASSERT_EQ(fs_ocl_add_file(ocl.get(), b(), "/keep/file", CONTROL_DATA | CONTROL_ATTRS,
                               nullptr),
               FSIC_OK);

@@ -129,7 +129,7 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
   Gen g(GetParam());
   rewrite_tree(g);
   OclPtr ocl = new_list();
-  const std::string base = t.str();
+  const std::string base = t.path();
   int replaced = 0, removed = 0, failed = 0;
 
   for (int step = 0; step < 400; step++) {

@@ -1,5 +1,6 @@
-// Shared helpers of the object control list tests: temporary trees, a model of list
-// objects with its own blob encoder, and checks of library objects against the model.
+// Shared helpers of the object control list tests: a model of list objects with its
+// own blob encoder, and checks of library objects against the model. Temporary trees
+// come from the tests' support code.
 #ifndef FSIC_TESTS_UNIT_OCL_OCL_TEST_UTIL_H
 #define FSIC_TESTS_UNIT_OCL_OCL_TEST_UTIL_H
 
@@ -21,50 +22,19 @@
 #include <fsic/gost_r3411_94.h>
 #include <fsic/ocl.h>
 
+#include "tests/support/files.h"
+#include "tests/support/temp_dir.h"
+
 namespace ocltest {
 
 using Bytes = std::vector<uint8_t>;
 using Hash = std::array<uint8_t, 32>;
 
-// A temporary directory, removed with its contents when the test ends (also when it
-// fails: the destructor runs on every way out of the test body).
-class TempDir {
- public:
-  TempDir() {
-    const char *base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-ocl-XXXXXX";
-    if (!mkdtemp(templ.data()))
-      throw std::runtime_error("mkdtemp failed");
-    path_ = std::filesystem::canonical(templ);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    // Unreadable leftovers must not keep the tree alive.
-    for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-      if (!it->is_symlink())
-        chmod(it->path().c_str(), 0700);
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
-
-  std::string str() const { return path_.string(); }
-  std::string operator/(const std::string &rel) const { return (path_ / rel).string(); }
-
- private:
-  std::filesystem::path path_;
-};
-
-inline void write_file(const std::string &path, const std::string &content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out)
-    throw std::runtime_error("cannot write " + path);
-}
-
-inline void make_dirs(const std::string &path) { std::filesystem::create_directories(path); }
+// A temporary directory, removed with its contents (unreadable leftovers included) when
+// the test ends, also when it fails.
+using TempDir = support::temp_dir;
+using support::make_dirs;
+using support::write_file;
 
 inline Hash gost(const std::string &data) {
   Hash h{};
@@ -92,24 +62,33 @@ inline OclPtr new_list() {
   return OclPtr(ocl);
 }
 
-// The list's blob (throws when writing fails, which no test expects).
-inline Bytes blob_of(const fs_ocl *ocl) {
+// A list's blob by the list's writer (fs_ocl_write_to_mem, fs_icl_write_to_mem); throws
+// when writing fails, which no test expects.
+template <class Write, class List>
+Bytes blob_by(Write write, const List *list) {
   uint8_t *data = nullptr;
   uint32_t size = 0;
-  if (fs_ocl_write_to_mem(ocl, &data, &size) != FSIC_OK)
-    throw std::runtime_error("fs_ocl_write_to_mem failed");
+  if (write(list, &data, &size) != FSIC_OK)
+    throw std::runtime_error("the list's blob could not be written");
   Bytes out(data, data + size);
   free(data);
   return out;
 }
 
-// Reads a blob; `*out` is left as it was unless the read succeeds.
-inline fsic_status read_blob(const Bytes &b, OclPtr *out) {
-  fs_ocl *ocl = nullptr;
-  fsic_status status = fs_ocl_read_from_mem(b.data(), static_cast<uint32_t>(b.size()), &ocl);
+// Reads a blob with the list's reader (fs_ocl_read_from_mem, fs_icl_read_from_mem) into
+// an owning pointer; `*out` is left as it was unless the read succeeds.
+template <class Read, class Ptr>
+fsic_status read_by(Read read, const Bytes &b, Ptr *out) {
+  typename Ptr::pointer list = nullptr;
+  const fsic_status status = read(b.data(), static_cast<uint32_t>(b.size()), &list);
   if (status == FSIC_OK)
-    out->reset(ocl);
+    out->reset(list);
   return status;
+}
+
+inline Bytes blob_of(const fs_ocl *ocl) { return blob_by(fs_ocl_write_to_mem, ocl); }
+inline fsic_status read_blob(const Bytes &b, OclPtr *out) {
+  return read_by(fs_ocl_read_from_mem, b, out);
 }
 
 inline std::vector<std::string> paths_of(fs_ocl *ocl) {

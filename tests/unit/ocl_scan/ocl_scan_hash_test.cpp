@@ -19,14 +19,6 @@ using namespace ocltest;
 
 namespace {
 
-std::string random_bytes(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (char &c : s)
-    c = static_cast<char>(rng() & 0xFF);
-  return s;
-}
-
 struct HashResult {
   fsic_status status;
   std::string hash;  // hex

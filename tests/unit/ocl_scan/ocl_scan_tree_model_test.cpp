@@ -17,14 +17,6 @@ using namespace ocltest;
 
 namespace {
 
-std::string random_bytes(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (char &c : s)
-    c = static_cast<char>(rng() & 0xFF);
-  return s;
-}
-
 // Nested, empty and hidden directories, names with spaces and non-ASCII bytes, masks of
 // both cases, links to files and to directories, a FIFO, assorted modes, times, owners.
 void build_tree(const TempTree &t) {

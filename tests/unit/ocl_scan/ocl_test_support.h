@@ -1,28 +1,30 @@
 // Shared helpers of the object-control-list engine tests: a temporary directory tree
-// that removes itself (also after a failed assertion, and below PATH_MAX or not), a
-// path buffer owner, GOST R 34.11-94 from libgcrypt as the reference (or, in builds
-// without libgcrypt, from the slow reference of tests/unit/hash), little-endian encoders,
-// and running a piece of code in a child process without root's privileges.
+// with builders of its entries (it removes itself, also after a failed assertion, and
+// below PATH_MAX or not), a path buffer owner, GOST R 34.11-94 from libgcrypt as the
+// reference (or, in builds without libgcrypt, from the slow reference of
+// tests/unit/hash), little-endian encoders, random bytes, and (from the tests' support
+// code) hexadecimal text and running a piece of code in a child process without root's
+// privileges.
 #ifndef FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 #define FSIC_TESTS_UNIT_OCL_SCAN_OCL_TEST_SUPPORT_H
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <functional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/support/hex.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
 #include "util/str_buf.h"
 
 #ifdef FSIC_TEST_ORACLE_REFERENCE
@@ -32,6 +34,9 @@
 #endif
 
 namespace ocltest {
+
+using support::hex;
+using support::run_unprivileged;
 
 using Digest = std::array<uint8_t, 32>;
 
@@ -79,73 +84,23 @@ inline std::string numbered(const std::string &prefix, long n) {
   return s;
 }
 
-inline std::string hex(const std::string &s) {
-  static const char digits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : s) {
-    out += digits[c >> 4];
-    out += digits[c & 15];
-  }
-  return out;
-}
-
-// Removes `name` under the open directory `parent` with everything below it, working
-// relative to descriptors so that trees deeper than PATH_MAX go as well.
-inline void remove_at(int parent, const char *name) {
-  struct stat st;
-  if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-    return;
-  if (!S_ISDIR(st.st_mode)) {
-    unlinkat(parent, name, 0);
-    return;
-  }
-  fchmodat(parent, name, 0700, 0);
-  int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd >= 0) {
-    if (DIR *d = fdopendir(fd)) {
-      std::vector<std::string> names;
-      while (struct dirent *e = readdir(d))
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-          names.push_back(e->d_name);
-      for (const std::string &n : names)
-        remove_at(fd, n.c_str());
-      closedir(d);
-    } else {
-      close(fd);
-    }
-  }
-  unlinkat(parent, name, AT_REMOVEDIR);
+// Random bytes of a seed's own.
+inline std::string random_bytes(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::string s(n, '\0');
+  for (char &c : s)
+    c = static_cast<char>(rng() & 0xFF);
+  return s;
 }
 
 // A temporary directory, removed with its contents when the object goes. Paths given
 // to the helpers are relative to it.
 class TempTree {
  public:
-  TempTree() {
-    const char *base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-ocl-XXXXXX";
-    if (!mkdtemp(templ.data()))
-      throw std::runtime_error("mkdtemp failed");
-    char *real = realpath(templ.c_str(), nullptr);
-    if (!real)
-      throw std::runtime_error("realpath failed");
-    root_ = real;
-    free(real);
-  }
-  ~TempTree() {
-    size_t slash = root_.rfind('/');
-    std::string parent = slash == 0 ? "/" : root_.substr(0, slash);
-    int fd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-      remove_at(fd, root_.c_str() + slash + 1);
-      close(fd);
-    }
-  }
-  TempTree(const TempTree &) = delete;
-  TempTree &operator=(const TempTree &) = delete;
+  TempTree() : dir_("fsic-ocl") {}
 
-  const std::string &root() const { return root_; }
-  std::string path(const std::string &rel) const { return rel.empty() ? root_ : root_ + "/" + rel; }
+  const std::string &root() const { return dir_.path(); }
+  std::string path(const std::string &rel) const { return rel.empty() ? root() : dir_ / rel; }
 
   void dir(const std::string &rel, mode_t mode = 0755) const {
     check(mkdir(path(rel).c_str(), mode), "mkdir", rel);
@@ -191,7 +146,7 @@ class TempTree {
     if (rc != 0)
       throw std::runtime_error(std::string(what) + " " + rel + ": " + strerror(errno));
   }
-  std::string root_;
+  support::temp_dir dir_;
 };
 
 // Owns a path buffer started with `text`.
@@ -237,26 +192,6 @@ class Masks {
   std::vector<std::string> strings_;
   std::vector<char *> ptrs_;
 };
-
-// Runs `body` in a child process that has given up root (uid and gid 65534), so that
-// permission bits bind as they do for an ordinary user; returns the child's exit code
-// (the body's result, 0-255), or -1 when the child could not drop privileges.
-inline int run_unprivileged(const std::function<int()> &body) {
-  fflush(nullptr);
-  pid_t pid = fork();
-  if (pid < 0)
-    throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
-      _exit(255);
-    _exit(body() & 0xFF);
-  }
-  int wstatus = 0;
-  if (waitpid(pid, &wstatus, 0) != pid || !WIFEXITED(wstatus))
-    return -1;
-  int code = WEXITSTATUS(wstatus);
-  return code == 255 ? -1 : code;
-}
 
 }  // namespace ocltest
 

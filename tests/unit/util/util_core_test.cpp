@@ -17,7 +17,7 @@
 #include <fsic/list.h>
 #include <fsic/util.h>
 
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 #include "util/dir_iter.h"
 
 namespace fs = std::filesystem;
@@ -169,23 +169,23 @@ void make_link(const fs::path &link, const std::string &target) {
 }
 
 TEST(ResolveLink, SysfsBlockEntryGivesDevicePath) {
-  TempDir tmp;
+  support::temp_dir tmp("fsic-util");
   const std::string rel =
       "devices/pci0000:00/0000:00:1f.2/host0/target0:0:0/0:0:0:0/block/sda";
-  fs::create_directories(tmp.path() / "sys" / rel);
-  const fs::path link = tmp.path() / "sys/class/block/sda";
+  fs::create_directories(tmp / ("sys/" + rel));
+  const fs::path link = tmp / "sys/class/block/sda";
   make_link(link, "../../" + rel);
 
   PathBuf buf(link.string());
   ASSERT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), 0);
-  EXPECT_EQ(std::string(buf.data), tmp.str() + "/sys/" + rel);
+  EXPECT_EQ(std::string(buf.data), tmp.path() + "/sys/" + rel);
   // The text agrees with what the kernel resolves.
   EXPECT_EQ(std::string(buf.data), fs::canonical(link).string());
 }
 
 TEST(ResolveLink, TooManyParentStepsFailsAndLeavesPathUnchanged) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "l";
   // One "../" per '/' of the link path: one more than its directories.
   const std::string path = link.string();
   const size_t slashes = std::count(path.begin(), path.end(), '/');
@@ -203,8 +203,8 @@ TEST(ResolveLink, TooManyParentStepsFailsAndLeavesPathUnchanged) {
 }
 
 TEST(ResolveLink, ClimbingExactlyToTheRootGivesRootPath) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "l";
   const std::string path = link.string();
   const size_t slashes = std::count(path.begin(), path.end(), '/');
   std::string target;
@@ -219,8 +219,8 @@ TEST(ResolveLink, ClimbingExactlyToTheRootGivesRootPath) {
 }
 
 TEST(ResolveLink, TargetOf1024BytesFails) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "l";
   make_link(link, std::string(1024, 'a'));
 
   PathBuf buf(link.string());
@@ -231,8 +231,8 @@ TEST(ResolveLink, TargetOf1024BytesFails) {
 }
 
 TEST(ResolveLink, TargetOf1023BytesIsAcceptedAndResultCut) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "l";
   const std::string target = "../" + std::string(1020, 'b');
   ASSERT_EQ(target.size(), 1023u);
   make_link(link, target);
@@ -240,57 +240,58 @@ TEST(ResolveLink, TargetOf1023BytesIsAcceptedAndResultCut) {
   PathBuf buf(link.string());
   ASSERT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), 0);
   // The full result does not fit in 1024 bytes: it is silently cut.
-  const std::string full = tmp.path().parent_path().string() + "/" + std::string(1020, 'b');
+  const std::string full =
+      fs::path(tmp.path()).parent_path().string() + "/" + std::string(1020, 'b');
   ASSERT_GT(full.size(), kPathMax - 1);
   EXPECT_EQ(std::string(buf.data), full.substr(0, kPathMax - 1));
 }
 
 TEST(ResolveLink, TargetWithoutParentStepsJoinsLinkDirectory) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "sys/class/block/x";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "sys/class/block/x";
   make_link(link, "y");
 
   PathBuf buf(link.string());
   ASSERT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), 0);
-  EXPECT_EQ(std::string(buf.data), tmp.str() + "/sys/class/block/y");
+  EXPECT_EQ(std::string(buf.data), tmp.path() + "/sys/class/block/y");
 }
 
 TEST(ResolveLink, AbsoluteTargetIsAppendedGivingDoubleSlash) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "a/l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "a/l";
   make_link(link, "/dev/sda");
 
   PathBuf buf(link.string());
   ASSERT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), 0);
-  EXPECT_EQ(std::string(buf.data), tmp.str() + "/a//dev/sda");
+  EXPECT_EQ(std::string(buf.data), tmp.path() + "/a//dev/sda");
 }
 
 TEST(ResolveLink, DotComponentsAreKept) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "a/b/l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "a/b/l";
   make_link(link, ".././c/./d");
 
   PathBuf buf(link.string());
   ASSERT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), 0);
-  EXPECT_EQ(std::string(buf.data), tmp.str() + "/a/./c/./d");
+  EXPECT_EQ(std::string(buf.data), tmp.path() + "/a/./c/./d");
 }
 
 TEST(ResolveLink, NotALinkFails) {
-  TempDir tmp;
-  const fs::path file = tmp.path() / "plain";
+  support::temp_dir tmp("fsic-util");
+  const fs::path file = tmp / "plain";
   std::ofstream(file) << "x";
 
   PathBuf buf(file.string());
   EXPECT_EQ(ic_util_resolve_link(buf.data, sizeof(buf.data)), -1);
   EXPECT_EQ(std::string(buf.data), file.string());
 
-  PathBuf missing((tmp.path() / "missing").string());
+  PathBuf missing(tmp / "missing");
   EXPECT_EQ(ic_util_resolve_link(missing.data, sizeof(missing.data)), -1);
 }
 
 TEST(ResolveLink, SmallCapacityCutsResult) {
-  TempDir tmp;
-  const fs::path link = tmp.path() / "d/l";
+  support::temp_dir tmp("fsic-util");
+  const fs::path link = tmp / "d/l";
   make_link(link, "../target-name");
 
   const std::string path = link.string();
@@ -299,7 +300,7 @@ TEST(ResolveLink, SmallCapacityCutsResult) {
   memset(buf, 'x', sizeof(buf));
   strcpy(buf, path.c_str());
   ASSERT_EQ(ic_util_resolve_link(buf, capacity), 0);
-  const std::string full = tmp.str() + "/target-name";
+  const std::string full = tmp.path() + "/target-name";
   EXPECT_EQ(std::string(buf), full.substr(0, capacity - 1));
   EXPECT_EQ(buf[capacity], 'x');
 }
@@ -324,9 +325,9 @@ std::set<std::string> read_all(const std::string &dir) {
 }
 
 TEST(DirIter, EmptyDirectoryEndsAtOnce) {
-  TempDir tmp;
+  support::temp_dir tmp("fsic-util");
   fs_dir_iter iter;
-  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.str().c_str()), 0);
+  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.path().c_str()), 0);
   char buf[kPathMax];
   char *result = buf;
   EXPECT_EQ(_fs_dir_iterate_next(&iter, buf, sizeof(buf), &result), 0);
@@ -335,8 +336,8 @@ TEST(DirIter, EmptyDirectoryEndsAtOnce) {
 }
 
 TEST(DirIter, ReturnsHiddenNamesButNeverDotEntries) {
-  TempDir tmp;
-  const std::string dir = tmp.str();
+  support::temp_dir tmp("fsic-util");
+  const std::string dir = tmp.path();
   std::ofstream(dir + "/.hidden") << "";
   std::ofstream(dir + "/..x") << "";
   std::ofstream(dir + "/plain") << "";
@@ -348,18 +349,18 @@ TEST(DirIter, ReturnsHiddenNamesButNeverDotEntries) {
 }
 
 TEST(DirIter, PathIsTakenAsGiven) {
-  TempDir tmp;
-  std::ofstream(tmp.str() + "/f") << "";
+  support::temp_dir tmp("fsic-util");
+  std::ofstream(tmp.path() + "/f") << "";
   // A trailing '/' in the given path is kept as it is.
-  const std::string dir = tmp.str() + "/";
+  const std::string dir = tmp.path() + "/";
   EXPECT_EQ(read_all(dir), std::set<std::string>{dir + "/f"});
 }
 
 TEST(DirIter, LongPathIsCutNotReported) {
-  TempDir tmp;
-  std::ofstream(tmp.str() + "/entry-name") << "";
+  support::temp_dir tmp("fsic-util");
+  std::ofstream(tmp.path() + "/entry-name") << "";
   fs_dir_iter iter;
-  const std::string dir = tmp.str();
+  const std::string dir = tmp.path();
   ASSERT_EQ(_fs_dir_iterate_begin(&iter, dir.c_str()), 0);
   char buf[kPathMax];
   memset(buf, 'x', sizeof(buf));
@@ -373,8 +374,8 @@ TEST(DirIter, LongPathIsCutNotReported) {
 }
 
 TEST(DirIter, MissingDirectoryFailsWithErrno) {
-  TempDir tmp;
-  const std::string dir = tmp.str() + "/missing";
+  support::temp_dir tmp("fsic-util");
+  const std::string dir = tmp.path() + "/missing";
   fs_dir_iter iter;
   errno = 0;
   EXPECT_EQ(_fs_dir_iterate_begin(&iter, dir.c_str()), -1);
@@ -382,10 +383,10 @@ TEST(DirIter, MissingDirectoryFailsWithErrno) {
 }
 
 TEST(DirIter, ReadErrorReturnsMinusOneAndLeavesResult) {
-  TempDir tmp;
-  std::ofstream(tmp.str() + "/f") << "";
+  support::temp_dir tmp("fsic-util");
+  std::ofstream(tmp.path() + "/f") << "";
   fs_dir_iter iter;
-  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.str().c_str()), 0);
+  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.path().c_str()), 0);
   // Nothing has been read yet, so the next read goes to the (now closed) descriptor.
   ASSERT_EQ(close(dirfd(iter.dir)), 0);
   char buf[kPathMax];
@@ -400,9 +401,9 @@ TEST(DirIter, ReadErrorReturnsMinusOneAndLeavesResult) {
 }
 
 TEST(DirIter, EndOfDirectoryKeepsCallersErrno) {
-  TempDir tmp;
+  support::temp_dir tmp("fsic-util");
   fs_dir_iter iter;
-  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.str().c_str()), 0);
+  ASSERT_EQ(_fs_dir_iterate_begin(&iter, tmp.path().c_str()), 0);
   char buf[kPathMax];
   char *result = buf;
   errno = EINTR;

@@ -1,0 +1,41 @@
+// The mount table of this process (/proc/self/mountinfo) as the tests read it, and the
+// detaching of mounts below a directory of a test's own.
+#ifndef FSIC_TESTS_SUPPORT_MOUNT_TABLE_H
+#define FSIC_TESTS_SUPPORT_MOUNT_TABLE_H
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace support {
+
+struct mount_line {
+  std::string mount_point;
+  std::string options;        // per-mount options (field 6)
+  std::string fs_type;
+  std::string source;
+  std::string super_options;  // per-superblock options
+};
+
+// Undoes the octal escapes of /proc/self/mountinfo (\040 for a blank).
+std::string mountinfo_unescape(const std::string &s);
+
+std::vector<mount_line> read_mountinfo();
+
+// The last (topmost) mount on exactly that directory.
+std::optional<mount_line> find_mount(const std::string &dir);
+
+// How many mounts are on exactly that directory, and how many have that source.
+int count_mounts_at(const std::string &dir);
+int count_mounts_of(const std::string &source);
+
+// The comma-separated options as a set.
+std::set<std::string> split_options(const std::string &options);
+
+// Lazily detaches every mount at or below `dir`, deepest first.
+void detach_mounts_below(const std::string &dir);
+
+}  // namespace support
+
+#endif  // FSIC_TESTS_SUPPORT_MOUNT_TABLE_H
