@@ -61,7 +61,7 @@ std::string hex(const uint8_t *p, size_t n) {
 
 // One implementation behind a common interface: start(set), update, finish.
 class hasher {
- public:
+public:
   virtual ~hasher() = default;
   virtual const char *name() const = 0;
   virtual bool supports(unsigned set) const = 0;
@@ -71,9 +71,10 @@ class hasher {
 };
 
 class fsic_hasher final : public hasher {
- public:
+public:
   fsic_hasher() : ctx_(gost_r3411_94_create_context()) {
-    if (ctx_ == nullptr) std::abort();
+    if (ctx_ == nullptr)
+      std::abort();
   }
   ~fsic_hasher() override { gost_r3411_94_free_context(ctx_); }
   const char *name() const override { return "fsic"; }
@@ -90,15 +91,16 @@ class fsic_hasher final : public hasher {
   }
   void finish(uint8_t out[32]) override { gost_r3411_94_final(ctx_, out); }
 
- private:
+private:
   gost_r3411_94_ctx *ctx_;
 };
 
 #ifdef FSIC_HAVE_RHASH
 class rhash_hasher final : public hasher {
- public:
+public:
   ~rhash_hasher() override {
-    if (ctx_ != nullptr) rhash_free(ctx_);
+    if (ctx_ != nullptr)
+      rhash_free(ctx_);
   }
   const char *name() const override { return "librhash"; }
   bool supports(unsigned) const override { return true; }
@@ -108,15 +110,17 @@ class rhash_hasher final : public hasher {
       rhash_reset(ctx_);
       return;
     }
-    if (ctx_ != nullptr) rhash_free(ctx_);
+    if (ctx_ != nullptr)
+      rhash_free(ctx_);
     ctx_ = rhash_init(id);
     id_ = id;
-    if (ctx_ == nullptr) std::abort();
+    if (ctx_ == nullptr)
+      std::abort();
   }
   void update(const uint8_t *p, size_t n) override { rhash_update(ctx_, p, n); }
   void finish(uint8_t out[32]) override { rhash_final(ctx_, out); }
 
- private:
+private:
   rhash ctx_ = nullptr;
   unsigned id_ = 0;
 };
@@ -124,9 +128,10 @@ class rhash_hasher final : public hasher {
 
 #ifdef FSIC_HAVE_GCRYPT
 class gcrypt_hasher final : public hasher {
- public:
+public:
   ~gcrypt_hasher() override {
-    if (h_ != nullptr) gcry_md_close(h_);
+    if (h_ != nullptr)
+      gcry_md_close(h_);
   }
   const char *name() const override { return "libgcrypt"; }
   bool supports(unsigned) const override { return true; }
@@ -136,14 +141,16 @@ class gcrypt_hasher final : public hasher {
       gcry_md_reset(h_);
       return;
     }
-    if (h_ != nullptr) gcry_md_close(h_);
-    if (gcry_md_open(&h_, algo, 0) != 0) std::abort();
+    if (h_ != nullptr)
+      gcry_md_close(h_);
+    if (gcry_md_open(&h_, algo, 0) != 0)
+      std::abort();
     algo_ = algo;
   }
   void update(const uint8_t *p, size_t n) override { gcry_md_write(h_, p, n); }
   void finish(uint8_t out[32]) override { std::memcpy(out, gcry_md_read(h_, algo_), 32); }
 
- private:
+private:
   gcry_md_hd_t h_ = nullptr;
   int algo_ = 0;
 };
@@ -152,7 +159,7 @@ class gcrypt_hasher final : public hasher {
 #ifdef FSIC_HAVE_BOTAN
 // Botan's GOST 34.11 has the CryptoPro parameter set only.
 class botan_hasher final : public hasher {
- public:
+public:
   botan_hasher() : h_(Botan::HashFunction::create_or_throw("GOST-34.11")) {}
   const char *name() const override { return "Botan"; }
   bool supports(unsigned set) const override { return set == 1; }
@@ -160,7 +167,7 @@ class botan_hasher final : public hasher {
   void update(const uint8_t *p, size_t n) override { h_->update(p, n); }
   void finish(uint8_t out[32]) override { h_->final(out); }
 
- private:
+private:
   std::unique_ptr<Botan::HashFunction> h_;
 };
 #endif
@@ -185,12 +192,13 @@ std::vector<double> large(const std::vector<hasher *> &hs, unsigned set, const u
                           size_t bytes, unsigned rounds) {
   const size_t segment = bytes / rounds;
   std::vector<std::vector<double>> rates(hs.size());
-  for (hasher *h : hs) h->start(set);
+  for (hasher *h : hs)
+    h->start(set);
   for (unsigned r = 0; r < rounds; ++r) {
     const uint8_t *p = buf + size_t(r) * segment;
     const size_t n = r + 1 == rounds ? bytes - size_t(r) * segment : segment;
     for (size_t j = 0; j < hs.size(); ++j) {
-      const size_t i = (j + r) % hs.size();  // rotating order
+      const size_t i = (j + r) % hs.size(); // rotating order
       const auto t = clock_type::now();
       hs[i]->update(p, n);
       rates[i].push_back(double(n) / seconds_since(t) / 1e6);
@@ -207,9 +215,10 @@ std::vector<double> large(const std::vector<hasher *> &hs, unsigned set, const u
     }
     medians.push_back(median(rates[i]));
     const auto [lo, hi] = std::minmax_element(rates[i].begin(), rates[i].end());
-    std::printf("  %-10s %8.1f MB/s   (rounds: min %.1f, max %.1f)", hs[i]->name(), medians[i],
-                *lo, *hi);
-    if (i != 0) std::printf("   fsic/%s = %.2fx", hs[i]->name(), medians[0] / medians[i]);
+    std::printf("  %-10s %8.1f MB/s   (rounds: min %.1f, max %.1f)", hs[i]->name(), medians[i], *lo,
+                *hi);
+    if (i != 0)
+      std::printf("   fsic/%s = %.2fx", hs[i]->name(), medians[0] / medians[i]);
     std::printf("\n");
   }
   std::printf("  digest of the data (all agree%s): %s\n", failed ? " NOT" : "",
@@ -258,8 +267,10 @@ void small(const std::vector<hasher *> &hs, unsigned set, const uint8_t *buf, si
   const double m0 = median(rates[0]);
   for (size_t i = 0; i < hs.size(); ++i) {
     const double mi = median(rates[i]);
-    std::printf("  %-10s %8.1f MB/s  %10.0f messages/s", hs[i]->name(), mi, mi * 1e6 / double(size));
-    if (i != 0) std::printf("   fsic/%s = %.2fx", hs[i]->name(), m0 / mi);
+    std::printf("  %-10s %8.1f MB/s  %10.0f messages/s", hs[i]->name(), mi,
+                mi * 1e6 / double(size));
+    if (i != 0)
+      std::printf("   fsic/%s = %.2fx", hs[i]->name(), m0 / mi);
     std::printf("\n");
   }
 }
@@ -272,7 +283,8 @@ void check_abc(const std::vector<hasher *> &hs) {
       "b285056dbf18d7392d7677369524dd14747459ed8143997e163b2986f92fd42c"};
   for (unsigned set = 0; set < 2; ++set) {
     for (hasher *h : hs) {
-      if (!h->supports(set)) continue;
+      if (!h->supports(set))
+        continue;
       uint8_t out[32];
       h->start(set);
       h->update(reinterpret_cast<const uint8_t *>("abc"), 3);
@@ -304,7 +316,7 @@ bool parse(int argc, char **argv, options &o) {
   return o.mib > 0 && o.rounds > 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   options o;
@@ -314,7 +326,8 @@ int main(int argc, char **argv) {
   }
   const auto t_start = clock_type::now();
 #ifdef FSIC_HAVE_GCRYPT
-  if (gcry_check_version(GCRYPT_VERSION) == nullptr) return 1;
+  if (gcry_check_version(GCRYPT_VERSION) == nullptr)
+    return 1;
   gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
   gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
 #endif
@@ -324,7 +337,7 @@ int main(int argc, char **argv) {
 
   const size_t bytes = o.mib << 20;
   std::vector<uint8_t> buffer(bytes);
-  uint64_t x = 0x9e3779b97f4a7c15ull;  // xorshift64*
+  uint64_t x = 0x9e3779b97f4a7c15ull; // xorshift64*
   for (size_t i = 0; i < bytes; i += 8) {
     x ^= x >> 12;
     x ^= x << 25;
@@ -354,9 +367,10 @@ int main(int argc, char **argv) {
 #else
   left_out += " Botan";
 #endif
-  std::vector<hasher *> set0;  // those with the test set (Botan has not)
+  std::vector<hasher *> set0; // those with the test set (Botan has not)
   for (hasher *h : all) {
-    if (h->supports(0)) set0.push_back(h);
+    if (h->supports(0))
+      set0.push_back(h);
   }
   check_abc(all);
 
@@ -365,8 +379,9 @@ int main(int argc, char **argv) {
   if (!left_out.empty()) {
     std::printf("Peers not found at build time, left out:%s\n", left_out.c_str());
   }
-  std::printf("\nParameter set 1 (CryptoPro), %zu MiB buffer, %u rounds of %zu MiB, rotating order:\n",
-              o.mib, o.rounds, o.mib / o.rounds);
+  std::printf(
+      "\nParameter set 1 (CryptoPro), %zu MiB buffer, %u rounds of %zu MiB, rotating order:\n",
+      o.mib, o.rounds, o.mib / o.rounds);
   large(all, 1, buffer.data(), bytes, o.rounds);
 
   // The test set on a quarter of the buffer, to keep the run short.
@@ -379,8 +394,8 @@ int main(int argc, char **argv) {
   const unsigned small_rounds = o.quick ? 1 : 5;
   const double budget = o.quick ? 0.002 : 0.05;
   for (size_t size : {size_t{64}, size_t{1024}}) {
-    std::printf("\n%zu-byte messages, parameter set 1, init/update/final each, %u rounds:\n",
-                size, small_rounds);
+    std::printf("\n%zu-byte messages, parameter set 1, init/update/final each, %u rounds:\n", size,
+                small_rounds);
     small(all, 1, buffer.data(), bytes, size, small_rounds, budget);
   }
   std::printf("\n1 KiB messages, parameter set 0, %u rounds:\n", small_rounds);

@@ -13,17 +13,16 @@
 
 // The first and next functions of the records of `type` that an owner of type
 // `owner_type` links in its list `field`.
-#define FIRST_AND_NEXT(type, owner_type, field, first_fn, next_fn)                           \
-  extern "C" type *first_fn(owner_type *owner) noexcept {                                   \
-    return RECORD_AFTER(&owner->field, &owner->field, type);                                \
-  }                                                                                         \
-  extern "C" type *next_fn(owner_type *owner, type *record) noexcept {                      \
-    return RECORD_AFTER(&owner->field, &record->link, type);                                \
+#define FIRST_AND_NEXT(type, owner_type, field, first_fn, next_fn)     \
+  extern "C" type *first_fn(owner_type *owner) noexcept {              \
+    return RECORD_AFTER(&owner->field, &owner->field, type);           \
+  }                                                                    \
+  extern "C" type *next_fn(owner_type *owner, type *record) noexcept { \
+    return RECORD_AFTER(&owner->field, &record->link, type);           \
   }
 
 FIRST_AND_NEXT(fs_disk, fs_disk_list, disks, fs_disk_list_first_disk, fs_disk_list_next_disk)
-FIRST_AND_NEXT(fs_partition, fs_disk, partitions, fs_disk_first_partition,
-               fs_disk_next_partition)
+FIRST_AND_NEXT(fs_partition, fs_disk, partitions, fs_disk_first_partition, fs_disk_next_partition)
 FIRST_AND_NEXT(fs_image_disk, fs_disk_list, image_disks, fs_disk_list_first_image_disk,
                fs_disk_list_next_image_disk)
 FIRST_AND_NEXT(fs_partition, fs_image_disk, partitions, fs_image_disk_first_partition,
@@ -37,9 +36,9 @@ namespace {
 
 // The partition of that number among the owner's partitions, or null.
 template <typename Owner>
-fs_partition *partition_by_number(Owner *owner, int number,
-                                  fs_partition *(*first)(Owner *) noexcept,
-                                  fs_partition *(*next)(Owner *, fs_partition *) noexcept) noexcept {
+fs_partition *
+partition_by_number(Owner *owner, int number, fs_partition *(*first)(Owner *) noexcept,
+                    fs_partition *(*next)(Owner *, fs_partition *) noexcept) noexcept {
   for (fs_partition *p = first(owner); p; p = next(owner, p))
     if (p->number == number)
       return p;

@@ -177,8 +177,7 @@ fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
 void wait_unbound(const char *devnode) noexcept {
   const char *name = strrchr(devnode, '/');
   char path[1024];
-  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock,
-           name ? name + 1 : devnode);
+  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock, name ? name + 1 : devnode);
   const time_t start = time(nullptr);
   while (access(path, F_OK) == 0 && time(nullptr) - start <= kSettleSeconds) {
     struct timespec pause = {0, kSettlePollNanoseconds};
@@ -403,5 +402,5 @@ extern "C" fsic_status fs_disk_list_remove_image_disk(fs_disk_list *list,
 extern "C" void _fs_destroy_image_disks(fs_disk_list *list) noexcept {
   list_head *pos, *prev;
   list_for_each_prev_safe(pos, prev, &list->image_disks)
-    destroy_image_disk(list_entry(pos, fs_image_disk, link));
+      destroy_image_disk(list_entry(pos, fs_image_disk, link));
 }

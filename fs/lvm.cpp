@@ -64,8 +64,7 @@ fsic_status find_dm_device(udev *udev, const char *dm_name, udev_device_ptr *out
   });
 }
 
-fsic_status create_volume_record(fs_lvm_group *group, const char *name,
-                                 udev_device *dev) noexcept {
+fsic_status create_volume_record(fs_lvm_group *group, const char *name, udev_device *dev) noexcept {
   const char *devnode, *fs_type;
   fsic_status status = required_devnode(dev, &devnode, kLogSource);
   if (status != FSIC_OK)

@@ -47,7 +47,7 @@ namespace fsic::detail::lvm {
 struct handle {};
 
 struct group {
-  BDLVMVGdata *info;  // from bd_lvm_vginfo(); info->name is the group's name
+  BDLVMVGdata *info; // from bd_lvm_vginfo(); info->name is the group's name
 };
 
 namespace {
@@ -68,15 +68,15 @@ constexpr std::size_t quiet_domain_count = sizeof quiet_domains / sizeof quiet_d
 constexpr auto all_levels =
     static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK | G_LOG_FLAG_FATAL | G_LOG_FLAG_RECURSION);
 
-GMutex quiet_lock;  // guards quiet_users and quiet_handler_ids
+GMutex quiet_lock; // guards quiet_users and quiet_handler_ids
 int quiet_users = 0;
 guint quiet_handler_ids[quiet_domain_count];
-std::atomic<unsigned> saved_always_fatal{0};  // the mask in force before the first guard
-thread_local int quiet_depth = 0;             // guards alive on this thread
+std::atomic<unsigned> saved_always_fatal{0}; // the mask in force before the first guard
+thread_local int quiet_depth = 0;            // guards alive on this thread
 
-void quiet_handler(const gchar *domain, GLogLevelFlags level, const gchar *message,
-                   gpointer) {
-  if (quiet_depth > 0) return;
+void quiet_handler(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer) {
+  if (quiet_depth > 0)
+    return;
   // Another thread of the host program. Deliver the message the way GLib would without
   // our handler in place, including the fatality that G_DEBUG or the host asked for.
   const unsigned fatal = saved_always_fatal.load(std::memory_order_relaxed);
@@ -84,7 +84,8 @@ void quiet_handler(const gchar *domain, GLogLevelFlags level, const gchar *messa
   const auto delivered =
       static_cast<GLogLevelFlags>(make_fatal ? (level | G_LOG_FLAG_FATAL) : level);
   g_log_default_handler(domain, delivered, message, nullptr);
-  if (make_fatal && !(level & G_LOG_FLAG_FATAL)) std::abort();
+  if (make_fatal && !(level & G_LOG_FLAG_FATAL))
+    std::abort();
 }
 
 // Runs libblockdev calls quietly: one per adapter call.
@@ -92,7 +93,7 @@ using quiet = impl::quiet_glib_log;
 
 void drop_error(GError *&error) noexcept { g_clear_error(&error); }
 
-}  // namespace
+} // namespace
 
 namespace impl {
 
@@ -100,8 +101,8 @@ quiet_glib_log::quiet_glib_log() noexcept {
   g_mutex_lock(&quiet_lock);
   if (quiet_users++ == 0) {
     for (std::size_t i = 0; i < quiet_domain_count; ++i)
-      quiet_handler_ids[i] = g_log_set_handler(quiet_domains[i], all_levels, quiet_handler,
-                                               nullptr);
+      quiet_handler_ids[i] =
+          g_log_set_handler(quiet_domains[i], all_levels, quiet_handler, nullptr);
     // Warnings expected on failure paths must not abort under G_DEBUG=fatal-warnings.
     // GLib always keeps errors fatal.
     saved_always_fatal.store(g_log_set_always_fatal(static_cast<GLogLevelFlags>(0)),
@@ -123,7 +124,7 @@ quiet_glib_log::~quiet_glib_log() {
   g_mutex_unlock(&quiet_lock);
 }
 
-}  // namespace impl
+} // namespace impl
 
 handle *init() noexcept {
   quiet q;
@@ -143,12 +144,12 @@ handle *init() noexcept {
   gchar *loaded = bd_get_plugin_soname(BD_PLUGIN_LVM);
   const bool ours = loaded != nullptr && std::strcmp(loaded, plugin_soname) == 0;
   g_free(loaded);
-  if (!ours) return nullptr;
+  if (!ours)
+    return nullptr;
 
   // The plugin checks for `lvm` only when it is loaded; check on every init so that a
   // later session notices when LVM has become unusable.
-  if (!bd_utils_check_util_version("lvm", LVM_MIN_VERSION, "version", lvm_version_regex,
-                                   &error)) {
+  if (!bd_utils_check_util_version("lvm", LVM_MIN_VERSION, "version", lvm_version_regex, &error)) {
     drop_error(error);
     return nullptr;
   }
@@ -156,7 +157,8 @@ handle *init() noexcept {
 }
 
 int scan(handle *h) noexcept {
-  if (h == nullptr) return -1;
+  if (h == nullptr)
+    return -1;
   quiet q;
   GError *error = nullptr;
   if (!bd_lvm_pvscan(nullptr, FALSE, nullptr, &error)) {
@@ -171,16 +173,18 @@ int scan(handle *h) noexcept {
 namespace impl {
 
 void free_rows(BDLVMVGdata **rows, std::size_t size) noexcept {
-  for (std::size_t i = 0; i < size; ++i) bd_lvm_vgdata_free(rows[i]);
+  for (std::size_t i = 0; i < size; ++i)
+    bd_lvm_vgdata_free(rows[i]);
   g_free(rows);
 }
 
 void free_rows(BDLVMLVdata **rows, std::size_t size) noexcept {
-  for (std::size_t i = 0; i < size; ++i) bd_lvm_lvdata_free(rows[i]);
+  for (std::size_t i = 0; i < size; ++i)
+    bd_lvm_lvdata_free(rows[i]);
   g_free(rows);
 }
 
-}  // namespace impl
+} // namespace impl
 
 // ---- name_list ----------------------------------------------------------------------
 
@@ -191,7 +195,8 @@ const char *name_list::operator[](std::size_t i) const noexcept {
 }
 
 name_list list_vg_names(handle *h) noexcept {
-  if (h == nullptr) return {};
+  if (h == nullptr)
+    return {};
   quiet q;
   GError *error = nullptr;
   BDLVMVGdata **rows = bd_lvm_vgs(&error);
@@ -200,14 +205,16 @@ name_list list_vg_names(handle *h) noexcept {
     return {};
   }
   std::size_t n = 0;
-  while (rows[n] != nullptr) ++n;
+  while (rows[n] != nullptr)
+    ++n;
   return name_list(impl::row_array<BDLVMVGdata>(rows, n));
 }
 
 // ---- groups -------------------------------------------------------------------------
 
 group *vg_open(handle *h, const char *name) noexcept {
-  if (h == nullptr || name == nullptr || *name == '\0') return nullptr;
+  if (h == nullptr || name == nullptr || *name == '\0')
+    return nullptr;
   quiet q;
   GError *error = nullptr;
   BDLVMVGdata *info = bd_lvm_vginfo(name, &error);
@@ -221,12 +228,14 @@ group *vg_open(handle *h, const char *name) noexcept {
     return nullptr;
   }
   group *g = new (std::nothrow) group{info};
-  if (g == nullptr) bd_lvm_vgdata_free(info);
+  if (g == nullptr)
+    bd_lvm_vgdata_free(info);
   return g;
 }
 
 void vg_close(group *g) noexcept {
-  if (g == nullptr) return;
+  if (g == nullptr)
+    return;
   bd_lvm_vgdata_free(g->info);
   delete g;
 }
@@ -240,7 +249,8 @@ const lv *lv_list::operator[](std::size_t i) const noexcept {
 }
 
 lv_list vg_list_lvs(group *g) noexcept {
-  if (g == nullptr) return {};
+  if (g == nullptr)
+    return {};
   quiet q;
   GError *error = nullptr;
   BDLVMLVdata **rows = bd_lvm_lvs(g->info->name, &error);
@@ -273,4 +283,4 @@ const char *lv_get_name(const lv *v) noexcept {
 
 void quit(handle *h) noexcept { delete h; }
 
-}  // namespace fsic::detail::lvm
+} // namespace fsic::detail::lvm

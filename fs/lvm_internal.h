@@ -81,7 +81,8 @@ public:
 
 private:
   void reset() noexcept {
-    if (rows_ != nullptr) free_rows(rows_, size_);
+    if (rows_ != nullptr)
+      free_rows(rows_, size_);
     rows_ = nullptr;
     size_ = 0;
   }
@@ -90,11 +91,11 @@ private:
   std::size_t size_ = 0;
 };
 
-}  // namespace impl
+} // namespace impl
 
-struct handle;  // a usable LVM session, from init() to quit()
-struct group;   // an opened volume group, from vg_open() to vg_close()
-struct lv;      // one logical volume inside an lv_list
+struct handle; // a usable LVM session, from init() to quit()
+struct group;  // an opened volume group, from vg_open() to vg_close()
+struct lv;     // one logical volume inside an lv_list
 
 // Loads libblockdev with only its LVM plugin and checks that the `lvm` program runs.
 // Returns null when LVM is unusable (no `lvm` on PATH, plugin missing, ...).
@@ -183,8 +184,8 @@ public:
   quiet_glib_log &operator=(const quiet_glib_log &) = delete;
 };
 
-}  // namespace impl
+} // namespace impl
 
-}  // namespace fsic::detail::lvm
+} // namespace fsic::detail::lvm
 
 #endif // FSIC_FS_LVM_INTERNAL_H

@@ -180,8 +180,8 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) noexcept {
   ocl->count++;
 }
 
-fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
-                            uint32_t flags, fs_ocl_object **out) noexcept {
+fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path, uint32_t flags,
+                            fs_ocl_object **out) noexcept {
   object_owner obj;
   FSIC_TRY(start_object(sizeof(fs_ocl_file_object), path, FS_OCL_FILE, flags, &obj));
   auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
@@ -190,8 +190,8 @@ fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
       [&](fs_str_buf *name) noexcept { return fill_file(file, name->data); }, out);
 }
 
-fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path,
-                           char *const *masks, uint32_t flags, fs_ocl_object **out) noexcept {
+fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char *const *masks,
+                           uint32_t flags, fs_ocl_object **out) noexcept {
   object_owner obj;
   FSIC_TRY(start_object(sizeof(fs_ocl_dir_object), path, FS_OCL_DIR, flags, &obj));
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());

@@ -23,7 +23,7 @@ fsic_status init_entry_attrs(fs_str_buf *dir, const char *name, Attrs *attrs) no
 // One record per name, in the names' order; no partial array is left on failure.
 template <typename Attrs, fsic_status (*init)(const char *, Attrs *)>
 fsic_status create_attrs_array(fs_str_buf *dir, char *const *names, int count,
-                                      Attrs **out) noexcept {
+                               Attrs **out) noexcept {
   if (count <= 0) {
     *out = nullptr;
     return FSIC_OK;
@@ -78,14 +78,11 @@ fsic_status _fs_ocl_create_dir_attrs(const char *path, fs_ocl_dir_attrs **out) n
       [&](fs_ocl_dir_attrs *attrs) noexcept { return _fs_ocl_init_dir_attrs(path, attrs); }, out);
 }
 
-void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) noexcept {
-  free(attrs);
-}
+void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) noexcept { free(attrs); }
 
 fsic_status _fs_ocl_create_file_attrs_array(fs_str_buf *dir, char *const *names, int count,
                                             fs_ocl_file_attrs **out) noexcept {
-  return create_attrs_array<fs_ocl_file_attrs, _fs_ocl_init_file_attrs>(dir, names, count,
-                                                                         out);
+  return create_attrs_array<fs_ocl_file_attrs, _fs_ocl_init_file_attrs>(dir, names, count, out);
 }
 
 fsic_status _fs_ocl_create_subdir_attrs_array(fs_str_buf *dir, char *const *names, int count,

@@ -15,7 +15,6 @@
 using info_owner = fsic::detail::owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 using object_owner = fsic::detail::owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
-
 // ---- writing ----
 
 namespace {
@@ -129,8 +128,8 @@ fsic_status read_dir_attrs(rb *buf, fs_ocl_dir_attrs *attrs) noexcept {
 // Reads one value of `size` bytes into a new block that *field receives.
 template <typename T, typename Read>
 fsic_status read_new(rb *buf, T **field, size_t size, Read read) noexcept {
-  return fsic::detail::make_block(size, [&](T *value) noexcept { return read(buf, value); },
-                                  field);
+  return fsic::detail::make_block(
+      size, [&](T *value) noexcept { return read(buf, value); }, field);
 }
 
 fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
@@ -171,13 +170,11 @@ fsic_status read_count(rb *buf, uint32_t *out) noexcept {
 
 namespace {
 
-fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
-                                 fs_ocl_dir_info **out) noexcept;
+fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_info **out) noexcept;
 
 // The counts grow as entries are read, so that a failure part-way frees (and touches)
 // only what was read; a huge count costs no more than the blob that backs it.
-fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth,
-                                fs_ocl_dir_info *info) noexcept {
+fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_info *info) noexcept {
   uint32_t count;
   FSIC_TRY(read_count(buf, &count));
   if (count == 0)
@@ -232,8 +229,7 @@ fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept 
 
 // One info record at nesting level `depth` with its subtree; nothing is left allocated
 // on failure.
-fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth,
-                                 fs_ocl_dir_info **out) noexcept {
+fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_info **out) noexcept {
   if (depth > MAX_INFO_DEPTH)
     return FSIC_ERR_NO_MEMORY;
   info_owner info(static_cast<fs_ocl_dir_info *>(ic_util_zalloc(sizeof(fs_ocl_dir_info))));

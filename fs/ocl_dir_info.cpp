@@ -127,9 +127,8 @@ void free_names(char **names, int count) noexcept {
 
 } // namespace
 
-extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks,
-                                               uint32_t flags, int root,
-                                               fs_ocl_dir_info **out) noexcept {
+extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
+                                               int root, fs_ocl_dir_info **out) noexcept {
   info_owner info(static_cast<fs_ocl_dir_info *>(calloc(1, sizeof(fs_ocl_dir_info))));
   if (!info)
     return FSIC_ERR_NO_MEMORY;
@@ -144,8 +143,8 @@ extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *mas
   if (flags & CONTROL_DATA)
     status = fill_file_hashes(dir, info.get(), (flags & CONTROL_ATTRS) != 0);
   else if (flags & CONTROL_ATTRS)
-    status = _fs_ocl_create_file_attrs_array(dir, info->file_names, info->file_count,
-                                             &info->file_attrs);
+    status =
+        _fs_ocl_create_file_attrs_array(dir, info->file_names, info->file_count, &info->file_attrs);
   if (status == FSIC_OK && recursive) {
     status = fill_subdir_infos(dir, masks, flags, info.get());
     if (status == FSIC_OK && (flags & CONTROL_ATTRS))

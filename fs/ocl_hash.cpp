@@ -62,8 +62,6 @@ void feed_name(gost_r3411_94_ctx *ctx, const char *name) noexcept {
   gost_r3411_94_update(ctx, name, (unsigned)strlen(name));
 }
 
-
-
 // The hash of everything readable from `fd`: 0, or 1 (no context, a read error; no
 // retry, EINTR included).
 fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
@@ -99,7 +97,7 @@ fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
 // Feeds one file of the directory in `dir`: its name and, as the flags ask, its content
 // hash and its attributes.
 fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
-                             uint32_t flags) noexcept {
+                      uint32_t flags) noexcept {
   feed_name(ctx, name);
   if (!(flags & (CONTROL_DATA | CONTROL_ATTRS)))
     return FSIC_OK;
@@ -124,8 +122,8 @@ fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
   return status;
 }
 
-fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
-                              int count, uint32_t flags) noexcept {
+fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names, int count,
+                       uint32_t flags) noexcept {
   for (int i = 0; i < count; ++i) {
     fsic_status status = hash_file(ctx, dir, names[i], flags);
     if (status != FSIC_OK)
@@ -135,13 +133,12 @@ fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *nam
 }
 
 fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                     uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept;
+                             uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept;
 
 // Feeds a directory's hash and, under CONTROL_ATTRS, the attributes of the directory
 // `path`.
-fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
-                                       const uint8_t hash[FS_OCL_HASH_SIZE], const char *path,
-                                       uint32_t flags) noexcept {
+fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx, const uint8_t hash[FS_OCL_HASH_SIZE],
+                                const char *path, uint32_t flags) noexcept {
   gost_r3411_94_update(ctx, hash, FS_OCL_HASH_SIZE);
   if (!(flags & CONTROL_ATTRS))
     return FSIC_OK;
@@ -155,7 +152,7 @@ fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx,
 // Feeds one subdirectory unless it is empty: its name, its inner hash and, under
 // CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones.
 fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
-                               char *const *masks, uint32_t flags, int *kept) noexcept {
+                        char *const *masks, uint32_t flags, int *kept) noexcept {
   uint32_t len = _fs_str_buf_len(dir);
   fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
   if (status != FSIC_OK)
@@ -174,9 +171,8 @@ fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *nam
   return status;
 }
 
-fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names,
-                                int count, char *const *masks, uint32_t flags,
-                                int *kept) noexcept {
+fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names, int count,
+                         char *const *masks, uint32_t flags, int *kept) noexcept {
   for (int i = 0; i < count; ++i) {
     fsic_status status = hash_subdir(ctx, dir, names[i], masks, flags, kept);
     if (status != FSIC_OK)
@@ -188,7 +184,7 @@ fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *n
 // The inner hash of one level: its non-empty subdirectories (RECURSIVE), then its files.
 // `empty` receives 1 when neither contributed anything.
 fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                     uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept {
+                             uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept {
   gost_r3411_94_ctx *ctx = new_context();
   if (!ctx)
     return FSIC_ERR_FAILED;
@@ -240,8 +236,7 @@ fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) 
 
 fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) noexcept {
   return fsic::detail::make_block(
-      FS_OCL_HASH_SIZE, [&](uint8_t *hash) noexcept { return _fs_ocl_file_hash(path, hash); },
-      out);
+      FS_OCL_HASH_SIZE, [&](uint8_t *hash) noexcept { return _fs_ocl_file_hash(path, hash); }, out);
 }
 
 fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,

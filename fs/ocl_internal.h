@@ -33,8 +33,8 @@ fsic_status _fs_ocl_create_subdir_attrs_array(fs_str_buf *dir, char *const *name
 // The directory's regular files admitted by `masks` and, when `subdirs` is not nullptr,
 // its subdirectories, each as a byte-sorted array of names (no terminating nullptr) with
 // its count. Links are followed. 0, 1, 3, 11 (link loop, logged), 12 (path too long).
-fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
-                             int *file_count, char ***subdirs, int *subdir_count) FSIC_NOEXCEPT;
+fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files, int *file_count,
+                             char ***subdirs, int *subdir_count) FSIC_NOEXCEPT;
 // Frees `count` names and the array (nullptr with 0 allowed).
 void _fs_ocl_free_str_array(char **names, int count) FSIC_NOEXCEPT;
 // stat with the scanner's statuses: 0, 11 (ELOOP, logged on "fs_ocl"), 12
@@ -60,8 +60,8 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
 
 // The info of the directory held in `dir`; `root` 0 gives nullptr (and 0) for an empty
 // subdirectory. Nothing is left behind on failure.
-fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                    int root, fs_ocl_dir_info **out) FSIC_NOEXCEPT;
+fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags, int root,
+                                    fs_ocl_dir_info **out) FSIC_NOEXCEPT;
 // Frees an info tree, also a partly built one: the counts say how many entries the
 // name and info arrays hold, and null entries and arrays are passed over. Accepts
 // nullptr.

@@ -135,7 +135,7 @@ fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type) noexce
 
 // Reads the open stream into the two arrays (a nullptr array is not collected).
 fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array *files,
-                           str_array *subdirs) noexcept {
+                    str_array *subdirs) noexcept {
   // The buffer for resolving links is made on the first entry that needs it.
   fs_str_buf path = {nullptr, 0, 0};
   fsic_status status = FSIC_OK;
@@ -187,8 +187,8 @@ fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array 
 
 extern "C" {
 
-fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
-                             int *file_count, char ***subdirs, int *subdir_count) noexcept {
+fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files, int *file_count,
+                             char ***subdirs, int *subdir_count) noexcept {
   const bool want_files = files && file_count;
   const bool want_subdirs = subdirs && subdir_count;
 

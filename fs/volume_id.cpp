@@ -91,15 +91,14 @@ fs_volume *partition_id_find_volume(const fs_volume_id *id, fs_disk_list *list) 
   return nullptr;
 }
 
-const fs_volume_id_ops partition_id_ops = {
-    FS_VOLUME_PARTITION, partition_id_copy, numbered_compare, partition_id_find_volume,
-    numbered_write,      numbered_destroy};
+const fs_volume_id_ops partition_id_ops = {FS_VOLUME_PARTITION, partition_id_copy,
+                                           numbered_compare,    partition_id_find_volume,
+                                           numbered_write,      numbered_destroy};
 
 // ---- image partition -------------------------------------------------------------------
 
 fsic_status image_partition_id_copy(const fs_volume_id *id, fs_volume_id **out) {
-  return fs_image_partition_id_create(as_numbered(id)->disk_serial, as_numbered(id)->number,
-                                      out);
+  return fs_image_partition_id_create(as_numbered(id)->disk_serial, as_numbered(id)->number, out);
 }
 
 fs_volume *image_partition_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
@@ -115,8 +114,8 @@ fs_volume *image_partition_id_find_volume(const fs_volume_id *id, fs_disk_list *
 }
 
 const fs_volume_id_ops image_partition_id_ops = {
-    FS_VOLUME_IMAGE_PARTITION, image_partition_id_copy, numbered_compare,
-    image_partition_id_find_volume, numbered_write, numbered_destroy};
+    FS_VOLUME_IMAGE_PARTITION,      image_partition_id_copy, numbered_compare,
+    image_partition_id_find_volume, numbered_write,          numbered_destroy};
 
 // ---- LVM volume ------------------------------------------------------------------------
 
@@ -165,9 +164,9 @@ void lvm_volume_id_destroy(fs_volume_id *id) {
   free(id);
 }
 
-const fs_volume_id_ops lvm_volume_id_ops = {
-    FS_VOLUME_LVM,         lvm_volume_id_copy,  lvm_volume_id_compare, lvm_volume_id_find_volume,
-    lvm_volume_id_write,   lvm_volume_id_destroy};
+const fs_volume_id_ops lvm_volume_id_ops = {FS_VOLUME_LVM,         lvm_volume_id_copy,
+                                            lvm_volume_id_compare, lvm_volume_id_find_volume,
+                                            lvm_volume_id_write,   lvm_volume_id_destroy};
 
 // ---- readers ---------------------------------------------------------------------------
 

@@ -55,12 +55,12 @@ constexpr unsigned kMaxInfoDepth = 4096;
 constexpr uint64_t kLargeAllocation = 1u << 20;
 
 constexpr uint32_t kOk = 0;
-constexpr uint32_t kShort = 1;   // also unknown kinds and types
+constexpr uint32_t kShort = 1; // also unknown kinds and types
 constexpr uint32_t kNoMemory = 3;
 
 // Bounds-checked little-endian reader over the input.
 class Reader {
- public:
+public:
   Reader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
 
   bool take(size_t n, const uint8_t **out) {
@@ -97,7 +97,7 @@ class Reader {
   }
   size_t pos() const { return pos_; }
 
- private:
+private:
   const uint8_t *data_;
   size_t size_;
   size_t pos_ = 0;
@@ -126,8 +126,8 @@ struct Writer {
 struct Expect {
   uint32_t status = kOk;
   bool may_run_out = false;
-  size_t consumed = 0;  // on success
-  Bytes normal;         // on success: what the writer must produce
+  size_t consumed = 0; // on success
+  Bytes normal;        // on success: what the writer must produce
 };
 
 // The library's status against the model: 3 is also allowed after a large request.
@@ -185,7 +185,7 @@ inline int model_compare(const IdValue &a, const IdValue &b) {
 // ---------------------------------------------------------------- object control list
 
 class OclModel {
- public:
+public:
   explicit OclModel(Reader &r) : r_(r) {}
 
   // Reads one list; on success `w` receives its normal form.
@@ -193,7 +193,7 @@ class OclModel {
     uint32_t count;
     if (!r_.u32(&count))
       return kShort;
-    std::map<std::string, Bytes> objects;  // by path: the later object wins
+    std::map<std::string, Bytes> objects; // by path: the later object wins
     for (uint32_t i = 0; i < count; i++) {
       std::string path;
       Writer body;
@@ -210,7 +210,7 @@ class OclModel {
 
   bool may_run_out() const { return may_run_out_; }
 
- private:
+private:
   static constexpr uint32_t kEachFile = 1, kControlData = 4, kControlAttrs = 8;
 
   void note_array(uint32_t count, size_t elem) {
@@ -350,7 +350,7 @@ inline Expect expect_ocl(const uint8_t *data, size_t size) {
 
 struct IclExpect : Expect {
   uint16_t count = 0;
-  Bytes forward;  // the count and the entries' normal forms in blob order
+  Bytes forward; // the count and the entries' normal forms in blob order
   // `normal` (inherited) holds the count and the entries in reverse order.
 };
 
@@ -388,6 +388,6 @@ inline IclExpect expect_icl(const uint8_t *data, size_t size) {
   return e;
 }
 
-}  // namespace fuzz
+} // namespace fuzz
 
-#endif  // FSIC_FUZZ_BLOB_MODEL_H
+#endif // FSIC_FUZZ_BLOB_MODEL_H

@@ -9,20 +9,19 @@
 
 // A property that does not hold is a finding: say which one and stop at once, so that
 // libFuzzer keeps the input as a crash artefact (and a replay run fails).
-#define FUZZ_CHECK(cond)                                                         \
-  do {                                                                           \
-    if (!(cond)) {                                                               \
-      fprintf(stderr, "fuzz property failed: %s at %s:%d\n", #cond, __FILE__,    \
-              __LINE__);                                                         \
-      fflush(stderr);                                                            \
-      __builtin_trap();                                                          \
-    }                                                                            \
+#define FUZZ_CHECK(cond)                                                                 \
+  do {                                                                                   \
+    if (!(cond)) {                                                                       \
+      fprintf(stderr, "fuzz property failed: %s at %s:%d\n", #cond, __FILE__, __LINE__); \
+      fflush(stderr);                                                                    \
+      __builtin_trap();                                                                  \
+    }                                                                                    \
   } while (0)
 
 namespace fuzz {
 
 using Bytes = std::vector<uint8_t>;
 
-}  // namespace fuzz
+} // namespace fuzz
 
-#endif  // FSIC_FUZZ_FUZZ_CHECK_H
+#endif // FSIC_FUZZ_FUZZ_CHECK_H

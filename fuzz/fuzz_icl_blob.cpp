@@ -47,7 +47,7 @@ fuzz::Bytes round_trip(const fuzz::Bytes &blob) {
   return out;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > UINT32_MAX)

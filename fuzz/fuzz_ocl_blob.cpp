@@ -96,7 +96,7 @@ fuzz::Bytes write_list(const fs_ocl *ocl) {
   return out;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > UINT32_MAX)

@@ -72,7 +72,7 @@ Read read_at(const uint8_t *data, size_t size, size_t offset) {
   return r;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > UINT32_MAX)

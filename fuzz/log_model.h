@@ -94,7 +94,7 @@ struct Call {
   const char *function;
   int line;
   std::string message;
-  bool raw;  // ic_log_write (bytes cut at the end) or ic_log "%s" (whole or dropped)
+  bool raw; // ic_log_write (bytes cut at the end) or ic_log "%s" (whole or dropped)
 };
 
 // The expected record: bytes, with the digits of times left open (kDigit), and where
@@ -102,7 +102,7 @@ struct Call {
 constexpr int kDigit = -1;
 struct Expected {
   std::vector<int> bytes;
-  std::vector<std::pair<size_t, unsigned>> times;  // offset and placeholder code 1..3
+  std::vector<std::pair<size_t, unsigned>> times; // offset and placeholder code 1..3
 };
 
 inline Expected model_record(const format_desc &d, const Call &c) {
@@ -126,13 +126,20 @@ inline Expected model_record(const format_desc &d, const Call &c) {
   for (unsigned i = 0; i < LOG_FORMAT_ITEMS && d.items[i] != 0; i++) {
     const unsigned code = d.items[i];
     switch (code) {
-      case 1: put_whole("DDDD/DD/DD DD:DD:DD.DDD", true, code); break;
-      case 2: put_whole("DDDD/DD/DD", true, code); break;
-      case 3: put_whole("DD:DD:DD.DDD", true, code); break;
-      case 4: put(std::string(c.channel, strnlen(c.channel, LOG_NAME_SIZE))); break;
+      case 1:
+        put_whole("DDDD/DD/DD DD:DD:DD.DDD", true, code);
+        break;
+      case 2:
+        put_whole("DDDD/DD/DD", true, code);
+        break;
+      case 3:
+        put_whole("DD:DD:DD.DDD", true, code);
+        break;
+      case 4:
+        put(std::string(c.channel, strnlen(c.channel, LOG_NAME_SIZE)));
+        break;
       case 5:
-        put(static_cast<unsigned>(c.cls) < 6 ? std::string(classes[c.cls])
-                                             : std::to_string(c.cls));
+        put(static_cast<unsigned>(c.cls) < 6 ? std::string(classes[c.cls]) : std::to_string(c.cls));
         break;
       case 6:
         put(c.file);
@@ -141,9 +148,14 @@ inline Expected model_record(const format_desc &d, const Call &c) {
         put(":");
         put(std::to_string(c.line));
         break;
-      case 7: put(c.file); break;
-      case 8: break;
-      case 9: put(std::to_string(c.line)); break;
+      case 7:
+        put(c.file);
+        break;
+      case 8:
+        break;
+      case 9:
+        put(std::to_string(c.line));
+        break;
       case 10:
         if (c.raw)
           put(c.message);
@@ -219,7 +231,7 @@ inline int capture_writer(const void *data, unsigned len) {
 inline void check_records(const format_desc &want) {
   FUZZ_CHECK(memcmp(get_format(), &want, sizeof want) == 0);
   _ic_log_set_writer(capture_writer);
-  ic_log_set_default_level(7);  // classes 0..7 on channels without an entry
+  ic_log_set_default_level(7); // classes 0..7 on channels without an entry
 
   // The channels' names hold a "_", which ends a name in the configuration, so no
   // section can give them an entry of their own: they follow the default mask.
@@ -238,8 +250,8 @@ inline void check_records(const format_desc &want) {
     snprintf(channel.name, sizeof channel.name, "%s", c.channel);
     captured().clear();
     if (c.raw) {
-      const int ret = ic_log_write(&channel, c.cls, c.file, c.function, c.line,
-                                   c.message.data(), static_cast<unsigned>(c.message.size()));
+      const int ret = ic_log_write(&channel, c.cls, c.file, c.function, c.line, c.message.data(),
+                                   static_cast<unsigned>(c.message.size()));
       FUZZ_CHECK(captured().size() == 1);
       FUZZ_CHECK(ret == static_cast<int>(captured()[0].size()));
     } else {
@@ -255,7 +267,7 @@ inline void check_records(const format_desc &want) {
 
 // The configuration's effect, modelled line by line from the file's rules.
 class ConfigModel {
- public:
+public:
   ConfigModel() { FUZZ_CHECK(model_compile(kDefault, &format_)); }
 
   // Applies the bytes as the stream loader reads them: pieces of at most 254 characters
@@ -289,7 +301,7 @@ class ConfigModel {
   static constexpr const char *kDefault =
       "%{timestamp} [%{channel}] %{class}: %{source} %{message}";
 
- private:
+private:
   static bool blank(char c) { return c == ' ' || c == '\t'; }
   static bool letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
   static bool digit(char c) { return c >= '0' && c <= '9'; }
@@ -428,8 +440,8 @@ class ConfigModel {
   }
 
   uint32_t default_ = 3;
-  std::vector<std::pair<std::string, uint32_t>> entries_;  // sorted by strcmp
-  int current_ = -1;                                       // index of the section's entry
+  std::vector<std::pair<std::string, uint32_t>> entries_; // sorted by strcmp
+  int current_ = -1;                                      // index of the section's entry
   bool skip_ = false;
   format_desc format_;
 };
@@ -437,6 +449,6 @@ class ConfigModel {
 // Masks that a level can give: (1 << k) - 1 for k = 0..31, never bit 31.
 inline bool is_level_mask(uint32_t m) { return m <= 0x7FFFFFFFu && (m & (m + 1)) == 0; }
 
-}  // namespace fuzz
+} // namespace fuzz
 
-#endif  // FSIC_FUZZ_LOG_MODEL_H
+#endif // FSIC_FUZZ_LOG_MODEL_H

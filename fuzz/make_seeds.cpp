@@ -42,7 +42,8 @@ void die(const std::string &what) {
 void save(const std::string &target, const std::string &name, const Bytes &bytes) {
   fsys::create_directories(g_out / target);
   std::ofstream out(g_out / target / name, std::ios::binary);
-  out.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.write(reinterpret_cast<const char *>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
   if (!out)
     die("cannot write " + (g_out / target / name).string());
 }
@@ -113,8 +114,8 @@ std::vector<fs_ocl *> ocl_seeds(const fsys::path &root) {
     if (fs_ocl_create(&ocl) != FSIC_OK)
       die("fs_ocl_create");
     if (fs_ocl_add_file(ocl, root.c_str(), "/a", flags, nullptr) != FSIC_OK ||
-        fs_ocl_add_dir(ocl, root.c_str(), "/d", (flags & 2) ? masks : nullptr, flags,
-                       nullptr) != FSIC_OK)
+        fs_ocl_add_dir(ocl, root.c_str(), "/d", (flags & 2) ? masks : nullptr, flags, nullptr) !=
+            FSIC_OK)
       die("adding objects with flags " + std::to_string(flags));
     lists.push_back(ocl);
   }
@@ -171,9 +172,9 @@ void write_ocl_seeds(const fsys::path &root) {
   order.u16(0);
   order.u16(0);
   order.u16(2);
-  order.b.insert(order.b.end(), {'/', 'a', 0, 'x'});  // /a with a NUL inside
+  order.b.insert(order.b.end(), {'/', 'a', 0, 'x'}); // /a with a NUL inside
   order.u16(0);
-  order.b.insert(order.b.end(), {0xDE, 0xAD});  // trailing bytes
+  order.b.insert(order.b.end(), {0xDE, 0xAD}); // trailing bytes
   save("ocl_blob", "unsorted-nul-trailing", order.b);
   save("ocl_blob", "unknown-type", Bytes{1, 0, 0, 0, 2, 0, 2, 0, '/', 'x'});
   // An info record whose counts ask for far more than the blob holds.
@@ -188,9 +189,9 @@ void write_id_seeds() {
       fs_lvm_volume_id_create("vg", "lv", &lvm) != FSIC_OK)
     die("identifiers");
   const Bytes p = id_blob(part), i = id_blob(image), l = id_blob(lvm);
-  save("volume_id", "partition-ABC-1", p);    // 00 00 03 00 41 42 43 01 00
+  save("volume_id", "partition-ABC-1", p); // 00 00 03 00 41 42 43 01 00
   save("volume_id", "image-partition", i);
-  save("volume_id", "lvm-vg-lv", l);          // 02 00 02 00 76 67 02 00 6C 76
+  save("volume_id", "lvm-vg-lv", l); // 02 00 02 00 76 67 02 00 6C 76
   save("volume_id", "partition-then-image", concat(p, i));
   save("volume_id", "lvm-then-partition", concat(l, p));
   save("volume_id", "unknown-kind", Bytes{3, 0, 1, 0, 'x'});
@@ -237,8 +238,8 @@ void write_log_seeds() {
                     "[fs]\r\nlevel=4\r\nformat='x'\r\n"},
       {"levels", "[a]\nlevel=30\n[b]\nlevel=31\n[c]\nlevel=trace\n[d]\nlevel= 010 \n"
                  "[e]\nlevel=99999999999\n[f]\nlevel=-2147483649\n"},
-      {"long-name", "[" + std::string(32, 'b') + "]\nlevel=5\n[" + std::string(31, 'a') +
-                        "]\nlevel=2\n"},
+      {"long-name",
+       "[" + std::string(32, 'b') + "]\nlevel=5\n[" + std::string(31, 'a') + "]\nlevel=2\n"},
       {"long-line", "#" + std::string(253, 'x') + "level=4\n"},
   };
   for (const auto &[name, text] : configs)
@@ -268,7 +269,7 @@ void write_log_seeds() {
   save_text("log_format", "text-254-run", std::string(253, 'x') + "%{line}y");
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   if (argc != 2)

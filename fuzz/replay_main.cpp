@@ -45,7 +45,7 @@ bool collect(const fs::path &path, std::vector<fs::path> *files) {
   return true;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   std::vector<fs::path> files;

@@ -54,7 +54,8 @@ FSIC_GOST_INLINE void store_le32(uint8_t *p, uint32_t v) {
 }
 
 FSIC_GOST_INLINE void load_block(const uint8_t *p, uint32_t m[8]) {
-  for (int i = 0; i < 8; ++i) m[i] = load_le32(p + 4 * i);
+  for (int i = 0; i < 8; ++i)
+    m[i] = load_le32(p + 4 * i);
 }
 
 // mix_hm (psi^61(h ^ psi(m))) and mix_s (psi^74(s)), generated.
@@ -93,7 +94,8 @@ FSIC_GOST_INLINE void transpose(uint32_t a, uint32_t b, uint32_t c, uint32_t d, 
 
 FSIC_GOST_INLINE void make_key(const uint32_t u[8], const uint32_t v[8], uint32_t k[8]) {
   uint32_t w[8];
-  for (int i = 0; i < 8; ++i) w[i] = u[i] ^ v[i];
+  for (int i = 0; i < 8; ++i)
+    w[i] = u[i] ^ v[i];
   transpose(w[0], w[2], w[4], w[6], k);
   transpose(w[1], w[3], w[5], w[7], k + 4);
 }
@@ -102,7 +104,8 @@ FSIC_GOST_INLINE void make_key(const uint32_t u[8], const uint32_t v[8], uint32_
 // (y1, y2, y3, y4) -> (y2, y3, y4, y1 ^ y2).
 FSIC_GOST_INLINE void transform_a(uint32_t y[8]) {
   const uint32_t x0 = y[0] ^ y[2], x1 = y[1] ^ y[3];
-  for (int i = 0; i < 6; ++i) y[i] = y[i + 2];
+  for (int i = 0; i < 6; ++i)
+    y[i] = y[i + 2];
   y[6] = x0;
   y[7] = x1;
 }
@@ -115,12 +118,14 @@ constexpr uint32_t c3_words[8] = {0xff00ff00u, 0xff00ff00u, 0x00ff00ffu, 0x00ff0
 // V := A(A(V)), K_j = P(U ^ V).
 FSIC_GOST_INLINE void make_keys(const uint32_t h[8], const uint32_t m[8], uint32_t k[4][8]) {
   uint32_t u[8], v[8];
-  for (int i = 0; i < 8; ++i) u[i] = h[i], v[i] = m[i];
+  for (int i = 0; i < 8; ++i)
+    u[i] = h[i], v[i] = m[i];
   make_key(u, v, k[0]);
   for (int j = 1; j < 4; ++j) {
     transform_a(u);
     if (j == 2)
-      for (int i = 0; i < 8; ++i) u[i] ^= c3_words[i];
+      for (int i = 0; i < 8; ++i)
+        u[i] ^= c3_words[i];
     transform_a(v);
     transform_a(v);
     make_key(u, v, k[j]);
@@ -171,11 +176,13 @@ FSIC_GOST_INLINE void encrypt(const sbox_tables &t, const uint32_t k[4][8], cons
   uint32_t r0 = h[0], l0 = h[1], r1 = h[2], l1 = h[3];
   uint32_t r2 = h[4], l2 = h[5], r3 = h[6], l3 = h[7];
   GOST_RELOAD_KEYS();
-  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
-  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
-  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
-  GOST_ROUND_PAIR(7, 6) GOST_ROUND_PAIR(5, 4) GOST_ROUND_PAIR(3, 2) GOST_ROUND_PAIR(1, 0)
-  s[0] = l0, s[1] = r0, s[2] = l1, s[3] = r1;
+  GOST_ROUND_PAIR(0, 1)
+  GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(0, 1)
+      GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(0, 1)
+          GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(7, 6)
+              GOST_ROUND_PAIR(5, 4) GOST_ROUND_PAIR(3, 2) GOST_ROUND_PAIR(1, 0)
+                  s[0] = l0,
+                  s[1] = r0, s[2] = l1, s[3] = r1;
   s[4] = l2, s[5] = r2, s[6] = l3, s[7] = r3;
 }
 
@@ -192,7 +199,8 @@ FSIC_GOST_INLINE void step(const sbox_tables &t, uint32_t h[8], const uint32_t m
   uint32_t s[8];
   encrypt(t, k, h, s);
   mix_s(s, out);
-  for (int i = 0; i < 8; ++i) h[i] = out[i];
+  for (int i = 0; i < 8; ++i)
+    h[i] = out[i];
 }
 
 #if FSIC_GOST_SSE2
@@ -238,14 +246,14 @@ FSIC_GOST_INLINE void a_sse2(__m128i &p, __m128i &q) {
 // K = P(U ^ V): byte i of key word j is byte j of yi+1 (an 8x4 byte transposition).
 FSIC_GOST_INLINE void key_sse2(__m128i up, __m128i uq, __m128i vp, __m128i vq, uint32_t k[8]) {
   const __m128i p = _mm_xor_si128(up, vp), q = _mm_xor_si128(uq, vq);
-  const __m128i a = _mm_unpacklo_epi8(p, q);  // y1[0] y2[0] y1[1] y2[1] ...
-  const __m128i b = _mm_unpackhi_epi8(p, q);  // y3[0] y4[0] y3[1] y4[1] ...
+  const __m128i a = _mm_unpacklo_epi8(p, q); // y1[0] y2[0] y1[1] y2[1] ...
+  const __m128i b = _mm_unpackhi_epi8(p, q); // y3[0] y4[0] y3[1] y4[1] ...
   _mm_store_si128(reinterpret_cast<__m128i *>(k), _mm_unpacklo_epi16(a, b));
   _mm_store_si128(reinterpret_cast<__m128i *>(k + 4), _mm_unpackhi_epi16(a, b));
 }
 
 FSIC_GOST_INLINE void make_keys_sse2(vec256 h, vec256 m, uint32_t k[4][8]) {
-  const uint32_t *c = c3_words;  // in the (p, q) layout: words 0, 1, 4, 5 and 2, 3, 6, 7
+  const uint32_t *c = c3_words; // in the (p, q) layout: words 0, 1, 4, 5 and 2, 3, 6, 7
   const __m128i c3p = _mm_setr_epi32(int(c[0]), int(c[1]), int(c[4]), int(c[5]));
   const __m128i c3q = _mm_setr_epi32(int(c[2]), int(c[3]), int(c[6]), int(c[7]));
   __m128i up = _mm_unpacklo_epi64(h.lo, h.hi), uq = _mm_unpackhi_epi64(h.lo, h.hi);
@@ -276,10 +284,12 @@ struct lane_matrix {
 
 constexpr lane_matrix psi_power(int n) {
   lane_matrix a{};
-  for (int j = 0; j < 16; ++j) a.row[j] = 1u << j;
+  for (int j = 0; j < 16; ++j)
+    a.row[j] = 1u << j;
   for (int s = 0; s < n; ++s) {
     const uint32_t top = a.row[0] ^ a.row[1] ^ a.row[2] ^ a.row[3] ^ a.row[12] ^ a.row[15];
-    for (int j = 0; j < 15; ++j) a.row[j] = a.row[j + 1];
+    for (int j = 0; j < 15; ++j)
+      a.row[j] = a.row[j + 1];
     a.row[15] = top;
   }
   return a;
@@ -297,10 +307,10 @@ constexpr word_masks masks_of(const lane_matrix &a) {
   for (int i = 0; i < 8; ++i) {
     for (int j = 0; j < 8; ++j) {
       const uint32_t lo = a.row[2 * j], hi = a.row[2 * j + 1];
-      w.direct[i][j] = ((lo >> (2 * i)) & 1 ? 0x0000ffffu : 0) |
-                       ((hi >> (2 * i + 1)) & 1 ? 0xffff0000u : 0);
-      w.swapped[i][j] = ((lo >> (2 * i + 1)) & 1 ? 0x0000ffffu : 0) |
-                        ((hi >> (2 * i)) & 1 ? 0xffff0000u : 0);
+      w.direct[i][j] =
+          ((lo >> (2 * i)) & 1 ? 0x0000ffffu : 0) | ((hi >> (2 * i + 1)) & 1 ? 0xffff0000u : 0);
+      w.swapped[i][j] =
+          ((lo >> (2 * i + 1)) & 1 ? 0x0000ffffu : 0) | ((hi >> (2 * i)) & 1 ? 0xffff0000u : 0);
     }
   }
   return w;
@@ -335,7 +345,7 @@ FSIC_GOST_INLINE __m128i and_mask(__m128i x) {
 // holds it, xs the same with the 16-bit halves of each word swapped.
 template <const word_masks &M, int I>
 FSIC_GOST_INLINE void map_word(__m128i x, __m128i xs, __m128i &lo, __m128i &hi) {
-  constexpr int sel = (I & 3) * 0x55;  // broadcast word I & 3
+  constexpr int sel = (I & 3) * 0x55; // broadcast word I & 3
   const __m128i b = _mm_shuffle_epi32(x, sel), bs = _mm_shuffle_epi32(xs, sel);
   lo = _mm_xor_si128(and_mask<M, false, I, 0>(b), and_mask<M, true, I, 0>(bs));
   hi = _mm_xor_si128(and_mask<M, false, I, 4>(b), and_mask<M, true, I, 4>(bs));
@@ -368,9 +378,9 @@ FSIC_GOST_INLINE vec256 apply_map(vec256 x) {
 
 // psi(m): shift right by one 16-bit lane, m0 ^ m1 ^ m2 ^ m3 ^ m12 ^ m15 on top.
 FSIC_GOST_INLINE vec256 psi_sse2(vec256 m) {
-  __m128i x = _mm_xor_si128(m.lo, _mm_srli_si128(m.lo, 2));        // lane 0: m0^m1, 2: m2^m3
-  x = _mm_xor_si128(x, _mm_srli_si128(x, 4));                      // lane 0: m0^m1^m2^m3
-  const __m128i y = _mm_xor_si128(m.hi, _mm_srli_si128(m.hi, 6));  // lane 4: m12^m15
+  __m128i x = _mm_xor_si128(m.lo, _mm_srli_si128(m.lo, 2));       // lane 0: m0^m1, 2: m2^m3
+  x = _mm_xor_si128(x, _mm_srli_si128(x, 4));                     // lane 0: m0^m1^m2^m3
+  const __m128i y = _mm_xor_si128(m.hi, _mm_srli_si128(m.hi, 6)); // lane 4: m12^m15
   const __m128i top = _mm_slli_si128(_mm_xor_si128(x, _mm_srli_si128(y, 8)), 14);
   return {_mm_or_si128(_mm_srli_si128(m.lo, 2), _mm_slli_si128(m.hi, 14)),
           _mm_xor_si128(_mm_srli_si128(m.hi, 2), top)};
@@ -385,7 +395,7 @@ FSIC_GOST_INLINE void compute_now(vec256 &v) { __asm__("" : "+x"(v.lo), "+x"(v.h
 FSIC_GOST_INLINE void step_sse2(const sbox_tables &t, vec256 &h, uint32_t hw[8], vec256 m) {
   alignas(16) uint32_t k[4][8];
   make_keys_sse2(h, m, k);
-  vec256 g = apply_map<psi61_masks>(h ^ psi_sse2(m));  // psi^61(h ^ psi(m))
+  vec256 g = apply_map<psi61_masks>(h ^ psi_sse2(m)); // psi^61(h ^ psi(m))
   compute_now(g);
   uint32_t s[8];
   encrypt(t, k, hw, s);
@@ -394,7 +404,7 @@ FSIC_GOST_INLINE void step_sse2(const sbox_tables &t, vec256 &h, uint32_t hw[8],
   mix_s(s, hw);
   h = words_vec(hw);
 }
-#endif  // FSIC_GOST_SSE2
+#endif // FSIC_GOST_SSE2
 
 // ---- Blocks ------------------------------------------------------------------------
 
@@ -411,7 +421,7 @@ void process_blocks(gost_r3411_94_ctx *ctx, const uint8_t *p, size_t blocks) noe
     alignas(16) uint32_t hw[8];
     store_vec(hw, h);
     const __m128i zero = _mm_setzero_si128();
-    __m128i acc[4] = {zero, zero, zero, zero};  // words 0-1, 2-3, 4-5, 6-7
+    __m128i acc[4] = {zero, zero, zero, zero}; // words 0-1, 2-3, 4-5, 6-7
     for (size_t n = blocks; n != 0; --n, p += GOST_R3411_94_BLOCK_SIZE) {
       const vec256 m = load_vec(p);
       acc[0] = _mm_add_epi64(acc[0], _mm_unpacklo_epi32(m.lo, zero));
@@ -420,9 +430,11 @@ void process_blocks(gost_r3411_94_ctx *ctx, const uint8_t *p, size_t blocks) noe
       acc[3] = _mm_add_epi64(acc[3], _mm_unpackhi_epi32(m.hi, zero));
       step_sse2(t, h, hw, m);
     }
-    for (int i = 0; i < 8; ++i) ctx->hash[i] = hw[i];
+    for (int i = 0; i < 8; ++i)
+      ctx->hash[i] = hw[i];
     alignas(16) uint64_t lanes[8];
-    for (int i = 0; i < 4; ++i) _mm_store_si128(reinterpret_cast<__m128i *>(lanes + 2 * i), acc[i]);
+    for (int i = 0; i < 4; ++i)
+      _mm_store_si128(reinterpret_cast<__m128i *>(lanes + 2 * i), acc[i]);
     uint64_t carry = 0;
     for (int i = 0; i < 8; ++i) {
       const uint64_t x = uint64_t{ctx->sum[i]} + lanes[i] + carry;
@@ -434,14 +446,16 @@ void process_blocks(gost_r3411_94_ctx *ctx, const uint8_t *p, size_t blocks) noe
   }
 #endif
   uint32_t h[8], sum[8];
-  for (int i = 0; i < 8; ++i) h[i] = ctx->hash[i], sum[i] = ctx->sum[i];
+  for (int i = 0; i < 8; ++i)
+    h[i] = ctx->hash[i], sum[i] = ctx->sum[i];
   for (size_t n = blocks; n != 0; --n, p += GOST_R3411_94_BLOCK_SIZE) {
     uint32_t m[8];
     load_block(p, m);
     add_sum(sum, m);
     step(t, h, m);
   }
-  for (int i = 0; i < 8; ++i) ctx->hash[i] = h[i], ctx->sum[i] = sum[i];
+  for (int i = 0; i < 8; ++i)
+    ctx->hash[i] = h[i], ctx->sum[i] = sum[i];
   add_length(ctx, uint64_t{blocks} * (8 * GOST_R3411_94_BLOCK_SIZE));
 }
 
@@ -495,7 +509,8 @@ void update(gost_r3411_94_ctx *ctx, const void *data, unsigned count) noexcept {
     p += blocks * GOST_R3411_94_BLOCK_SIZE;
     left -= blocks * GOST_R3411_94_BLOCK_SIZE;
   }
-  if (left != 0) std::memcpy(ctx->partial, p, left);
+  if (left != 0)
+    std::memcpy(ctx->partial, p, left);
   ctx->partial_bytes = left;
 }
 
@@ -509,10 +524,11 @@ void finish(gost_r3411_94_ctx *ctx, uint8_t digest[GOST_R3411_94_DIGEST_SIZE]) n
   }
   compress<Sse2>(ctx, ctx->length);
   compress<Sse2>(ctx, ctx->sum);
-  for (int i = 0; i < 8; ++i) store_le32(digest + 4 * i, ctx->hash[i]);
+  for (int i = 0; i < 8; ++i)
+    store_le32(digest + 4 * i, ctx->hash[i]);
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -520,8 +536,7 @@ void gost_r3411_94_compress(gost_r3411_94_ctx *ctx, const uint32_t m[8]) noexcep
   compress<FSIC_GOST_SSE2>(ctx, m);
 }
 
-void gost_r3411_94_transform(gost_r3411_94_ctx *ctx, const uint8_t *block,
-                             uint64_t bits) noexcept {
+void gost_r3411_94_transform(gost_r3411_94_ctx *ctx, const uint8_t *block, uint64_t bits) noexcept {
   transform<FSIC_GOST_SSE2>(ctx, block, bits);
 }
 
@@ -530,7 +545,8 @@ gost_r3411_94_ctx *gost_r3411_94_create_context(void) noexcept {
 }
 
 void gost_r3411_94_init(gost_r3411_94_ctx *ctx, unsigned index) noexcept {
-  if (ctx == nullptr) return;
+  if (ctx == nullptr)
+    return;
   std::memset(ctx, 0, sizeof *ctx);
   // Only 0 and 1 are defined; any other index gets the set every caller uses.
   const gost_r3411_94_params *params =
@@ -565,4 +581,4 @@ void gost_r3411_94_final_portable(gost_r3411_94_ctx *ctx,
   finish<false>(ctx, digest);
 }
 
-}  // extern "C"
+} // extern "C"

@@ -16,14 +16,24 @@ constexpr uint32_t sbox(const sboxes &k, unsigned j, unsigned v) {
 }
 
 // id-GostR3411-94-TestParamSet (the worked example of the standard).
-constexpr sboxes test_set =
-    "4A92D80E6B1C7F53" "EB4C6DFA23810759" "581DA342EFC7609B" "7DA1089FE46CB253"
-    "6C715FD84A9E03B2" "4BA0721D36859CFE" "DB413F590AE7682C" "1FD057A4923E6B8C";
+constexpr sboxes test_set = "4A92D80E6B1C7F53"
+                            "EB4C6DFA23810759"
+                            "581DA342EFC7609B"
+                            "7DA1089FE46CB253"
+                            "6C715FD84A9E03B2"
+                            "4BA0721D36859CFE"
+                            "DB413F590AE7682C"
+                            "1FD057A4923E6B8C";
 
 // id-GostR3411-94-CryptoProParamSet (RFC 4357).
-constexpr sboxes cryptopro_set =
-    "A4568137DCE092BF" "5F402DB91763CEA8" "7FCE94103B526A8D" "4A7C0F28E165DB93"
-    "764B9C2A180EFD35" "7624D9F0A15B8EC3" "DE41705A3C8F629B" "13A95B4F867ED02C";
+constexpr sboxes cryptopro_set = "A4568137DCE092BF"
+                                 "5F402DB91763CEA8"
+                                 "7FCE94103B526A8D"
+                                 "4A7C0F28E165DB93"
+                                 "764B9C2A180EFD35"
+                                 "7624D9F0A15B8EC3"
+                                 "DE41705A3C8F629B"
+                                 "13A95B4F867ED02C";
 
 constexpr uint32_t rotl11(uint32_t x) { return (x << 11) | (x >> 21); }
 
@@ -38,12 +48,12 @@ constexpr gost_r3411_94_params expand(const sboxes &k) {
       p.sbox[t][i] = rotl11(hi << (8 * t + 4) | lo << (8 * t));
     }
   }
-  p.start[0] = 0;  // both sets start from a zero hash value
+  p.start[0] = 0; // both sets start from a zero hash value
   p.start[1] = 0;
   return p;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -52,4 +62,4 @@ alignas(64) const gost_r3411_94_params gost_r3411_94_parameters[GOST_R3411_94_PA
     expand(cryptopro_set),
 };
 
-}  // extern "C"
+} // extern "C"

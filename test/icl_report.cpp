@@ -37,8 +37,8 @@ void print_icl_dir_masks(char *const *masks) {
 
 // The group id is labelled "git": the program's own spelling, kept.
 void print_icl_file_attrs(const fs_ocl_file_attrs *attrs) {
-  printf("[mode: %04o, uid: %d, git: %d, size: %d, mtime: %d]", attrs->mode, attrs->uid,
-         attrs->gid, static_cast<int>(attrs->size), static_cast<int>(attrs->mtime));
+  printf("[mode: %04o, uid: %d, git: %d, size: %d, mtime: %d]", attrs->mode, attrs->uid, attrs->gid,
+         static_cast<int>(attrs->size), static_cast<int>(attrs->mtime));
 }
 
 void print_icl_dir_attrs(const fs_ocl_dir_attrs *attrs) {
@@ -47,19 +47,19 @@ void print_icl_dir_attrs(const fs_ocl_dir_attrs *attrs) {
 
 void print_volume_id(const fs_volume_id *id) {
   switch (fs_volume_id_type(id)) {
-  case FS_VOLUME_PARTITION:
-  case FS_VOLUME_IMAGE_PARTITION: {
-    auto *p = reinterpret_cast<const fs_partition_id *>(id);
-    printf("%s partition %d\n", p->disk_serial, static_cast<int>(p->number));
-    break;
-  }
-  case FS_VOLUME_LVM: {
-    auto *l = reinterpret_cast<const fs_lvm_volume_id *>(id);
-    printf("%s/%s\n", l->group_name, l->volume_name);
-    break;
-  }
-  default:
-    break;
+    case FS_VOLUME_PARTITION:
+    case FS_VOLUME_IMAGE_PARTITION: {
+      auto *p = reinterpret_cast<const fs_partition_id *>(id);
+      printf("%s partition %d\n", p->disk_serial, static_cast<int>(p->number));
+      break;
+    }
+    case FS_VOLUME_LVM: {
+      auto *l = reinterpret_cast<const fs_lvm_volume_id *>(id);
+      printf("%s/%s\n", l->group_name, l->volume_name);
+      break;
+    }
+    default:
+      break;
   }
 }
 

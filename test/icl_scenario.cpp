@@ -44,8 +44,7 @@ void test_icl(fs_disk_list *list) {
   static const char *const files[] = {"/ntldr", "/WINDOWS/explorer.exe", "/NTDETECT.COM",
                                       "/AUTOEXEC.BAT", "/boot.ini"};
   static char *const masks[] = {const_cast<char *>("*.dll"), const_cast<char *>("*.DLL"),
-                                const_cast<char *>("*.exe"), const_cast<char *>("*.EXE"),
-                                nullptr};
+                                const_cast<char *>("*.exe"), const_cast<char *>("*.EXE"), nullptr};
 
   fs_disk *disk = fs_disk_list_first_disk(list);
   if (!disk) {

@@ -14,8 +14,7 @@ int _fs_dir_iterate_begin(fs_dir_iter *iter, const char *path) noexcept {
   return iter->dir ? 0 : -1;
 }
 
-int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity,
-                         char **result) noexcept {
+int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity, char **result) noexcept {
   int saved_errno = errno;
   struct dirent64 *entry;
 
@@ -41,8 +40,6 @@ int _fs_dir_iterate_next(fs_dir_iter *iter, char *buf, size_t capacity,
   return 0;
 }
 
-int _fs_dir_iterate_end(fs_dir_iter *iter) noexcept {
-  return closedir(iter->dir);
-}
+int _fs_dir_iterate_end(fs_dir_iter *iter) noexcept { return closedir(iter->dir); }
 
 } // extern "C"

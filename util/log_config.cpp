@@ -10,8 +10,7 @@
 
 namespace fsic::detail {
 
-const char *const log_classes[LOG_N_CLASSES] = {"FATAL", "ERROR", "WARN",
-                                                "INFO",  "DEBUG", "TRACE"};
+const char *const log_classes[LOG_N_CLASSES] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
 
 extern "C" {
 ic_log_channel __ic_log_fs = IC_LOG_CHANNEL_INIT("fs");
@@ -20,8 +19,8 @@ ic_log_channel __ic_log_fs_ocl = IC_LOG_CHANNEL_INIT("fs_ocl");
 
 namespace {
 
-uint32_t default_flags = 3;            // FATAL and ERROR
-log_options options[LOG_MAX_OPTIONS];  // sorted by name (strcmp)
+uint32_t default_flags = 3;           // FATAL and ERROR
+log_options options[LOG_MAX_OPTIONS]; // sorted by name (strcmp)
 unsigned n_options;
 int config_loaded;
 
@@ -32,9 +31,7 @@ uint32_t level_to_mask(int32_t level) noexcept {
 }
 
 // Masks read from the environment or the file never set bit 31, the "unresolved" bit.
-uint32_t configured_mask(int32_t level) noexcept {
-  return level_to_mask(level) & 0x7FFFFFFFu;
-}
+uint32_t configured_mask(int32_t level) noexcept { return level_to_mask(level) & 0x7FFFFFFFu; }
 
 } // namespace
 
@@ -49,21 +46,22 @@ namespace {
 
 bool is_blank(char c) noexcept { return c == ' ' || c == '\t'; }
 
-bool is_letter(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
+bool is_letter(char c) noexcept { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
 bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 const char *skip_blanks(const char *p) noexcept {
-  while (is_blank(*p)) ++p;
+  while (is_blank(*p))
+    ++p;
   return p;
 }
 
 // A name is a letter, then letters and digits; returns its end, or null.
 const char *scan_name(const char *p) noexcept {
-  if (!is_letter(*p)) return nullptr;
-  do ++p;
+  if (!is_letter(*p))
+    return nullptr;
+  do
+    ++p;
   while (is_letter(*p) || is_digit(*p));
   return p;
 }
@@ -72,9 +70,11 @@ char to_upper(char c) noexcept { return c >= 'a' && c <= 'z' ? (char)(c - 32) : 
 
 // The n characters at s equal the whole of word, ignoring ASCII case.
 bool is_word_nocase(const char *s, size_t n, const char *word) noexcept {
-  if (strlen(word) != n) return false;
+  if (strlen(word) != n)
+    return false;
   for (size_t i = 0; i < n; ++i)
-    if (to_upper(s[i]) != to_upper(word[i])) return false;
+    if (to_upper(s[i]) != to_upper(word[i]))
+      return false;
   return true;
 }
 
@@ -88,9 +88,12 @@ namespace {
 int32_t number_to_level(const char *start, const char *end) noexcept {
   char *stop;
   long n = strtol(start, &stop, 0);
-  if (stop != end) return -1;
-  if (n > INT32_MAX) return INT32_MAX;
-  if (n < INT32_MIN) return INT32_MIN;
+  if (stop != end)
+    return -1;
+  if (n > INT32_MAX)
+    return INT32_MAX;
+  if (n < INT32_MIN)
+    return INT32_MIN;
   return (int32_t)n;
 }
 
@@ -99,25 +102,32 @@ int32_t number_to_level(const char *start, const char *end) noexcept {
 int32_t value_to_level(const char *value) noexcept {
   const char *start = skip_blanks(value);
   const char *end = start + strlen(start);
-  while (end > start && is_blank(end[-1])) --end;
-  if (end == start) return -1;
+  while (end > start && is_blank(end[-1]))
+    --end;
+  if (end == start)
+    return -1;
   for (int32_t cls = 0; cls < LOG_N_CLASSES; ++cls)
-    if (is_word_nocase(start, (size_t)(end - start), log_classes[cls])) return cls;
+    if (is_word_nocase(start, (size_t)(end - start), log_classes[cls]))
+      return cls;
   return number_to_level(start, end);
 }
 
 int value_to_string(const char *value, char *out, size_t size) noexcept {
   const char *p = skip_blanks(value);
   const char quote = *p;
-  if ((quote != '"' && quote != '\'') || size == 0) return -1;
+  if ((quote != '"' && quote != '\'') || size == 0)
+    return -1;
   size_t n = 0;
   for (++p; *p != quote; ++p) {
-    if (*p == '\0' || n + 1 >= size) return -1;
+    if (*p == '\0' || n + 1 >= size)
+      return -1;
     // Only inside double quotes, \\ and \" stand for the second character.
-    if (quote == '"' && *p == '\\' && (p[1] == '\\' || p[1] == '"')) ++p;
+    if (quote == '"' && *p == '\\' && (p[1] == '\\' || p[1] == '"'))
+      ++p;
     out[n++] = *p;
   }
-  if (*skip_blanks(p + 1) != '\0') return -1;
+  if (*skip_blanks(p + 1) != '\0')
+    return -1;
   out[n] = '\0';
   return 0;
 }
@@ -125,11 +135,15 @@ int value_to_string(const char *value, char *out, size_t size) noexcept {
 // --- The options table ---
 
 log_options *add_channel_options(const char *name) noexcept {
-  if (strlen(name) >= LOG_NAME_SIZE) return nullptr;
+  if (strlen(name) >= LOG_NAME_SIZE)
+    return nullptr;
   unsigned i = 0;
-  while (i < n_options && strcmp(options[i].name, name) < 0) ++i;
-  if (i < n_options && strcmp(options[i].name, name) == 0) return &options[i];
-  if (n_options == LOG_MAX_OPTIONS) return nullptr;
+  while (i < n_options && strcmp(options[i].name, name) < 0)
+    ++i;
+  if (i < n_options && strcmp(options[i].name, name) == 0)
+    return &options[i];
+  if (n_options == LOG_MAX_OPTIONS)
+    return nullptr;
   memmove(&options[i + 1], &options[i], (n_options - i) * sizeof options[0]);
   strcpy(options[i].name, name);
   options[i].flags = default_flags;
@@ -178,7 +192,8 @@ namespace {
 // The entry for a header's name; null when the name is too long or the table full.
 log_options *section_entry(const char *name, size_t len) noexcept {
   char buf[LOG_NAME_SIZE];
-  if (len >= sizeof buf) return nullptr;
+  if (len >= sizeof buf)
+    return nullptr;
   memcpy(buf, name, len);
   buf[len] = '\0';
   return add_channel_options(buf);
@@ -189,16 +204,19 @@ log_options *section_entry(const char *name, size_t len) noexcept {
 void read_section_header(config_state *st, const char *p) noexcept {
   const char *name = skip_blanks(p);
   const char *end = scan_name(name);
-  if (!end) return;
+  if (!end)
+    return;
   const char *close = skip_blanks(end);
-  if (*close != ']' || *skip_blanks(close + 1) != '\0') return;
+  if (*close != ']' || *skip_blanks(close + 1) != '\0')
+    return;
   st->entry = section_entry(name, (size_t)(end - name));
   st->skip = st->entry == nullptr;
 }
 
 void set_level(const config_state *st, const char *value) noexcept {
   const int32_t level = value_to_level(value);
-  if (level == -1) return;
+  if (level == -1)
+    return;
   if (st->entry)
     st->entry->flags = configured_mask(level);
   else
@@ -209,17 +227,21 @@ void set_level(const config_state *st, const char *value) noexcept {
 void set_format(const char *value) noexcept {
   char text[LOG_STRING_SIZE];
   format_desc desc;
-  if (value_to_string(value, text, sizeof text) != 0) return;
-  if (format_to_desc(text, &desc) != 0) return;
+  if (value_to_string(value, text, sizeof text) != 0)
+    return;
+  if (format_to_desc(text, &desc) != 0)
+    return;
   *get_format() = desc;
 }
 
 // name blanks "=" value; keys are case-sensitive, unknown ones ignored.
 void read_key_line(const config_state *st, const char *p) noexcept {
   const char *end = scan_name(p);
-  if (!end) return;
+  if (!end)
+    return;
   const char *eq = skip_blanks(end);
-  if (*eq != '=') return;
+  if (*eq != '=')
+    return;
   const size_t len = (size_t)(end - p);
   if (len == 5 && memcmp(p, "level", 5) == 0)
     set_level(st, eq + 1);
@@ -229,9 +251,11 @@ void read_key_line(const config_state *st, const char *p) noexcept {
 
 void read_line(config_state *st, char *line) noexcept {
   size_t n = strlen(line);
-  while (n > 0 && line[n - 1] == '\n') line[--n] = '\0';  // a "\r" stays
+  while (n > 0 && line[n - 1] == '\n')
+    line[--n] = '\0'; // a "\r" stays
   const char *p = skip_blanks(line);
-  if (*p == '\0' || *p == '#') return;
+  if (*p == '\0' || *p == '#')
+    return;
   if (*p == '[')
     read_section_header(st, p + 1);
   else if (!st->skip)
@@ -243,23 +267,28 @@ void read_line(config_state *st, char *line) noexcept {
 void load_config_from_stream(FILE *file) noexcept {
   config_state st = {nullptr, false};
   char line[255]; // at most 254 characters per read: longer lines come in pieces
-  while (fgets(line, sizeof line, file)) read_line(&st, line);
+  while (fgets(line, sizeof line, file))
+    read_line(&st, line);
 }
 
 namespace {
 
 void set_level_from_env(void) noexcept {
   const char *value = getenv("LOG_LEVEL");
-  if (!value) return;
+  if (!value)
+    return;
   const int32_t level = value_to_level(value);
-  if (level != -1) default_flags = configured_mask(level);
+  if (level != -1)
+    default_flags = configured_mask(level);
 }
 
 void load_config_from_file(void) noexcept {
   const char *path = getenv("LOG_CONFIG");
-  if (!path) return;
+  if (!path)
+    return;
   FILE *file = fopen(path, "r");
-  if (!file) return;
+  if (!file)
+    return;
   load_config_from_stream(file);
   fclose(file);
 }
@@ -288,4 +317,4 @@ extern "C" const log_options *_ic_log_options(unsigned *count) noexcept {
   return options;
 }
 
-}  // namespace fsic::detail
+} // namespace fsic::detail

@@ -31,16 +31,14 @@ enum {
 namespace {
 
 // The compiled "%{timestamp} [%{channel}] %{class}: %{source} %{message}".
-constexpr format_desc initial_format = {
-    {ITEM_TIMESTAMP, TEXT_ITEM(0), ITEM_CHANNEL, TEXT_ITEM(3), ITEM_CLASS, TEXT_ITEM(6),
-     ITEM_SOURCE, TEXT_ITEM(9), ITEM_MESSAGE},
-    " [\0] \0: \0 "};
+constexpr format_desc initial_format = {{ITEM_TIMESTAMP, TEXT_ITEM(0), ITEM_CHANNEL, TEXT_ITEM(3),
+                                         ITEM_CLASS, TEXT_ITEM(6), ITEM_SOURCE, TEXT_ITEM(9),
+                                         ITEM_MESSAGE},
+                                        " [\0] \0: \0 "};
 
 format_desc default_format = initial_format;
 
-int default_write_log(const void *data, unsigned len) noexcept {
-  return (int)write(2, data, len);
-}
+int default_write_log(const void *data, unsigned len) noexcept { return (int)write(2, data, len); }
 
 // The writer table: one slot.
 log_writer_fn funcs[1] = {default_write_log};
@@ -56,12 +54,13 @@ namespace {
 // The placeholder that prefixes s (after its "%"): its code and length, or 0.
 unsigned probe_format(const char *s, size_t *len) noexcept {
   // The item code is the index + 1; the first name that prefixes s wins.
-  static const char *const names[] = {"{timestamp}", "{date}", "{time}", "{channel}",
-                                      "{class}", "{source}", "{file}", "{function}",
-                                      "{line}", "{message}"};
+  static const char *const names[] = {"{timestamp}", "{date}",   "{time}", "{channel}",
+                                      "{class}",     "{source}", "{file}", "{function}",
+                                      "{line}",      "{message}"};
   for (unsigned i = 0; i < sizeof names / sizeof names[0]; ++i) {
     *len = strlen(names[i]);
-    if (strncmp(s, names[i], *len) == 0) return i + 1;
+    if (strncmp(s, names[i], *len) == 0)
+      return i + 1;
   }
   return 0;
 }
@@ -78,21 +77,25 @@ typedef struct desc_builder {
 namespace {
 
 int add_item(desc_builder *b, uint16_t code) noexcept {
-  if (b->n_items == LOG_FORMAT_ITEMS) return -1;
+  if (b->n_items == LOG_FORMAT_ITEMS)
+    return -1;
   b->desc->items[b->n_items++] = code;
   return 0;
 }
 
 int add_text(desc_builder *b, char c) noexcept {
-  if (b->n_text == LOG_FORMAT_TEXT) return -1;
+  if (b->n_text == LOG_FORMAT_TEXT)
+    return -1;
   b->desc->text[b->n_text++] = c;
   return 0;
 }
 
 // Ends the pending literal run, if any, with a NUL and an item pointing at it.
 int close_run(desc_builder *b) noexcept {
-  if (b->n_text == b->run_start) return 0;
-  if (add_text(b, '\0') != 0) return -1;
+  if (b->n_text == b->run_start)
+    return 0;
+  if (add_text(b, '\0') != 0)
+    return -1;
   const uint16_t code = TEXT_ITEM(b->run_start);
   b->run_start = b->n_text;
   return add_item(b, code);
@@ -113,7 +116,8 @@ int compile_next(desc_builder *b, const char **s) noexcept {
     return add_text(b, '%');
   }
   *s = p + len;
-  if (close_run(b) != 0) return -1;
+  if (close_run(b) != 0)
+    return -1;
   return add_item(b, (uint16_t)code);
 }
 
@@ -123,7 +127,8 @@ int format_to_desc(const char *format, format_desc *out) noexcept {
   desc_builder b = {out, 0, 0, 0};
   memset(out, 0, sizeof *out);
   while (*format)
-    if (compile_next(&b, &format) != 0) return -1;
+    if (compile_next(&b, &format) != 0)
+      return -1;
   return close_run(&b);
 }
 
@@ -159,11 +164,13 @@ namespace {
 
 // Bytes are copied while space remains; the rest is cut off.
 void put_bytes(log_record *r, const char *s, size_t n) noexcept {
-  for (; n > 0 && r->free > 0; --n, --r->free) *r->cur++ = *s++;
+  for (; n > 0 && r->free > 0; --n, --r->free)
+    *r->cur++ = *s++;
 }
 
 void put_string(log_record *r, const char *s) noexcept {
-  if (s) put_bytes(r, s, strnlen(s, LOG_RECORD_SIZE));
+  if (s)
+    put_bytes(r, s, strnlen(s, LOG_RECORD_SIZE));
 }
 
 void put_int(log_record *r, int v) noexcept {
@@ -195,21 +202,21 @@ const log_time_info *record_time(log_record *r) noexcept {
 
 void put_date(log_record *r) noexcept {
   const struct tm *tm = &record_time(r)->tm;
-  keep_printed(r, snprintf(r->cur, r->free, "%04d/%02d/%02d", tm->tm_year + 1900,
-                           tm->tm_mon + 1, tm->tm_mday));
+  keep_printed(r, snprintf(r->cur, r->free, "%04d/%02d/%02d", tm->tm_year + 1900, tm->tm_mon + 1,
+                           tm->tm_mday));
 }
 
 void put_time(log_record *r) noexcept {
   const log_time_info *t = record_time(r);
-  keep_printed(r, snprintf(r->cur, r->free, "%02d:%02d:%02d.%03d", t->tm.tm_hour,
-                           t->tm.tm_min, t->tm.tm_sec, t->msec));
+  keep_printed(r, snprintf(r->cur, r->free, "%02d:%02d:%02d.%03d", t->tm.tm_hour, t->tm.tm_min,
+                           t->tm.tm_sec, t->msec));
 }
 
 void put_timestamp(log_record *r) noexcept {
   const log_time_info *t = record_time(r);
   keep_printed(r, snprintf(r->cur, r->free, "%04d/%02d/%02d %02d:%02d:%02d.%03d",
-                           t->tm.tm_year + 1900, t->tm.tm_mon + 1, t->tm.tm_mday,
-                           t->tm.tm_hour, t->tm.tm_min, t->tm.tm_sec, t->msec));
+                           t->tm.tm_year + 1900, t->tm.tm_mon + 1, t->tm.tm_mday, t->tm.tm_hour,
+                           t->tm.tm_min, t->tm.tm_sec, t->msec));
 }
 
 void put_channel(log_record *r, const ic_log_channel *channel) noexcept {
@@ -237,21 +244,40 @@ void put_literal(log_record *r, const format_desc *d, unsigned code) noexcept {
     put_bytes(r, d->text + start, strnlen(d->text + start, LOG_FORMAT_TEXT - start));
 }
 
-void put_item(log_record *r, const log_call *c, const format_desc *d,
-                     unsigned code) noexcept {
+void put_item(log_record *r, const log_call *c, const format_desc *d, unsigned code) noexcept {
   switch (code) {
-    case ITEM_TIMESTAMP: put_timestamp(r); break;
-    case ITEM_DATE: put_date(r); break;
-    case ITEM_TIME: put_time(r); break;
-    case ITEM_CHANNEL: put_channel(r, c->channel); break;
-    case ITEM_CLASS: put_class(r, c->cls); break;
-    case ITEM_SOURCE: put_source(r, c); break;
-    case ITEM_FILE: put_string(r, c->file); break;
-    case ITEM_FUNCTION: break;
-    case ITEM_LINE: put_int(r, c->line); break;
-    case ITEM_MESSAGE: c->message(r, c->message_arg); break;
+    case ITEM_TIMESTAMP:
+      put_timestamp(r);
+      break;
+    case ITEM_DATE:
+      put_date(r);
+      break;
+    case ITEM_TIME:
+      put_time(r);
+      break;
+    case ITEM_CHANNEL:
+      put_channel(r, c->channel);
+      break;
+    case ITEM_CLASS:
+      put_class(r, c->cls);
+      break;
+    case ITEM_SOURCE:
+      put_source(r, c);
+      break;
+    case ITEM_FILE:
+      put_string(r, c->file);
+      break;
+    case ITEM_FUNCTION:
+      break;
+    case ITEM_LINE:
+      put_int(r, c->line);
+      break;
+    case ITEM_MESSAGE:
+      c->message(r, c->message_arg);
+      break;
     default:
-      if (code >= 0x3F) put_literal(r, d, code); // 11..62 print nothing
+      if (code >= 0x3F)
+        put_literal(r, d, code); // 11..62 print nothing
       break;
   }
 }
@@ -308,14 +334,16 @@ namespace {
 
 void put_data_message(log_record *r, const void *arg) noexcept {
   const data_message *m = (const data_message *)arg;
-  if (m->data) put_bytes(r, m->data, m->len);
+  if (m->data)
+    put_bytes(r, m->data, m->len);
 }
 
 } // namespace
 
 extern "C" void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
-            int line, const char *format, ...) noexcept {
-  if (!class_enabled(channel, cls)) return;
+                       int line, const char *format, ...) noexcept {
+  if (!class_enabled(channel, cls))
+    return;
   va_list args;
   va_start(args, format);
   const format_message m = {format, &args};
@@ -324,9 +352,11 @@ extern "C" void ic_log(ic_log_channel *channel, int cls, const char *file, const
   va_end(args);
 }
 
-extern "C" int ic_log_write(ic_log_channel *channel, int cls, const char *file, const char *function,
-                 int line, const void *data, unsigned data_len) noexcept {
-  if (!class_enabled(channel, cls)) return 0;
+extern "C" int ic_log_write(ic_log_channel *channel, int cls, const char *file,
+                            const char *function, int line, const void *data,
+                            unsigned data_len) noexcept {
+  if (!class_enabled(channel, cls))
+    return 0;
   const data_message m = {(const char *)data, data_len};
   const log_call c = {channel, cls, file, function, line, put_data_message, &m};
   return write_record(&c);
@@ -353,4 +383,4 @@ void log_failed_call(const char *source, const char *func, int line, const char 
   errno = saved;
 }
 
-}  // namespace fsic::detail
+} // namespace fsic::detail

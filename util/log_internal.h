@@ -12,13 +12,13 @@
 
 namespace fsic::detail {
 
-#define LOG_N_CLASSES 6        // FATAL .. TRACE
-#define LOG_MAX_OPTIONS 256    // capacity of the options table
-#define LOG_NAME_SIZE 32       // channel and entry names, NUL included
-#define LOG_FORMAT_ITEMS 32    // item codes of a format description
-#define LOG_FORMAT_TEXT 256    // literal bytes of a format description, NULs included
-#define LOG_STRING_SIZE 256    // buffer of a quoted configuration value, NUL included
-#define LOG_RECORD_SIZE 1024   // bytes of one output record
+#define LOG_N_CLASSES 6      // FATAL .. TRACE
+#define LOG_MAX_OPTIONS 256  // capacity of the options table
+#define LOG_NAME_SIZE 32     // channel and entry names, NUL included
+#define LOG_FORMAT_ITEMS 32  // item codes of a format description
+#define LOG_FORMAT_TEXT 256  // literal bytes of a format description, NULs included
+#define LOG_STRING_SIZE 256  // buffer of a quoted configuration value, NUL included
+#define LOG_RECORD_SIZE 1024 // bytes of one output record
 
 // Class names; the class number is the index.
 extern const char *const log_classes[LOG_N_CLASSES];
@@ -84,8 +84,7 @@ void log_failed_call(const char *source, const char *func, int line, const char 
 
 // A DEBUG record that `call` (a text naming the failed call) failed here; the source
 // file defines kLogSource.
-#define FSIC_LOG_FAILED(call) \
-  ::fsic::detail::log_failed_call(kLogSource, __func__, __LINE__, call)
+#define FSIC_LOG_FAILED(call) ::fsic::detail::log_failed_call(kLogSource, __func__, __LINE__, call)
 
 FSIC_BEGIN_DECLS
 

@@ -13,11 +13,11 @@
 
 // Returns the status of `expr` from the calling function when it is not FSIC_OK. With
 // the record under construction held by an owner, that return is the whole error path.
-#define FSIC_TRY(expr)                                                                      \
-  do {                                                                                      \
-    const fsic_status fsic_try_status_ = (expr);                                            \
-    if (fsic_try_status_ != FSIC_OK)                                                        \
-      return fsic_try_status_;                                                              \
+#define FSIC_TRY(expr)                           \
+  do {                                           \
+    const fsic_status fsic_try_status_ = (expr); \
+    if (fsic_try_status_ != FSIC_OK)             \
+      return fsic_try_status_;                   \
   } while (0)
 
 namespace fsic::detail {
@@ -92,8 +92,7 @@ void destroy_all(list_head *head) noexcept {
   if (!head->next)
     return;
   T *pos, *next;
-  list_for_each_entry_safe(pos, next, head, T, link)
-    Destroy(pos);
+  list_for_each_entry_safe(pos, next, head, T, link) Destroy(pos);
 }
 
 // Unlinks a record's link unless it is zero-filled (the record was never linked).

@@ -13,22 +13,16 @@ void rb_set_color(struct rb_node *node, uintptr_t color) noexcept {
   node->parent_color = (node->parent_color & ~(uintptr_t)1) | color;
 }
 
-void rb_set_red(struct rb_node *node) noexcept {
-  rb_set_color(node, RB_RED);
-}
+void rb_set_red(struct rb_node *node) noexcept { rb_set_color(node, RB_RED); }
 
-void rb_set_black(struct rb_node *node) noexcept {
-  rb_set_color(node, RB_BLACK);
-}
+void rb_set_black(struct rb_node *node) noexcept { rb_set_color(node, RB_BLACK); }
 
 // A null child counts as black.
-bool rb_null_or_black(const struct rb_node *node) noexcept {
-  return !node || rb_is_black(node);
-}
+bool rb_null_or_black(const struct rb_node *node) noexcept { return !node || rb_is_black(node); }
 
 // Points the link that led to `old` (its parent's child field, or the root) at `node`.
-void rb_change_child(struct rb_node *old, struct rb_node *node,
-                                   struct rb_node *parent, struct rb_root *root) noexcept {
+void rb_change_child(struct rb_node *old, struct rb_node *node, struct rb_node *parent,
+                     struct rb_root *root) noexcept {
   if (!parent)
     root->node = node;
   else if (parent->left == old)
@@ -88,8 +82,7 @@ struct rb_node *neighbour(const struct rb_node *node, side s) noexcept {
 // Deletion fix-up. `node` (possibly null) took the place of a removed black node under
 // `parent` and is one black short on its paths: push the deficit up, or absorb it
 // with recolouring and at most three rotations.
-void __rb_erase_color(struct rb_node *node, struct rb_node *parent,
-                             struct rb_root *root) noexcept {
+void __rb_erase_color(struct rb_node *node, struct rb_node *parent, struct rb_root *root) noexcept {
   while (rb_null_or_black(node) && node != root->node) {
     const side s = parent->left == node ? LEFT : RIGHT;
     struct rb_node *sibling = child(parent, other(s));
@@ -216,8 +209,12 @@ struct rb_node *rb_last(const struct rb_root *root) noexcept {
   return outermost(root->node, RIGHT);
 }
 
-struct rb_node *rb_next(const struct rb_node *node) noexcept { return neighbour(node, RIGHT); }
+struct rb_node *rb_next(const struct rb_node *node) noexcept {
+  return neighbour(node, RIGHT);
+}
 
-struct rb_node *rb_prev(const struct rb_node *node) noexcept { return neighbour(node, LEFT); }
+struct rb_node *rb_prev(const struct rb_node *node) noexcept {
+  return neighbour(node, LEFT);
+}
 
 } // extern "C"

@@ -84,8 +84,6 @@ fsic_status _fs_str_buf_append(fs_str_buf *buf, ...) noexcept {
   return FSIC_OK;
 }
 
-void _fs_str_buf_free(fs_str_buf *buf) noexcept {
-  free(buf->data);
-}
+void _fs_str_buf_free(fs_str_buf *buf) noexcept { free(buf->data); }
 
 } // extern "C"

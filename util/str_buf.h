@@ -27,9 +27,7 @@ fsic_status _fs_str_buf_append(fs_str_buf *buf, ...) FSIC_NOEXCEPT FSIC_SENTINEL
 // Releases the block; the fields are not reset.
 void _fs_str_buf_free(fs_str_buf *buf) FSIC_NOEXCEPT;
 
-inline uint32_t _fs_str_buf_len(const fs_str_buf *buf) FSIC_NOEXCEPT {
-  return buf->len;
-}
+inline uint32_t _fs_str_buf_len(const fs_str_buf *buf) FSIC_NOEXCEPT { return buf->len; }
 
 // Cuts the text back to an earlier length (never grows it).
 inline void _fs_str_buf_setlen(fs_str_buf *buf, uint32_t len) FSIC_NOEXCEPT {

@@ -63,9 +63,7 @@ size_t ic_str_zarray_len(char *const *array) noexcept {
   return n;
 }
 
-void ic_str_zarray_destroy(char **array) noexcept {
-  release(array, ic_str_zarray_len(array));
-}
+void ic_str_zarray_destroy(char **array) noexcept { release(array, ic_str_zarray_len(array)); }
 
 char **ic_str_zarray_copy(char *const *array) noexcept {
   size_t len = ic_str_zarray_len(array);

@@ -12,9 +12,7 @@
 
 extern "C" {
 
-void *ic_util_zalloc(size_t size) noexcept {
-  return calloc(1, size);
-}
+void *ic_util_zalloc(size_t size) noexcept { return calloc(1, size); }
 
 size_t ic_util_strpcpy(char **dst, size_t space, const char *src) noexcept {
   if (space == 0)

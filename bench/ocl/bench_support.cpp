@@ -9,8 +9,8 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,9 +54,7 @@ static double children_cpu() {
 
 Stopwatch::Stopwatch() : wall0_(clock_type::now()), cpu0_(process_cpu()) {}
 
-Sample Stopwatch::stop() const {
-  return Sample{seconds_since(wall0_), process_cpu() - cpu0_};
-}
+Sample Stopwatch::stop() const { return Sample{seconds_since(wall0_), process_cpu() - cpu0_}; }
 
 std::string hex(const uint8_t *p, size_t n) {
   static const char digits[] = "0123456789abcdef";
@@ -106,7 +104,7 @@ void write_random_file(const std::string &path, size_t size, Rng &rng) {
     throw std::runtime_error("cannot write " + path);
 }
 
-}  // namespace
+} // namespace
 
 uint64_t make_tree(const std::string &root, unsigned dirs, unsigned files, size_t min_size,
                    size_t max_size, uint32_t seed) {
@@ -207,4 +205,4 @@ size_t heap_in_use() {
   return mi.uordblks + mi.hblkhd;
 }
 
-}  // namespace bench
+} // namespace bench

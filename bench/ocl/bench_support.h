@@ -31,11 +31,11 @@ Sample medians(const std::vector<Sample> &v);
 
 // Times work done in this process.
 class Stopwatch {
- public:
+public:
   Stopwatch();
   Sample stop() const;
 
- private:
+private:
   clock_type::time_point wall0_;
   double cpu0_;
 };
@@ -43,14 +43,14 @@ std::string hex(const uint8_t *p, size_t n);
 
 // A directory under $TMPDIR (or /tmp), removed with its contents by the destructor.
 class ScratchDir {
- public:
+public:
   ScratchDir();
   ~ScratchDir();
   ScratchDir(const ScratchDir &) = delete;
   ScratchDir &operator=(const ScratchDir &) = delete;
   const std::string &path() const { return path_; }
 
- private:
+private:
   std::string path_;
 };
 
@@ -79,6 +79,6 @@ bool reset_peak_rss();
 // Bytes allocated from the heap and still in use (including mmap-backed blocks).
 size_t heap_in_use();
 
-}  // namespace bench
+} // namespace bench
 
 #endif

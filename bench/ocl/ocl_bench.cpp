@@ -161,8 +161,8 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
   double t_make = seconds_since(tb);
   const double mb = double(bytes) / 1e6;
   if (shape.dirs)
-    printf("\nTree \"%s\": %u files of %zu to %zu bytes in %u directories, %.1f MB",
-           shape.name, shape.files, shape.min_size, shape.max_size, shape.dirs, mb);
+    printf("\nTree \"%s\": %u files of %zu to %zu bytes in %u directories, %.1f MB", shape.name,
+           shape.files, shape.min_size, shape.max_size, shape.dirs, mb);
   else
     printf("\nTree \"%s\": %u files of %zu bytes in one directory, %.1f MB", shape.name,
            shape.files, shape.min_size, mb);
@@ -230,8 +230,7 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
     const Sample m_rh = medians(t_rhash);
     print_line("rhash -r --gost94-cryptopro", m_rh, mb);
     printf("    add_dir is %.2fx faster (target >= 2x: %s; by CPU time %.2fx)\n",
-           m_rh.wall / m_add.wall, verdict(m_rh.wall / m_add.wall >= 2.0),
-           m_rh.cpu / m_add.cpu);
+           m_rh.wall / m_add.wall, verdict(m_rh.wall / m_add.wall >= 2.0), m_rh.cpu / m_add.cpu);
   } else {
     printf("  rhash: not found in PATH, skipped\n");
   }
@@ -241,8 +240,8 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
          (m_mem.wall + m_sys.wall) / m_mem.wall);
 
   // Every file, the same digest everywhere.
-  bool agree = d_add == d_mem && d_add.size() == files.size() &&
-               (rhash.empty() || d_rhash == d_mem);
+  bool agree =
+      d_add == d_mem && d_add.size() == files.size() && (rhash.empty() || d_rhash == d_mem);
   printf("  digests of all %zu files: add_dir = in-memory%s: %s\n", files.size(),
          rhash.empty() ? "" : " = rhash", agree ? "agree" : "DISAGREE");
   ok = agree;
@@ -282,9 +281,9 @@ bool make_list_blob(uint32_t n, wb *buf) {
     }
     ok = wb_write_uint16(buf, FS_OCL_FILE) == FSIC_OK && wb_write_str(buf, path) == FSIC_OK &&
          wb_write_uint16(buf, CONTROL_DATA | CONTROL_ATTRS) == FSIC_OK &&
-         wb_write(buf, hash, sizeof(hash)) == FSIC_OK &&
-         wb_write_uint32(buf, 0100644) == FSIC_OK && wb_write_uint16(buf, 1000) == FSIC_OK &&
-         wb_write_uint16(buf, 1000) == FSIC_OK && wb_write_uint32(buf, i * 37u) == FSIC_OK &&
+         wb_write(buf, hash, sizeof(hash)) == FSIC_OK && wb_write_uint32(buf, 0100644) == FSIC_OK &&
+         wb_write_uint16(buf, 1000) == FSIC_OK && wb_write_uint16(buf, 1000) == FSIC_OK &&
+         wb_write_uint32(buf, i * 37u) == FSIC_OK &&
          wb_write_uint32(buf, 1700000000u + i) == FSIC_OK;
   }
   if (!ok)
@@ -293,8 +292,7 @@ bool make_list_blob(uint32_t n, wb *buf) {
 }
 
 bool bench_memory(uint32_t n, const Options &o) {
-  printf("\nList of %u file objects with hash and attributes (CONTROL_DATA|CONTROL_ATTRS)\n",
-         n);
+  printf("\nList of %u file objects with hash and attributes (CONTROL_DATA|CONTROL_ATTRS)\n", n);
   wb buf;
   if (!make_list_blob(n, &buf)) {
     printf("  cannot generate the blob\n");
@@ -379,7 +377,7 @@ bool parse(int argc, char **argv, Options &o) {
   return o.rounds > 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   Options o;
@@ -399,9 +397,9 @@ int main(int argc, char **argv) {
            scratch.path().c_str());
 
     const TreeShape large = o.quick ? TreeShape{"large", 0, 4, 256 << 10, 256 << 10}
-                                   : TreeShape{"large", 0, 64, 4 << 20, 4 << 20};
+                                    : TreeShape{"large", 0, 64, 4 << 20, 4 << 20};
     const TreeShape small = o.quick ? TreeShape{"small", 5, 100, 1024, 8192}
-                                   : TreeShape{"small", 200, 20000, 1024, 8192};
+                                    : TreeShape{"small", 200, 20000, 1024, 8192};
     bool ok = bench_tree(scratch.path(), large, o, rhash, 1.10, false);
     ok = bench_tree(scratch.path(), small, o, rhash, 1.25, true) && ok;
     ok = bench_memory(o.quick ? 10000 : 1000000, o) && ok;

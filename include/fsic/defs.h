@@ -37,13 +37,15 @@
  */
 typedef uint32_t fsic_status;
 
-#define FSIC_OK 0u                 /* success */
-#define FSIC_ERR_FAILED 1u         /* system call, udev, sysfs, LVM or command failed;
-                                      a blob too short; an unknown kind or type */
-#define FSIC_ERR_RELATIVE_PATH 2u  /* a path does not begin with "/" */
-#define FSIC_ERR_NO_MEMORY 3u      /* memory exhausted */
-#define FSIC_ERR_NOT_FOUND 4u      /* the object to remove does not exist */
-#define FSIC_ERR_UNAVAILABLE 7u    /* no free loop device; the object to add cannot be
+#define FSIC_OK 0u /* success */
+#define FSIC_ERR_FAILED                                                               \
+  1u                              /* system call, udev, sysfs, LVM or command failed; \
+                                     a blob too short; an unknown kind or type */
+#define FSIC_ERR_RELATIVE_PATH 2u /* a path does not begin with "/" */
+#define FSIC_ERR_NO_MEMORY 3u     /* memory exhausted */
+#define FSIC_ERR_NOT_FOUND 4u     /* the object to remove does not exist */
+#define FSIC_ERR_UNAVAILABLE                                                           \
+  7u                               /* no free loop device; the object to add cannot be \
                                       stat'ed or is not of the requested kind */
 #define FSIC_ERR_UDEV_TIMEOUT 8u   /* the udev event queue did not settle in time */
 #define FSIC_ERR_BUSY 9u           /* an image disk still has a mounted partition */

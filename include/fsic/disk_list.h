@@ -45,20 +45,20 @@ struct fs_volume {
 };
 
 struct fs_disk_list {
-  list_head disks;       /* fs_disk, in discovery order */
-  list_head image_disks; /* fs_image_disk, in order of addition */
-  list_head lvm_groups;  /* fs_lvm_group, in discovery order */
+  list_head disks;        /* fs_disk, in discovery order */
+  list_head image_disks;  /* fs_image_disk, in order of addition */
+  list_head lvm_groups;   /* fs_lvm_group, in discovery order */
   int32_t base_dir_count; /* holds on the base mount directory */
   char *base_dir;         /* base mount directory while base_dir_count > 0 */
 };
 
 typedef struct fs_disk {
-  list_head link;         /* in the list's disks */
-  list_head partitions;   /* fs_partition, in discovery order */
+  list_head link;          /* in the list's disks */
+  list_head partitions;    /* fs_partition, in discovery order */
   fs_disk_list *disk_list; /* owner */
   char *syspath;
   char *devnode;
-  char *serial;           /* ID_SERIAL_SHORT, else ID_SERIAL */
+  char *serial; /* ID_SERIAL_SHORT, else ID_SERIAL */
 } fs_disk;
 
 /* A partition of a physical disk, or of an image disk (then `disk` points to the
@@ -92,9 +92,9 @@ typedef struct fs_lvm_group {
 
 typedef struct fs_lvm_volume {
   fs_volume volume;
-  list_head link;       /* in the group's volumes */
-  fs_lvm_group *group;  /* owner */
-  char *name;           /* the logical volume's name */
+  list_head link;      /* in the group's volumes */
+  fs_lvm_group *group; /* owner */
+  char *name;          /* the logical volume's name */
 } fs_lvm_volume;
 
 /* Builds the list of all physical disks and their partitions from /sys/class/block

@@ -3,10 +3,9 @@
 #ifndef FSIC_FSIC_H
 #define FSIC_FSIC_H
 
+#include <fsic/buffer.h>
 #include <fsic/defs.h>
 #include <fsic/disk_list.h>
-#include <fsic/volume_id.h>
-#include <fsic/buffer.h>
 #include <fsic/gost_r3411_94.h>
 #include <fsic/icl.h>
 #include <fsic/list.h>
@@ -15,5 +14,6 @@
 #include <fsic/ocl.h>
 #include <fsic/rbtree.h>
 #include <fsic/util.h>
+#include <fsic/volume_id.h>
 
 #endif /* FSIC_FSIC_H */

@@ -24,11 +24,11 @@ FSIC_BEGIN_DECLS
 typedef struct gost_r3411_94_params gost_r3411_94_params;
 
 typedef struct gost_r3411_94_ctx {
-  uint32_t sum[8];         /* control sum of all message blocks, word 0 lowest */
-  uint32_t hash[8];        /* running hash H */
-  uint32_t length[8];      /* length block L: bits processed, words 0-1 */
-  uint8_t partial[32];     /* the block being filled */
-  uint64_t partial_bytes;  /* bytes held in `partial` (0 to 32) */
+  uint32_t sum[8];                    /* control sum of all message blocks, word 0 lowest */
+  uint32_t hash[8];                   /* running hash H */
+  uint32_t length[8];                 /* length block L: bits processed, words 0-1 */
+  uint8_t partial[32];                /* the block being filled */
+  uint64_t partial_bytes;             /* bytes held in `partial` (0 to 32) */
   const gost_r3411_94_params *params; /* selected parameter set */
 } gost_r3411_94_ctx;
 

@@ -22,8 +22,7 @@ typedef struct list_head {
 #define LIST_POISON2 ((struct list_head *)2)
 
 /* The record of type `type` whose field `member` is the link `ptr`. */
-#define list_entry(ptr, type, member) \
-  ((type *)(void *)((char *)(ptr) - offsetof(type, member)))
+#define list_entry(ptr, type, member) ((type *)(void *)((char *)(ptr)-offsetof(type, member)))
 
 static inline void INIT_LIST_HEAD(struct list_head *head) FSIC_NOEXCEPT {
   head->next = head;
@@ -75,11 +74,10 @@ static inline int list_empty(const struct list_head *head) FSIC_NOEXCEPT {
 
 /* Walks the records of type `type` linked through `member`, front to back, with `pos`;
  * `n` keeps the next record, so that the body may unlink (and free) `pos`. */
-#define list_for_each_entry_safe(pos, n, head, type, member)                          \
-  for ((pos) = list_entry((head)->next, type, member),                               \
-      (n) = list_entry((pos)->member.next, type, member);                            \
-       &(pos)->member != (head);                                                      \
-       (pos) = (n), (n) = list_entry((n)->member.next, type, member))
+#define list_for_each_entry_safe(pos, n, head, type, member) \
+  for ((pos) = list_entry((head)->next, type, member),       \
+      (n) = list_entry((pos)->member.next, type, member);    \
+       &(pos)->member != (head); (pos) = (n), (n) = list_entry((n)->member.next, type, member))
 
 FSIC_END_DECLS
 

@@ -37,7 +37,8 @@ typedef struct ic_log_channel {
 } ic_log_channel;
 
 /* Defines a channel object; its mask resolves on first use. */
-#define IC_LOG_CHANNEL_INIT(channel_name) {channel_name, 0xFFFFFFFFu}
+#define IC_LOG_CHANNEL_INIT(channel_name) \
+  { channel_name, 0xFFFFFFFFu }
 
 /* The call-site pre-test on the cached mask. */
 #define IC_LOG_ENABLED(channel, cls) (((channel)->flags >> (cls)) & 1u)
@@ -52,15 +53,14 @@ FSIC_API uint32_t ic_log_set_default_level(int32_t level) FSIC_NOEXCEPT;
 
 /* Writes one record when the channel enables `cls`; the message is the vsnprintf of
  * `format` and its arguments and brings its own "\n". */
-FSIC_API void ic_log(ic_log_channel *channel, int cls, const char *file,
-                     const char *function, int line, const char *format, ...) FSIC_NOEXCEPT
+FSIC_API void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
+                     int line, const char *format, ...) FSIC_NOEXCEPT
     __attribute__((format(printf, 6, 7)));
 
 /* As ic_log() with `data_len` raw bytes as the message. Returns 0 when the class is not
  * enabled, else the writer's result (-1 when write() failed). */
-FSIC_API int ic_log_write(ic_log_channel *channel, int cls, const char *file,
-                          const char *function, int line, const void *data,
-                          unsigned data_len) FSIC_NOEXCEPT;
+FSIC_API int ic_log_write(ic_log_channel *channel, int cls, const char *file, const char *function,
+                          int line, const void *data, unsigned data_len) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS
 

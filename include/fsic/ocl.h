@@ -57,9 +57,9 @@ typedef struct fs_ocl_dir_info {
   struct fs_ocl_dir_info **subdir_infos; /* never holds NULL */
   fs_ocl_dir_attrs *subdir_attrs;        /* with CONTROL_ATTRS, else NULL */
   int32_t file_count;
-  char **file_names;                       /* masked regular files; NULL when none */
+  char **file_names;                        /* masked regular files; NULL when none */
   uint8_t (*file_hashes)[FS_OCL_HASH_SIZE]; /* with CONTROL_DATA, else NULL */
-  fs_ocl_file_attrs *file_attrs;           /* with CONTROL_ATTRS, else NULL */
+  fs_ocl_file_attrs *file_attrs;            /* with CONTROL_ATTRS, else NULL */
 } fs_ocl_dir_info;
 
 /* The head of every object; `node` is first, so a tree node is its object. */

@@ -37,8 +37,7 @@ typedef struct rb_root {
 #define rb_color(n) ((n)->parent_color & 1u)
 #define rb_is_red(n) (!rb_color(n))
 #define rb_is_black(n) (rb_color(n))
-#define rb_entry(ptr, type, member) \
-  ((type *)(void *)((char *)(ptr) - offsetof(type, member)))
+#define rb_entry(ptr, type, member) ((type *)(void *)((char *)(ptr)-offsetof(type, member)))
 
 /* Sets the node's parent to `parent` with colour red, no children, and stores the
  * node into `*link` (the parent's left or right field, or the root's node). */

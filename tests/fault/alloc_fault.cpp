@@ -8,8 +8,8 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <fsic/gost_r3411_94.h>
@@ -38,7 +38,7 @@ struct state {
   fault::scope scope = fault::scope::library;
   fault::mode mode = fault::mode::once;
   long fail_at = 0;
-  int in_wrapper = 0;  // > 0 while a wrapped call runs: the process hooks only track it
+  int in_wrapper = 0; // > 0 while a wrapped call runs: the process hooks only track it
   int in_hash_context = 0;
   fault::report report;
   // Blocks and bytes in use: the whole process without the sanitizer, the wrapped calls'
@@ -164,7 +164,7 @@ struct tracked_block {
 constexpr std::size_t kTracked = 1 << 14;
 tracked_block tracked[kTracked];
 bool tracking = false;
-long tracked_lost = 0;  // blocks that did not fit
+long tracked_lost = 0; // blocks that did not fit
 
 std::size_t slot_of(const void *p) {
   return (reinterpret_cast<std::uintptr_t>(p) >> 4) * 2654435761u % kTracked;
@@ -184,7 +184,7 @@ void forget(void *p) {
   for (std::size_t i = slot_of(p), n = 0; n < kTracked && tracked[i].p;
        i = (i + 1) % kTracked, n++) {
     if (tracked[i].p == p) {
-      tracked[i].p = reinterpret_cast<void *>(1);  // a tombstone keeps the probe chain
+      tracked[i].p = reinterpret_cast<void *>(1); // a tombstone keeps the probe chain
       return;
     }
   }
@@ -220,7 +220,7 @@ inline void wrapped_gone(void *p) {
 }
 #endif
 
-}  // namespace
+} // namespace
 
 // ---- the wrapped calls (the library's and the test's own) ----------------------------
 
@@ -307,7 +307,7 @@ gost_r3411_94_ctx *__wrap_gost_r3411_94_create_context(void) noexcept {
   return ctx;
 }
 
-}  // extern "C"
+} // extern "C"
 
 // ---- the process's allocator (not under the sanitizer) -----------------------------
 
@@ -423,16 +423,14 @@ void *pvalloc(size_t size) noexcept {
 }
 
 #undef FAULT_FAILS
-}  // extern "C"
+} // extern "C"
 #endif
 
 // ---- control -------------------------------------------------------------------------
 
 namespace fault {
 
-bool process_scope_available() {
-  return FAULT_PROCESS_SCOPE != 0;
-}
+bool process_scope_available() { return FAULT_PROCESS_SCOPE != 0; }
 
 void arm(scope s, long fail_at, mode m) {
   g_log_allocations = std::getenv("FAULT_LOG_ALLOCATIONS") != nullptr;
@@ -546,12 +544,8 @@ bool library_call_fails(const char *function, std::size_t size) {
   return should_fail(true, function, size, __builtin_return_address(0));
 }
 
-library_call::library_call() {
-  g.in_wrapper++;
-}
-library_call::~library_call() {
-  g.in_wrapper--;
-}
+library_call::library_call() { g.in_wrapper++; }
+library_call::~library_call() { g.in_wrapper--; }
 
 bool leak_check_found_leaks() {
 #if defined(__SANITIZE_ADDRESS__)
@@ -561,4 +555,4 @@ bool leak_check_found_leaks() {
 #endif
 }
 
-}  // namespace fault
+} // namespace fault

@@ -26,8 +26,8 @@ namespace fault {
 
 // Which allocations are counted, and so may be failed.
 enum class scope {
-  library,  // those that the library asks for itself (the wrapped calls)
-  process,  // every allocation of the process, also those made inside libc, libudev, ...
+  library, // those that the library asks for itself (the wrapped calls)
+  process, // every allocation of the process, also those made inside libc, libudev, ...
 };
 
 // Fail only the n-th counted allocation, or the n-th and every one after it.
@@ -35,15 +35,15 @@ enum class mode { once, from };
 
 // What happened between arm() and disarm().
 struct report {
-  long allocations = 0;  // counted allocations, the failed ones included
-  long failed = 0;       // allocations that were failed
+  long allocations = 0; // counted allocations, the failed ones included
+  long failed = 0;      // allocations that were failed
   bool fired() const { return failed > 0; }
   // About the first failed allocation:
-  const char *function = "";     // "malloc", "calloc", "realloc", "strdup", ...
-  std::size_t size = 0;          // bytes asked for
-  bool from_library = false;     // a wrapped call, i.e. the library's (or the test's) own
-  bool in_hash_context = false;  // made for gost_r3411_94_create_context()
-  char object[64] = "";          // the shared object that asked (process scope), e.g. "libc.so.6"
+  const char *function = "";    // "malloc", "calloc", "realloc", "strdup", ...
+  std::size_t size = 0;         // bytes asked for
+  bool from_library = false;    // a wrapped call, i.e. the library's (or the test's) own
+  bool in_hash_context = false; // made for gost_r3411_94_create_context()
+  char object[64] = "";         // the shared object that asked (process scope), e.g. "libc.so.6"
 };
 
 // Heap blocks and bytes in use (see the header comment for what they cover).
@@ -75,7 +75,7 @@ long block_bytes(const void *p);
 // g_malloc() ends the process when malloc() returns null. Call before arm(); the
 // address ranges of the objects loaded at that time are taken at every arm().
 void exempt_objects_named(const char *name);
-void clear_exempt_objects();  // also forgets count_only_objects_named()
+void clear_exempt_objects(); // also forgets count_only_objects_named()
 
 // Only allocations that code of objects so named asks for are counted in the process
 // scope (none named: all but the exempt ones). To fail one inside a given library.
@@ -104,6 +104,6 @@ struct library_call {
 // were found. Elsewhere false (the block counts are the check there).
 bool leak_check_found_leaks();
 
-}  // namespace fault
+} // namespace fault
 
-#endif  // FSIC_TESTS_FAULT_ALLOC_FAULT_H
+#endif // FSIC_TESTS_FAULT_ALLOC_FAULT_H

@@ -22,7 +22,7 @@ namespace fault {
 
 // One run of an operation.
 struct attempt {
-  long n = 0;  // the counted allocation made to fail (0: none)
+  long n = 0; // the counted allocation made to fail (0: none)
   mode how = mode::once;
   fsic_status status = 0;
   report r;
@@ -30,7 +30,7 @@ struct attempt {
 
 // Problems found by an operation's own checks.
 class checks {
- public:
+public:
   void that(bool ok, const std::string &what) {
     if (!ok)
       problems_.push_back(what);
@@ -45,7 +45,7 @@ class checks {
   }
   const std::vector<std::string> &problems() const { return problems_; }
 
- private:
+private:
   std::vector<std::string> problems_;
 };
 
@@ -85,10 +85,10 @@ inline std::vector<fsic_status> default_statuses(const report &r) {
 }
 
 struct outcome {
-  long points = 0;  // counted allocations of an undisturbed run: the injection points
-  long runs = 0;    // runs that met an injected failure
-  std::map<std::string, long> endings;  // how the runs of mode::once ended
-  std::vector<std::string> problems;    // the first 20
+  long points = 0; // counted allocations of an undisturbed run: the injection points
+  long runs = 0;   // runs that met an injected failure
+  std::map<std::string, long> endings; // how the runs of mode::once ended
+  std::vector<std::string> problems;   // the first 20
   long runs_with_problems = 0;
 };
 
@@ -259,6 +259,6 @@ inline std::string summary(const std::string &name, const operation &op, const o
   return s.str();
 }
 
-}  // namespace fault
+} // namespace fault
 
-#endif  // FSIC_TESTS_FAULT_FAULT_DRIVER_H
+#endif // FSIC_TESTS_FAULT_FAULT_DRIVER_H

@@ -38,6 +38,6 @@ inline void expect_exercised(const outcome &o, const operation &op) {
                       "AddressSanitizer (it owns the allocator)";                   \
   } while (0)
 
-}  // namespace fault
+} // namespace fault
 
-#endif  // FSIC_TESTS_FAULT_FAULT_GTEST_H
+#endif // FSIC_TESTS_FAULT_FAULT_GTEST_H

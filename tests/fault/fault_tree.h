@@ -77,7 +77,7 @@ void exercise_write_to_mem(const std::string &name, Write write, const List *lis
 // A test suite whose tests share one tree, made in <dir>/tree before its first test and
 // removed after its last; the lists take <dir> as the base and "/tree/..." paths.
 class tree_suite : public ::testing::Test {
- protected:
+protected:
   static void SetUpTestSuite() {
     dir_ = new temp_dir("fsic-fault");
     make_tree(dir_->path() + "/tree");
@@ -88,7 +88,7 @@ class tree_suite : public ::testing::Test {
   }
   static const char *base() { return dir_->path().c_str(); }
 
- private:
+private:
   static inline temp_dir *dir_ = nullptr;
 };
 
@@ -123,6 +123,6 @@ inline char *const *test_masks() {
   return masks;
 }
 
-}  // namespace faulttest
+} // namespace faulttest
 
-#endif  // FSIC_TESTS_FAULT_FAULT_TREE_H
+#endif // FSIC_TESTS_FAULT_FAULT_TREE_H

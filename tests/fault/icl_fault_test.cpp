@@ -28,7 +28,6 @@
 #include "fs/icl_internal.h"
 #include "fs/volume_id_internal.h"
 #include "icl_report.h"
-#include "tests/unit/icl/icl_test_util.h"
 #include "tests/support/base_dirs.h"
 #include "tests/support/files.h"
 #include "tests/support/loop_image.h"
@@ -36,6 +35,7 @@
 #include "tests/support/require_root.h"
 #include "tests/support/volume_records.h"
 #include "tests/unit/driver/stdio_capture.h"
+#include "tests/unit/icl/icl_test_util.h"
 
 namespace {
 
@@ -196,8 +196,7 @@ TEST(FaultVolumeId, ReadARecord) {
 // ---- lists without mounts ---------------------------------------------------------------
 
 class FaultIcl : public faulttest::tree_suite {
- protected:
-
+protected:
   // A list with an entry of each kind of identifier, each with objects of its own (made
   // from the test tree without a mount).
   static fs_icl *rich_list() {
@@ -310,9 +309,9 @@ TEST_F(FaultIcl, ReadTheBlob) {
       // Read back, the entries come in the reverse order; a second round trip restores it.
       fs_icl *again = nullptr;
       const Bytes once = blob_of(list);
-      c.that(
-          fs_icl_read_from_mem(once.data(), static_cast<uint32_t>(once.size()), &again) == FSIC_OK,
-          "the list read back cannot be read again");
+      c.that(fs_icl_read_from_mem(once.data(), static_cast<uint32_t>(once.size()), &again) ==
+                 FSIC_OK,
+             "the list read back cannot be read again");
       if (again) {
         c.that(blob_of(again) == blob, "the list read back differs");
         fs_icl_destroy(again);
@@ -409,8 +408,7 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
     // them back in order.
     fs_icl *back = nullptr;
     const Bytes once = blob_of(copy);
-    c.that(fs_icl_read_from_mem(once.data(), static_cast<uint32_t>(once.size()), &back) ==
-               FSIC_OK,
+    c.that(fs_icl_read_from_mem(once.data(), static_cast<uint32_t>(once.size()), &back) == FSIC_OK,
            "the copy cannot be read back");
     if (back) {
       c.that(blob_of(back) == reference, "the copy differs");
@@ -439,7 +437,7 @@ using support::count_mounts_of;
 // An ext4 image with the test tree on a loop device, and a disk list of the test's own
 // whose one disk has the image as partition 1.
 class FaultIclMounted : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     FSIC_REQUIRE_ROOT("mounts an ext4 image on a loop device");
     ASSERT_TRUE(work_.ok()) << work_.error();
@@ -448,15 +446,14 @@ class FaultIclMounted : public ::testing::Test {
     const std::string image = work_ / "disk.img";
     // A fixed directory hash seed: the order in which directories are read, and so the
     // number of times a path buffer grows, is the same in every run.
-    ASSERT_TRUE(support::make_ext4_image(
-        image, 8 << 20, src,
-        {"-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
-         "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1"}));
+    ASSERT_TRUE(support::make_ext4_image(image, 8 << 20, src,
+                                         {"-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
+                                          "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1"}));
     if (const auto attached = loop_.attach(image); !attached)
       GTEST_SKIP() << attached.message();
     dev_ = loop_.node();
-    volume_ = std::make_unique<support::test_volume>(disks_, dev_, "ext4",
-                                                     support::syspath_of(dev_));
+    volume_ =
+        std::make_unique<support::test_volume>(disks_, dev_, "ext4", support::syspath_of(dev_));
     volume_->part.volume.ops = &fault_volume_ops;
     list_add_tail(&volume_->part.link, &disks_.disk.partitions);
   }
@@ -622,4 +619,4 @@ TEST_F(FaultIclMounted, AddsWithEveryAllocationOfTheProcess) {
                fault::scope::process, {fault::mode::once});
 }
 
-}  // namespace
+} // namespace

@@ -52,7 +52,7 @@ TEST(FaultInjector, FailsExactlyTheNthOrEveryOneFromIt) {
   fault::report r = fault::disarm();
   EXPECT_EQ(a, nullptr);
   EXPECT_STREQ(r.function, "strdup");
-  EXPECT_EQ(r.size, 4u);  // "two"
+  EXPECT_EQ(r.size, 4u); // "two"
   EXPECT_EQ(r.allocations, 3);
   EXPECT_EQ(r.failed, 1);
 
@@ -189,7 +189,7 @@ fsic_status leaky_pair() {
     return FSIC_ERR_NO_MEMORY;
   void *b = test_malloc(16);
   if (!b) {
-    g_kept = a;  // not released: still reachable, but a leak of the operation
+    g_kept = a; // not released: still reachable, but a leak of the operation
     return FSIC_ERR_NO_MEMORY;
   }
   free(a);
@@ -265,4 +265,4 @@ TEST(FaultDriver, FailsEveryAllocationOfAnOperationInTurn) {
   EXPECT_EQ(o.endings.at("3"), 4);
 }
 
-}  // namespace
+} // namespace

@@ -27,13 +27,12 @@ using fault::attempt;
 using fault::checks;
 using fault::operation;
 
-const char kConfig[] =
-    "# channels of the library\n"
-    "[fs]\n"
-    "level = debug\n"
-    "format = \"%{class}: %{message}\"\n"
-    "[other]\n"
-    "level = warn\n";
+const char kConfig[] = "# channels of the library\n"
+                       "[fs]\n"
+                       "level = debug\n"
+                       "format = \"%{class}: %{message}\"\n"
+                       "[other]\n"
+                       "level = warn\n";
 
 // What the configuration decides: the options table, the channel's mask and the format.
 struct config_state {
@@ -67,7 +66,7 @@ int capture(const void *data, unsigned len) {
 }
 
 class FaultLog : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     path_ = dir_.path() + "/log.conf";
     faulttest::write_file(path_, kConfig);
@@ -185,4 +184,4 @@ TEST_F(FaultLog, WritingARecordAllocatesNothing) {
   }
 }
 
-}  // namespace
+} // namespace

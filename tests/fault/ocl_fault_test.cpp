@@ -26,7 +26,7 @@ using faulttest::Bytes;
 
 // The tree lives in <dir>/tree; the lists take <dir> as the base and "/tree/..." paths.
 class FaultOcl : public faulttest::tree_suite {
- protected:
+protected:
   // A list holding "/tree/readme.txt" and an older object at `path` (of the same kind,
   // with other flags), which a failed add must keep.
   static fs_ocl *list_with_old(const std::string &path, bool dir) {
@@ -220,8 +220,7 @@ TEST_F(FaultOcl, ReplacingAnObjectFreesTheOlderOne) {
   EXPECT_EQ(fault::live().blocks, start);
   // A directory object with its whole info tree, replaced by the same one.
   for (int i = 0; i < 3; i++) {
-    ASSERT_EQ(fs_ocl_add_dir(ocl, base(), "/tree", faulttest::test_masks(), 15, nullptr),
-              FSIC_OK);
+    ASSERT_EQ(fs_ocl_add_dir(ocl, base(), "/tree", faulttest::test_masks(), 15, nullptr), FSIC_OK);
     EXPECT_EQ(fault::live().blocks, start) << "add " << i;
   }
   EXPECT_EQ(blob_of(ocl), snapshot);
@@ -246,4 +245,4 @@ TEST_F(FaultOcl, CutBlobsLeaveNothingBehind) {
   EXPECT_FALSE(fault::leak_check_found_leaks());
 }
 
-}  // namespace
+} // namespace

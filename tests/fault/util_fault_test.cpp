@@ -203,7 +203,7 @@ TEST(FaultBuffer, WriteBufferInit) {
 TEST(FaultBuffer, WritesThatGrowTheBlock) {
   struct writer {
     const char *name;
-    uint32_t prefill;  // bytes already written into a block of 8
+    uint32_t prefill; // bytes already written into a block of 8
     std::function<fsic_status(wb *)> write;
     std::string added;
   };
@@ -281,4 +281,4 @@ TEST(FaultBuffer, ReadAndCopyAString) {
   fault::expect_exercised(fault::run(op), op);
 }
 
-}  // namespace
+} // namespace

@@ -9,8 +9,7 @@
 
 static int check_hash(void) {
   /* Digest of "abc" with the CryptoPro parameter set, word 0 first. */
-  static const char expected[] =
-      "b285056dbf18d7392d7677369524dd14747459ed8143997e163b2986f92fd42c";
+  static const char expected[] = "b285056dbf18d7392d7677369524dd14747459ed8143997e163b2986f92fd42c";
   uint8_t digest[GOST_R3411_94_DIGEST_SIZE];
   char hex[2 * GOST_R3411_94_DIGEST_SIZE + 1];
   gost_r3411_94_ctx *ctx = gost_r3411_94_create_context();
@@ -46,8 +45,8 @@ static int check_buffers(void) {
   uint8_t *blob = wb_finalize(&w, 0);
   rb_init(&r, blob, size);
   bad = rb_read_uint16(&r, &kind) || rb_read_and_alloc_zstr(&r, &text) ||
-        rb_read_uint32(&r, &value) || kind != 2 || strcmp(text, "vg") != 0 ||
-        value != 16909060 || size != 10;
+        rb_read_uint32(&r, &value) || kind != 2 || strcmp(text, "vg") != 0 || value != 16909060 ||
+        size != 10;
   free(text);
   rb_finalize(&r, 1);
   return bad;
@@ -56,8 +55,8 @@ static int check_buffers(void) {
 static int check_util(void) {
   char *joined = ic_util_dupstrs("/sys", "/class", "/block", (char *)NULL);
   char **masks = ic_str_zarray_create("*.dll", "*.exe", (char *)NULL);
-  int bad = !joined || !masks || strcmp(joined, "/sys/class/block") != 0 ||
-            ic_str_zarray_len(masks) != 2;
+  int bad =
+      !joined || !masks || strcmp(joined, "/sys/class/block") != 0 || ic_str_zarray_len(masks) != 2;
   free(joined);
   if (masks)
     ic_str_zarray_destroy(masks);

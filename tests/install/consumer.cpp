@@ -1,7 +1,7 @@
 // The C++ view of the installed SDK: the same headers compiled as C++20, every entry
 // point noexcept, linked through the CMake package (find_package(fsic)).
-#include <fsic/fsic.h>
 #include <fsic/disk_list.h>
+#include <fsic/fsic.h>
 
 #include <array>
 #include <cstdio>

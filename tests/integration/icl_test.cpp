@@ -42,11 +42,11 @@
 
 namespace {
 
+using ocltest::Bytes;
+using ocltest::Obj;
 using support::count_mounts_of;
 using support::exists;
 using support::test_volume;
-using ocltest::Bytes;
-using ocltest::Obj;
 
 int g_create_id_calls = 0;
 
@@ -72,7 +72,7 @@ using icltest::paths_of;
 using icl_disk_list = support::serial_disk_list;
 
 class IclTest : public ::testing::Test {
- public:  // also used by the sandbox test below
+public: // also used by the sandbox test below
   void SetUp() override {
     FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
     ASSERT_TRUE(work_.ok()) << work_.error();
@@ -133,8 +133,10 @@ class IclTest : public ::testing::Test {
   // Frees what the library still owns in the records (after a failed assertion), so that
   // a failure shows as one and not also as a leak.
   void TearDown() override {
-    for (auto &v : volumes_) support::drop_hold(v->volume());
-    for (auto &l : lists_) support::drop_base_dir(&l->list);
+    for (auto &v : volumes_)
+      support::drop_hold(v->volume());
+    for (auto &l : lists_)
+      support::drop_base_dir(&l->list);
   }
 
   support::base_dir_guard guard_;
@@ -173,8 +175,7 @@ TEST_F(IclTest, AMountFailureOnAnUnlistedVolumeLeavesTheListAsItWas) {
     SCOPED_TRACE(v->devnode + " as " + v->fs_type.value_or("?"));
     fs_ocl_object *out = reinterpret_cast<fs_ocl_object *>(&disks);
     EXPECT_EQ(fs_icl_add_file(list.get(), v->volume(), "/hello.txt", 12, &out), FSIC_ERR_FAILED);
-    EXPECT_EQ(fs_icl_add_dir(list.get(), v->volume(), "/sub", nullptr, 15, &out),
-              FSIC_ERR_FAILED);
+    EXPECT_EQ(fs_icl_add_dir(list.get(), v->volume(), "/sub", nullptr, 15, &out), FSIC_ERR_FAILED);
     EXPECT_EQ(out, reinterpret_cast<fs_ocl_object *>(&disks));
     EXPECT_EQ(list->count, 1u);
     EXPECT_EQ(entries_of(list.get()), (std::vector<fs_icl_volume *>{entry}));
@@ -204,8 +205,7 @@ TEST_F(IclTest, AFailingObjectOnAListedVolumeKeepsTheEntryAndItsObjects) {
             FSIC_ERR_UNAVAILABLE);
   EXPECT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/hello.txt", nullptr, 15, nullptr),
             FSIC_ERR_UNAVAILABLE);
-  EXPECT_EQ(fs_icl_add_file(list.get(), a->volume(), "/sub", 12, nullptr),
-            FSIC_ERR_UNAVAILABLE);
+  EXPECT_EQ(fs_icl_add_file(list.get(), a->volume(), "/sub", 12, nullptr), FSIC_ERR_UNAVAILABLE);
   EXPECT_EQ(fs_icl_first_volume(list.get()), entry);
   EXPECT_EQ(list->count, 1u);
   EXPECT_EQ(paths_of(entry), (std::vector<std::string>{"/hello.txt", "/sub"}));
@@ -215,8 +215,7 @@ TEST_F(IclTest, AFailingObjectOnAListedVolumeKeepsTheEntryAndItsObjects) {
   // The volume cannot be mounted any more: the entry stays as it was too.
   std::string xfs = "xfs";
   a->part.volume.fs_type = xfs.data();
-  EXPECT_EQ(fs_icl_add_file(list.get(), a->volume(), "/sub/lib.dll", 12, nullptr),
-            FSIC_ERR_FAILED);
+  EXPECT_EQ(fs_icl_add_file(list.get(), a->volume(), "/sub/lib.dll", 12, nullptr), FSIC_ERR_FAILED);
   EXPECT_EQ(blob_of(list.get()), before);
   expect_released(a, dev);
   a->part.volume.fs_type = a->fs_type->data();
@@ -316,8 +315,7 @@ TEST_F(IclTest, ARelativePathIsRefusedBeforeAnyLookupOrMount) {
     SCOPED_TRACE(std::string("path '") + path + "'");
     for (test_volume *v : {a, bad}) {
       fs_ocl_object *out = reinterpret_cast<fs_ocl_object *>(&disks);
-      EXPECT_EQ(fs_icl_add_file(list.get(), v->volume(), path, 12, &out),
-                FSIC_ERR_RELATIVE_PATH);
+      EXPECT_EQ(fs_icl_add_file(list.get(), v->volume(), path, 12, &out), FSIC_ERR_RELATIVE_PATH);
       EXPECT_EQ(fs_icl_add_dir(list.get(), v->volume(), path, nullptr, 15, &out),
                 FSIC_ERR_RELATIVE_PATH);
       EXPECT_EQ(out, reinterpret_cast<fs_ocl_object *>(&disks));
@@ -413,11 +411,11 @@ TEST_F(IclTest, AddDirWithMasksOnARealTree) {
   char *masks[] = {m1, m2, nullptr};
   fs_ocl_object *each = nullptr, *hash = nullptr, *flat = nullptr;
   ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/apps", masks, 15, &each), FSIC_OK);
-  ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/apps/x", masks, RECURSIVE | CONTROL_DATA,
-                           &hash),
-            FSIC_OK);
-  ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/apps/x/y", nullptr,
-                           EACH_FILE | CONTROL_DATA, &flat),
+  ASSERT_EQ(
+      fs_icl_add_dir(list.get(), a->volume(), "/apps/x", masks, RECURSIVE | CONTROL_DATA, &hash),
+      FSIC_OK);
+  ASSERT_EQ(fs_icl_add_dir(list.get(), a->volume(), "/apps/x/y", nullptr, EACH_FILE | CONTROL_DATA,
+                           &flat),
             FSIC_OK);
   expect_released(a, dev);
 
@@ -426,12 +424,12 @@ TEST_F(IclTest, AddDirWithMasksOnARealTree) {
   ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp), FSIC_OK);
   const std::string root = mp;
   auto fattrs = [&](const std::string &rel) {
-    struct stat st{};
+    struct stat st {};
     EXPECT_EQ(stat((root + rel).c_str(), &st), 0) << rel;
     return ocltest::file_attrs_of(st);
   };
   auto dattrs = [&](const std::string &rel) {
-    struct stat st{};
+    struct stat st {};
     EXPECT_EQ(stat((root + rel).c_str(), &st), 0) << rel;
     return ocltest::dir_attrs_of(st);
   };
@@ -543,8 +541,7 @@ TEST_F(IclTest, TheScenarioPrintsTheListAndItsCopy) {
   // The listing worked out from the files on the volume.
   const char *mp = nullptr;
   ASSERT_EQ(fs_volume_get_mount_point(p1->volume(), &mp), FSIC_OK);
-  const std::string expected =
-      drivertest::scenario_output(mp, "WD-WCAV12345678 partition 1\n");
+  const std::string expected = drivertest::scenario_output(mp, "WD-WCAV12345678 partition 1\n");
   ASSERT_EQ(fs_volume_release_mount_point(p1->volume()), FSIC_OK);
   expect_released(p1, dev);
 
@@ -588,4 +585,4 @@ TEST(IclSandbox, AnAbandonedTestLeavesNothingBehind) {
   EXPECT_EQ(lo.out.find(work), std::string::npos) << lo.out;
 }
 
-}  // namespace
+} // namespace

@@ -53,7 +53,8 @@ constexpr const char *kLongImage =
 // Content of an image file: `size` bytes of a pattern that depends on `seed`.
 std::string pattern(std::size_t size, int seed) {
   std::string s(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>((i * 131 + seed * 17 + 7) & 0xFF);
+  for (std::size_t i = 0; i < size; ++i)
+    s[i] = static_cast<char>((i * 131 + seed * 17 + 7) & 0xFF);
   return s;
 }
 
@@ -62,7 +63,8 @@ std::string base_name(const std::string &path) { return path.substr(path.rfind('
 // The sysfs view of a loop device: the backing file's path while a file is bound.
 std::string backing_file(const std::string &devnode) {
   std::string s = support::read_text("/sys/block/" + base_name(devnode) + "/loop/backing_file");
-  if (!s.empty() && s.back() == '\n') s.pop_back();
+  if (!s.empty() && s.back() == '\n')
+    s.pop_back();
   return s;
 }
 
@@ -75,13 +77,16 @@ bool bound(const std::string &devnode) {
 std::string first_free_loop() {
   for (int n = 0;; ++n) {
     const std::string name = "loop" + std::to_string(n);
-    if (!exists("/sys/class/block/" + name)) return "";
+    if (!exists("/sys/class/block/" + name))
+      return "";
     const int fd = open(("/dev/" + name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) continue;
+    if (fd < 0)
+      continue;
     loop_info64 info{};
     const bool free = ioctl(fd, LOOP_GET_STATUS64, &info) == -1 && errno == ENXIO;
     close(fd);
-    if (free) return "/dev/" + name;
+    if (free)
+      return "/dev/" + name;
   }
 }
 
@@ -90,7 +95,8 @@ std::vector<std::pair<std::string, std::string>> bound_loops() {
   std::vector<std::pair<std::string, std::string>> r;
   for (int n = 0; exists("/sys/class/block/loop" + std::to_string(n)); ++n) {
     const std::string dev = "/dev/loop" + std::to_string(n);
-    if (bound(dev)) r.emplace_back(dev, backing_file(dev));
+    if (bound(dev))
+      r.emplace_back(dev, backing_file(dev));
   }
   return r;
 }
@@ -98,19 +104,23 @@ std::vector<std::pair<std::string, std::string>> bound_loops() {
 // The file name stored in the loop device's status.
 std::string stored_file_name(const std::string &devnode, bool *read_only = nullptr) {
   const int fd = open(devnode.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "<cannot open>";
+  if (fd < 0)
+    return "<cannot open>";
   loop_info64 info{};
   const int r = ioctl(fd, LOOP_GET_STATUS64, &info);
   close(fd);
-  if (r != 0) return "<no status>";
-  if (read_only) *read_only = info.lo_flags & LO_FLAGS_READ_ONLY;
+  if (r != 0)
+    return "<no status>";
+  if (read_only)
+    *read_only = info.lo_flags & LO_FLAGS_READ_ONLY;
   return std::string(reinterpret_cast<const char *>(info.lo_file_name));
 }
 
 std::string read_device(const std::string &devnode, std::size_t size) {
   std::string s(size, '\0');
   const int fd = open(devnode.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "";
+  if (fd < 0)
+    return "";
   const ssize_t n = pread(fd, s.data(), size, 0);
   close(fd);
   s.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
@@ -165,7 +175,8 @@ protected:
   }
 
   void destroy_list() {
-    if (list_) fs_disk_list_destroy(list_);
+    if (list_)
+      fs_disk_list_destroy(list_);
     list_ = nullptr;
   }
 
@@ -207,7 +218,8 @@ TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
   EXPECT_EQ(image->volume, storing());
   EXPECT_EQ(std::string(image->devnode), expected_dev);
   EXPECT_EQ(std::string(image->syspath), "/sys/devices/virtual/block/" + base_name(expected_dev));
-  EXPECT_EQ(fs_image_disk_first_partition(image), nullptr) << "the host does not scan loop partitions";
+  EXPECT_EQ(fs_image_disk_first_partition(image), nullptr)
+      << "the host does not scan loop partitions";
 
   // The storing volume is held (mounted) while the image is attached, and the loop
   // device serves the file, read-only.
@@ -319,9 +331,11 @@ TEST_F(ImageDiskTest, TheStoredFileNameIsCutToTheStatusField) {
 class loop_events {
 public:
   loop_events() : udev_(udev_new()) {
-    if (!udev_) return;
+    if (!udev_)
+      return;
     monitor_ = udev_monitor_new_from_netlink(udev_, "kernel");
-    if (!monitor_) return;
+    if (!monitor_)
+      return;
     udev_monitor_filter_add_match_subsystem_devtype(monitor_, "block", nullptr);
     if (udev_monitor_enable_receiving(monitor_) != 0) {
       udev_monitor_unref(monitor_);
@@ -329,8 +343,10 @@ public:
     }
   }
   ~loop_events() {
-    if (monitor_) udev_monitor_unref(monitor_);
-    if (udev_) udev_unref(udev_);
+    if (monitor_)
+      udev_monitor_unref(monitor_);
+    if (udev_)
+      udev_unref(udev_);
   }
   bool ok() const { return monitor_ != nullptr; }
   std::vector<std::string> order() {
@@ -338,7 +354,8 @@ public:
     pollfd p = {udev_monitor_get_fd(monitor_), POLLIN, 0};
     while (poll(&p, 1, 200) > 0) {
       udev_device *dev = udev_monitor_receive_device(monitor_);
-      if (!dev) continue;
+      if (!dev)
+        continue;
       const std::string name = udev_device_get_sysname(dev);
       udev_device_unref(dev);
       if (name.rfind("loop", 0) == 0 && std::find(r.begin(), r.end(), name) == r.end())
@@ -464,4 +481,4 @@ TEST(ImagePartitionOps, MakeImageIdentifiersAndReachTheImagesList) {
   fs_volume_id_destroy(id);
 }
 
-}  // namespace
+} // namespace

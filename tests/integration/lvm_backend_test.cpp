@@ -60,7 +60,8 @@ proc_result run(const std::vector<std::string> &argv, const env_list &env = {},
 std::vector<std::string> words(const std::string &text) {
   std::istringstream in(text);
   std::vector<std::string> w;
-  for (std::string s; in >> s;) w.push_back(s);
+  for (std::string s; in >> s;)
+    w.push_back(s);
   return w;
 }
 
@@ -70,7 +71,8 @@ using drivertest::stderr_capture;
 
 std::string filter_list(const std::vector<std::string> &devices) {
   std::string f = "[";
-  for (const auto &d : devices) f += "\"a|^" + d + "$|\",";
+  for (const auto &d : devices)
+    f += "\"a|^" + d + "$|\",";
   return f + "\"r|.*|\"]";
 }
 
@@ -83,7 +85,8 @@ std::string only_devices(const std::vector<std::string> &devices) {
 class lvm_sandbox {
 public:
   lvm_sandbox() {
-    if (!tmp_.ok()) return;
+    if (!tmp_.ok())
+      return;
     dir_ = tmp_.path();
     prefix_ = "fsic-t-" + std::to_string(getpid()) + "-";
     fs::create_directory(dir_ / "lock");
@@ -94,15 +97,18 @@ public:
   // The directory goes last, with the images in it (tmp_ is destroyed after the body).
   ~lvm_sandbox() {
     hidden_.clear();
-    if (!dir_.empty()) write_config(accept_own_loops);
+    if (!dir_.empty())
+      write_config(accept_own_loops);
     for (const auto &[name, devices] : groups_) {
       const auto r = lvm({"vgremove", "-f", "-y", "--config", only_devices(devices), name});
-      if (r.status != 0) ADD_FAILURE() << "cleanup: vgremove " << name << ": " << r.describe();
+      if (r.status != 0)
+        ADD_FAILURE() << "cleanup: vgremove " << name << ": " << r.describe();
     }
     for (auto &dev : loops_) {
-      lvm({"pvremove", "-ff", "-y", dev.node()});  // fails harmlessly where there is no PV
+      lvm({"pvremove", "-ff", "-y", dev.node()}); // fails harmlessly where there is no PV
       const auto r = dev.detach();
-      if (!r) ADD_FAILURE() << "cleanup: " << r.message();
+      if (!r)
+        ADD_FAILURE() << "cleanup: " << r.message();
     }
     env_.reset();
   }
@@ -181,7 +187,8 @@ public:
                                         bool only_these = false) {
     for (const auto &d : devices) {
       const auto r = lvm({"pvcreate", "-y", d});
-      if (r.status != 0) return ::testing::AssertionFailure() << "pvcreate " << r.describe();
+      if (r.status != 0)
+        return ::testing::AssertionFailure() << "pvcreate " << r.describe();
     }
     std::vector<std::string> args = {"vgcreate"};
     if (only_these) {
@@ -191,7 +198,8 @@ public:
     args.push_back(name);
     args.insert(args.end(), devices.begin(), devices.end());
     const auto r = lvm(args);
-    if (r.status != 0) return ::testing::AssertionFailure() << "vgcreate " << r.describe();
+    if (r.status != 0)
+      return ::testing::AssertionFailure() << "vgcreate " << r.describe();
     groups_.emplace_back(name, devices);
     return ::testing::AssertionSuccess();
   }
@@ -201,16 +209,19 @@ public:
   ::testing::AssertionResult make_volume(const std::string &group, const std::string &name) {
     const auto r = lvm({"lvcreate", "--config", "global/activation=0", "-an", "-Zn", "-L", "4m",
                         "-n", name, group});
-    if (r.status != 0) return ::testing::AssertionFailure() << "lvcreate " << r.describe();
+    if (r.status != 0)
+      return ::testing::AssertionFailure() << "lvcreate " << r.describe();
     return ::testing::AssertionSuccess();
   }
 
   ::testing::AssertionResult remove_group(const std::string &name) {
     const auto it = std::find_if(groups_.begin(), groups_.end(),
                                  [&](const auto &g) { return g.first == name; });
-    if (it == groups_.end()) return ::testing::AssertionFailure() << "unknown group " << name;
+    if (it == groups_.end())
+      return ::testing::AssertionFailure() << "unknown group " << name;
     const auto r = lvm({"vgremove", "-f", "-y", "--config", only_devices(it->second), name});
-    if (r.status != 0) return ::testing::AssertionFailure() << "vgremove " << r.describe();
+    if (r.status != 0)
+      return ::testing::AssertionFailure() << "vgremove " << r.describe();
     groups_.erase(it);
     return ::testing::AssertionSuccess();
   }
@@ -234,11 +245,11 @@ private:
 };
 
 // Root, and loop devices to put the groups on.
-#define REQUIRE_ROOT()                                                              \
-  do {                                                                              \
-    FSIC_REQUIRE_ROOT("LVM groups on loop devices");                                \
-    if (access("/dev/loop-control", F_OK) != 0)                                     \
-      GTEST_SKIP() << "needs loop devices";                                         \
+#define REQUIRE_ROOT()                               \
+  do {                                               \
+    FSIC_REQUIRE_ROOT("LVM groups on loop devices"); \
+    if (access("/dev/loop-control", F_OK) != 0)      \
+      GTEST_SKIP() << "needs loop devices";          \
   } while (0)
 
 // What the adapter reports, gathered with the inventory's call sequence.
@@ -246,8 +257,8 @@ struct listing {
   bool init_ok = false;
   int scan_status = 1;
   bool names_ok = false;
-  std::vector<std::string> groups;                            // in the adapter's order
-  std::map<std::string, std::vector<std::string>> volumes;   // per group, adapter's order
+  std::vector<std::string> groups;                         // in the adapter's order
+  std::map<std::string, std::vector<std::string>> volumes; // per group, adapter's order
   std::vector<std::string> unopenable;
 };
 
@@ -255,7 +266,8 @@ listing list_everything() {
   listing l;
   lvm::handle_ptr h(lvm::init());
   l.init_ok = h != nullptr;
-  if (!h) return l;
+  if (!h)
+    return l;
   l.scan_status = lvm::scan(h.get());
   const lvm::name_list names = lvm::list_vg_names(h.get());
   l.names_ok = static_cast<bool>(names);
@@ -269,7 +281,8 @@ listing list_everything() {
     }
     auto &vols = l.volumes[vg];
     const lvm::lv_list lvs = lvm::vg_list_lvs(g.get());
-    for (std::size_t j = 0; j < lvs.size(); ++j) vols.push_back(lvm::lv_get_name(lvs[j]));
+    for (std::size_t j = 0; j < lvs.size(); ++j)
+      vols.push_back(lvm::lv_get_name(lvs[j]));
   }
   return l;
 }
@@ -290,10 +303,12 @@ TEST(LvmBackend, ListsGroupsAndTheirVolumesExactly) {
   ASSERT_FALSE(da.empty() || db.empty() || dc.empty());
   ASSERT_TRUE(sb.make_group(a, {da}));
   ASSERT_TRUE(sb.make_group(b, {db}));
-  ASSERT_TRUE(sb.make_group(c, {dc}));  // stays empty
+  ASSERT_TRUE(sb.make_group(c, {dc})); // stays empty
   // "data" exists in both groups: the per-group listing must keep both.
-  for (const char *lv : {"data", "x-y-z", "with--double"}) ASSERT_TRUE(sb.make_volume(a, lv));
-  for (const char *lv : {"data", "b-vol"}) ASSERT_TRUE(sb.make_volume(b, lv));
+  for (const char *lv : {"data", "x-y-z", "with--double"})
+    ASSERT_TRUE(sb.make_volume(a, lv));
+  for (const char *lv : {"data", "b-vol"})
+    ASSERT_TRUE(sb.make_volume(b, lv));
 
   stderr_capture cap;
   const listing l = list_everything();
@@ -302,7 +317,7 @@ TEST(LvmBackend, ListsGroupsAndTheirVolumesExactly) {
   ASSERT_TRUE(l.init_ok);
   EXPECT_EQ(l.scan_status, 0);
   ASSERT_TRUE(l.names_ok);
-  EXPECT_EQ(l.groups, sb.lvm_group_names());  // LVM's order
+  EXPECT_EQ(l.groups, sb.lvm_group_names()); // LVM's order
   EXPECT_EQ(sorted(l.groups), (std::vector<std::string>{a, b, c}));
   EXPECT_TRUE(l.unopenable.empty());
   ASSERT_EQ(l.volumes.size(), 3u);
@@ -318,7 +333,7 @@ TEST(LvmBackend, NoGroupsGivesAnEmptyListNotAFailure) {
   REQUIRE_ROOT();
   lvm_sandbox sb;
   ASSERT_TRUE(sb.ready());
-  ASSERT_FALSE(sb.add_loop().empty());  // a blank device: nothing for LVM on it
+  ASSERT_FALSE(sb.add_loop().empty()); // a blank device: nothing for LVM on it
   lvm::handle_ptr h(lvm::init());
   ASSERT_TRUE(h);
   EXPECT_EQ(lvm::scan(h.get()), 0);
@@ -363,7 +378,7 @@ TEST(LvmBackend, GroupRemovedAfterListingCannotBeOpened) {
   EXPECT_STREQ(names[0], a.c_str());
   EXPECT_STREQ(names[1], b.c_str());
 
-  ASSERT_TRUE(sb.remove_group(a));  // vanishes between listing and opening
+  ASSERT_TRUE(sb.remove_group(a)); // vanishes between listing and opening
   stderr_capture cap;
   lvm::group_ptr gone(lvm::vg_open(h.get(), names[0]));
   lvm::group_ptr kept(lvm::vg_open(h.get(), names[1]));
@@ -393,7 +408,8 @@ TEST(LvmBackend, GroupWithAmbiguousNameIsListedButCannotBeOpened) {
   const lvm::name_list names = lvm::list_vg_names(h.get());
   ASSERT_TRUE(names);
   std::vector<std::string> listed;
-  for (std::size_t i = 0; i < names.size(); ++i) listed.push_back(names[i]);
+  for (std::size_t i = 0; i < names.size(); ++i)
+    listed.push_back(names[i]);
   EXPECT_EQ(sorted(listed), (std::vector<std::string>{dup, dup, ok}));
   EXPECT_FALSE(lvm::group_ptr(lvm::vg_open(h.get(), dup.c_str())));
   EXPECT_TRUE(lvm::group_ptr(lvm::vg_open(h.get(), ok.c_str())));
@@ -589,7 +605,7 @@ TEST(LvmBackend, InitNoticesWhenLvmDisappears) {
   empty_dir empty;
   ASSERT_FALSE(empty.path().empty());
   lvm::handle_ptr first(lvm::init());
-  ASSERT_TRUE(first);  // the plugin is loaded now
+  ASSERT_TRUE(first); // the plugin is loaded now
   stderr_capture cap;
   {
     scoped_env path("PATH", empty.path());
@@ -602,4 +618,4 @@ TEST(LvmBackend, InitNoticesWhenLvmDisappears) {
   EXPECT_TRUE(lvm::handle_ptr(lvm::init()));
 }
 
-}  // namespace
+} // namespace

@@ -62,23 +62,28 @@ int run_walk(const char *missing) {
   int worst = baseline;
   auto step = [&](const char *what) {
     const int n = thread_count();
-    if (n != baseline) worst = n;
+    if (n != baseline)
+      worst = n;
     std::printf("threads %s %d\n", what, n);
   };
   step("start");
   fsic::detail::lvm::handle_ptr h(fsic::detail::lvm::init());
   step("init");
-  if (!h) return 3;
-  if (fsic::detail::lvm::scan(h.get()) != 0) return 4;
+  if (!h)
+    return 3;
+  if (fsic::detail::lvm::scan(h.get()) != 0)
+    return 4;
   step("scan");
   fsic::detail::lvm::name_list names = fsic::detail::lvm::list_vg_names(h.get());
   step("list");
-  if (!names) return 4;
+  if (!names)
+    return 4;
   for (std::size_t i = 0; i < names.size(); ++i) {
     std::string vg = names[i];
     fsic::detail::lvm::group_ptr g(fsic::detail::lvm::vg_open(h.get(), vg.c_str()));
     step("open");
-    if (!g) return 4;
+    if (!g)
+      return 4;
     std::printf("vg %s\n", vg.c_str());
     fsic::detail::lvm::lv_list lvs = fsic::detail::lvm::vg_list_lvs(g.get());
     step("lvs");
@@ -89,20 +94,24 @@ int run_walk(const char *missing) {
   }
   fsic::detail::lvm::group_ptr gone(fsic::detail::lvm::vg_open(h.get(), missing));
   step("open-missing");
-  if (gone) return 4;
+  if (gone)
+    return 4;
   h.reset();
   step("quit");
   std::printf("threads-changed %s\n", worst == baseline ? "no" : "yes");
   return 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  if (argc == 2 && std::strcmp(argv[1], "init") == 0) return run_init();
-  if (argc == 2 && std::strcmp(argv[1], "host-log") == 0) return run_host_log();
-  if (argc == 3 && std::strcmp(argv[1], "walk") == 0) return run_walk(argv[2]);
+  if (argc == 2 && std::strcmp(argv[1], "init") == 0)
+    return run_init();
+  if (argc == 2 && std::strcmp(argv[1], "host-log") == 0)
+    return run_host_log();
+  if (argc == 3 && std::strcmp(argv[1], "walk") == 0)
+    return run_walk(argv[2]);
   std::printf("usage: lvm_probe init|host-log|walk NAME\n");
   return 2;
 }

@@ -53,7 +53,8 @@ const std::string kHello = "hello from the image\n";
 
 std::string data_bytes() {
   std::string s;
-  for (int i = 0; i < 70000; ++i) s.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
+  for (int i = 0; i < 70000; ++i)
+    s.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
   return s;
 }
 
@@ -62,8 +63,8 @@ std::string stamp_of(const timeval &tv) {
   tm local{};
   localtime_r(&tv.tv_sec, &local);
   char buf[64];
-  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%03d", local.tm_year + 1900,
-           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%03d", local.tm_year + 1900, local.tm_mon + 1,
+           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
            static_cast<int>(tv.tv_usec / 1000));
   return buf;
 }
@@ -74,7 +75,8 @@ std::string parent_of(const std::string &path) { return path.substr(0, path.rfin
 class tz_scope {
 public:
   explicit tz_scope(const char *tz) {
-    if (const char *old = getenv("TZ")) old_ = old;
+    if (const char *old = getenv("TZ"))
+      old_ = old;
     setenv("TZ", tz, 1);
     tzset();
   }
@@ -100,7 +102,7 @@ private:
 };
 
 class MountTest : public ::testing::Test {
-public:  // also used by the sandbox test below
+public: // also used by the sandbox test below
   void SetUp() override {
     FSIC_REQUIRE_ROOT("mounts ext4 images on loop devices");
     ASSERT_TRUE(work_.ok()) << work_.error();
@@ -110,8 +112,7 @@ public:  // also used by the sandbox test below
     ASSERT_TRUE(support::write_text(src + "/hello.txt", kHello));
     ASSERT_TRUE(support::write_text(src + "/sub/data.bin", data_bytes()));
     ASSERT_TRUE(support::write_text(src + "/run.sh", "#!/bin/sh\nexit 0\n", 0755));
-    ASSERT_EQ(mknod((src + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0)
-        << strerror(errno);
+    ASSERT_EQ(mknod((src + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0) << strerror(errno);
   }
 
   ~MountTest() override {
@@ -129,8 +130,7 @@ public:  // also used by the sandbox test below
   // A partition record of `list` for the loop device.
   std::unique_ptr<test_volume> make_volume(test_disk_list &list, const std::string &devnode,
                                            std::optional<std::string> fs_type = "ext4") {
-    return std::make_unique<test_volume>(list, devnode, std::move(fs_type),
-                                         syspath_of(devnode));
+    return std::make_unique<test_volume>(list, devnode, std::move(fs_type), syspath_of(devnode));
   }
 
   // One volume on a new image, of a disk list of its own, kept until the test ends; what
@@ -143,14 +143,16 @@ public:  // also used by the sandbox test below
     test_disk_list list;
     std::unique_ptr<test_volume> vol;
     ~image_volume() {
-      if (vol) support::drop_hold(vol->volume());
+      if (vol)
+        support::drop_hold(vol->volume());
       support::drop_base_dir(&list.list);
     }
   };
   image_volume &volume_on_new_image(std::optional<std::string> fs_type = "ext4") {
     image_volume &v = *volumes_.emplace_back(std::make_unique<image_volume>());
     v.dev = attach_image();
-    if (!v.dev.empty()) v.vol = make_volume(v.list, v.dev, std::move(fs_type));
+    if (!v.dev.empty())
+      v.vol = make_volume(v.list, v.dev, std::move(fs_type));
     return v;
   }
 
@@ -159,8 +161,10 @@ public:  // also used by the sandbox test below
     std::vector<test_volume *> volumes;
     test_disk_list *list = nullptr;
     ~owned_texts() {
-      for (auto *v : volumes) support::drop_hold(v->volume());
-      if (list) support::drop_base_dir(&list->list);
+      for (auto *v : volumes)
+        support::drop_hold(v->volume());
+      if (list)
+        support::drop_base_dir(&list->list);
     }
   };
 
@@ -182,7 +186,7 @@ TEST_F(MountTest, TwoHoldsShareOneDirectoryAndTheLastReleaseRemovesIt) {
   const std::string dir = first;
   const std::string base = parent_of(dir);
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &second), FSIC_OK);
-  EXPECT_EQ(second, first);  // the same text, owned by the volume
+  EXPECT_EQ(second, first); // the same text, owned by the volume
   EXPECT_EQ(vol->volume()->mount_count, 2);
   EXPECT_EQ(list.list.base_dir_count, 1);
   ASSERT_NE(list.list.base_dir, nullptr);
@@ -298,8 +302,7 @@ TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
   const std::string base = list.list.base_dir;
 
   std::smatch m;
-  ASSERT_TRUE(std::regex_match(base, m, std::regex(R"(/tmp/fs\.([0-9]{17})\.([0-9]+))")))
-      << base;
+  ASSERT_TRUE(std::regex_match(base, m, std::regex(R"(/tmp/fs\.([0-9]{17})\.([0-9]+))"))) << base;
   const std::string stamp = m[1];
   EXPECT_EQ(m[2].str(), std::to_string(getpid()));
   EXPECT_LE(stamp_of(before), stamp) << "local time before the call: " << stamp_of(before);
@@ -316,7 +319,8 @@ TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
   EXPECT_EQ(last, dev.substr(dev.rfind('/') + 1));
   EXPECT_EQ(dir, base + "/" + last);
 
-  struct stat st_base {}, st_dir {};
+  struct stat st_base {
+  }, st_dir{};
   ASSERT_EQ(stat(base.c_str(), &st_base), 0);
   EXPECT_TRUE(S_ISDIR(st_base.st_mode));
   EXPECT_EQ(st_base.st_mode & 07777, 0755u);
@@ -379,8 +383,7 @@ TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
   for (const char *o : {"ro", "nodev", "noexec", "noatime"})
     EXPECT_TRUE(opts.count(o)) << o << " missing from " << line->options;
   EXPECT_FALSE(opts.count("rw")) << line->options;
-  EXPECT_FALSE(opts.count("nosuid")) << "nosuid is deliberately not asked for: "
-                                     << line->options;
+  EXPECT_FALSE(opts.count("nosuid")) << "nosuid is deliberately not asked for: " << line->options;
   EXPECT_TRUE(support::split_options(line->super_options).count("ro")) << line->super_options;
 
   // The files are there and readable.
@@ -392,7 +395,8 @@ TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
   const int fd = open((dir + "/new.txt").c_str(), O_CREAT | O_WRONLY, 0644);
   EXPECT_EQ(fd, -1);
   EXPECT_EQ(errno, EROFS);
-  if (fd >= 0) close(fd);
+  if (fd >= 0)
+    close(fd);
   errno = 0;
   EXPECT_EQ(open((dir + "/hello.txt").c_str(), O_WRONLY), -1);
   EXPECT_EQ(errno, EROFS);
@@ -421,7 +425,8 @@ TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
   const int dfd = open((dir + "/null").c_str(), O_RDONLY);
   EXPECT_EQ(dfd, -1);
   EXPECT_EQ(errno, EACCES) << "device nodes must not work (nodev)";
-  if (dfd >= 0) close(dfd);
+  if (dfd >= 0)
+    close(dfd);
 
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_EQ(count_mounts_of(dev), 0);
@@ -437,10 +442,10 @@ TEST_F(MountTest, AFailedMountLeavesNoDirectoryBehind) {
     std::string fs_type;
   };
   const failing cases[] = {
-      {dev, "xfs"},                          // another file system's type
-      {dev, "vfat"},                         // another type again (or one the kernel lacks)
-      {dev, "no-such-fs"},                   // no such type at all
-      {"/dev/fsic-no-such-device", "ext4"},  // no device node
+      {dev, "xfs"},                         // another file system's type
+      {dev, "vfat"},                        // another type again (or one the kernel lacks)
+      {dev, "no-such-fs"},                  // no such type at all
+      {"/dev/fsic-no-such-device", "ext4"}, // no device node
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.devnode + " as " + c.fs_type);
@@ -449,7 +454,7 @@ TEST_F(MountTest, AFailedMountLeavesNoDirectoryBehind) {
     owned_texts owned{{vol.get()}, &list};
     const auto before = support::own_base_dirs();
 
-    const char *mp = reinterpret_cast<const char *>(&list);  // must stay untouched
+    const char *mp = reinterpret_cast<const char *>(&list); // must stay untouched
     EXPECT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_ERR_FAILED);
     EXPECT_EQ(mp, reinterpret_cast<const char *>(&list));
     EXPECT_EQ(vol->volume()->mount_count, 0);
@@ -568,7 +573,7 @@ TEST_F(MountTest, TheBaseDirectoryIsMadeAnewAfterItWasRemoved) {
   EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
   EXPECT_FALSE(exists(base1));
 
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a later millisecond
+  std::this_thread::sleep_for(std::chrono::milliseconds(5)); // a later millisecond
   ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
   const std::string base2 = list.list.base_dir;
   EXPECT_NE(base2, base1) << "the name is made anew";
@@ -617,7 +622,7 @@ TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
   EXPECT_FALSE(exists(base));
   EXPECT_EQ(list.list.base_dir_count, 0);
   EXPECT_EQ(list.list.base_dir, nullptr);
-  vol->volume()->mount_count = 0;  // as a destroyed record would be
+  vol->volume()->mount_count = 0; // as a destroyed record would be
 }
 
 // The fixture itself: after a test that fails half-way (simulated here by leaving a
@@ -640,7 +645,7 @@ TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
     ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
     dir = mp;
     base = list.list.base_dir;
-    free(vol->volume()->mount_point);  // the records are dropped while still held
+    free(vol->volume()->mount_point); // the records are dropped while still held
     free(list.list.base_dir);
     EXPECT_EQ(count_mounts_at(dir), 1);
   }
@@ -653,4 +658,4 @@ TEST(MountSandbox, AnAbandonedTestLeavesNothingBehind) {
   EXPECT_EQ(lo.out.find(image), std::string::npos) << lo.out;
 }
 
-}  // namespace
+} // namespace

@@ -103,7 +103,8 @@ sigset_t current_mask() {
 
 bool same_mask(const sigset_t &a, const sigset_t &b) {
   for (int sig = 1; sig < NSIG; ++sig)
-    if (sigismember(&a, sig) != sigismember(&b, sig)) return false;
+    if (sigismember(&a, sig) != sigismember(&b, sig))
+      return false;
   return true;
 }
 
@@ -138,11 +139,13 @@ protected:
     empty_ = work_ / "empty";
     ASSERT_EQ(mkdir(bin_.c_str(), 0755), 0);
     ASSERT_EQ(mkdir(empty_.c_str(), 0755), 0);
-    if (const char *p = getenv("PATH")) old_path_ = p;
+    if (const char *p = getenv("PATH"))
+      old_path_ = p;
     set_path(bin_ + ":" + kSystemPath);
     // The default configuration: no LOG_LEVEL, no LOG_CONFIG, records captured here.
     for (const char *v : {"LOG_LEVEL", "LOG_CONFIG"}) {
-      if (const char *value = getenv(v)) old_env_.emplace_back(v, value);
+      if (const char *value = getenv(v))
+        old_env_.emplace_back(v, value);
       unsetenv(v);
     }
     _ic_log_reset();
@@ -156,7 +159,8 @@ protected:
       setenv("PATH", old_path_->c_str(), 1);
     else
       unsetenv("PATH");
-    for (const auto &[name, value] : old_env_) setenv(name.c_str(), value.c_str(), 1);
+    for (const auto &[name, value] : old_env_)
+      setenv(name.c_str(), value.c_str(), 1);
   }
 
   static void set_path(const std::string &path) { setenv("PATH", path.c_str(), 1); }
@@ -180,7 +184,8 @@ protected:
 
   static fsic_status run(std::vector<std::string> argv) {
     std::vector<char *> args;
-    for (auto &a : argv) args.push_back(a.data());
+    for (auto &a : argv)
+      args.push_back(a.data());
     args.push_back(nullptr);
     return fsic::detail::run_cmd(argv[0].c_str(), args.data());
   }
@@ -279,10 +284,9 @@ TEST_F(RunCmdTest, AFailedWaitIsLogged) {
 }
 
 TEST_F(RunCmdTest, ErrorOutputWithExitCodeZeroIsASuccess) {
-  standin("vmfs-fuse",
-          "echo 'vmfs-fuse: warning: something looks odd' >&2\n"
-          "echo 'on the way out'\n"
-          "exit 0\n");
+  standin("vmfs-fuse", "echo 'vmfs-fuse: warning: something looks odd' >&2\n"
+                       "echo 'on the way out'\n"
+                       "exit 0\n");
   // The command inherits the standard streams: catch them in files for the call.
   const std::string out_file = work_ / "stdout", err_file = work_ / "stderr";
   const int out_fd = open(out_file.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
@@ -318,7 +322,7 @@ TEST_F(RunCmdTest, AnInterruptedWaitIsRepeated) {
   struct sigaction sa {};
   sa.sa_handler = on_alarm;
   sigemptyset(&sa.sa_mask);
-  sa.sa_flags = 0;  // no SA_RESTART: the wait is interrupted with EINTR
+  sa.sa_flags = 0; // no SA_RESTART: the wait is interrupted with EINTR
   ASSERT_EQ(sigaction(SIGALRM, &sa, nullptr), 0);
   struct timer_off {
     ~timer_off() {
@@ -341,8 +345,7 @@ TEST_F(RunCmdTest, AnInterruptedWaitIsRepeated) {
     setitimer(ITIMER_REAL, &off_now, nullptr);
 
     EXPECT_GE(g_alarms, 3) << "the wait was interrupted again and again";
-    EXPECT_GE((after.tv_sec - before.tv_sec) * 1000000 + (after.tv_usec - before.tv_usec),
-              400000)
+    EXPECT_GE((after.tv_sec - before.tv_sec) * 1000000 + (after.tv_usec - before.tv_usec), 400000)
         << "the runner waited for the command to end";
     if (code == 0) {
       EXPECT_EQ(status, FSIC_OK);
@@ -376,9 +379,12 @@ seen_masks parse_masks(const std::string &text) {
   std::istringstream in(text);
   std::string key, value;
   while (in >> key >> value) {
-    if (key == "self") m.self = std::stoull(value, nullptr, 16);
-    if (key == "parent") m.parent = std::stoull(value, nullptr, 16);
-    if (key == "ppid") m.ppid = std::stol(value);
+    if (key == "self")
+      m.self = std::stoull(value, nullptr, 16);
+    if (key == "parent")
+      m.parent = std::stoull(value, nullptr, 16);
+    if (key == "ppid")
+      m.ppid = std::stol(value);
   }
   return m;
 }
@@ -400,8 +406,8 @@ TEST_F(RunCmdTest, SigchldIsBlockedDuringTheWaitAndTheMaskIsRestored) {
   EXPECT_EQ(one.ppid, static_cast<long>(getpid()));
   EXPECT_TRUE(mask_has(one.parent, SIGCHLD)) << "blocked while waiting: " << std::hex << one.parent;
   EXPECT_TRUE(mask_has(one.parent, SIGUSR1));
-  EXPECT_FALSE(mask_has(one.self, SIGCHLD)) << "the command gets the caller's mask: " << std::hex
-                                            << one.self;
+  EXPECT_FALSE(mask_has(one.self, SIGCHLD))
+      << "the command gets the caller's mask: " << std::hex << one.self;
   EXPECT_TRUE(mask_has(one.self, SIGUSR1)) << std::hex << one.self;
 
   // SIGCHLD already blocked by the caller: it stays blocked.
@@ -429,7 +435,8 @@ void reap_children(int) {
   g_sigchld_calls = g_sigchld_calls + 1;
   const int saved = errno;
   int st;
-  while (waitpid(-1, &st, WNOHANG) > 0) g_sigchld_reaped = g_sigchld_reaped + 1;
+  while (waitpid(-1, &st, WNOHANG) > 0)
+    g_sigchld_reaped = g_sigchld_reaped + 1;
   errno = saved;
 }
 
@@ -472,9 +479,9 @@ probe_outcome probe(const std::vector<std::string> &args, const std::string &pat
   std::vector<std::string> argv{FSIC_RUN_CMD_PROBE};
   argv.insert(argv.end(), args.begin(), args.end());
   probe_outcome o;
-  o.run = support::run(argv,
-                       {{"PATH", path}, {"LOG_LEVEL", log_level}, {"LOG_CONFIG", std::nullopt}},
-                       /*system_path=*/false);
+  o.run =
+      support::run(argv, {{"PATH", path}, {"LOG_LEVEL", log_level}, {"LOG_CONFIG", std::nullopt}},
+                   /*system_path=*/false);
   std::smatch m;
   if (std::regex_search(o.run.out, m, std::regex(R"(status=([0-9]+) flags=(0x[0-9a-f]+|0))"))) {
     o.status = static_cast<unsigned>(std::stoul(m[1]));
@@ -492,7 +499,7 @@ TEST_F(RunCmdTest, WithTheChannelsMaskAtZeroNothingIsLoggedButTheStatusesStay) {
     std::string program;
     std::string path;
     unsigned status;
-    int line;             // of the record with the default configuration; 0: none
+    int line; // of the record with the default configuration; 0: none
     std::string message;
   };
   const one_case cases[] = {
@@ -602,7 +609,8 @@ TEST_F(VmfsMountTest, TheToolUnmountsBeforeTheSystemCallDoes) {
   // an umount stand-in that only notes whether it is still mounted when it runs.
   standin("vmfs-fuse", "exec mount -t tmpfs -o ro fsic-vmfs-standin \"$2\"\n");
   standin("umount", "if grep -q \" $1 \" /proc/self/mountinfo; then echo mounted; else echo "
-                    "gone; fi > '" + (work_ / "umount-saw") + "'\nexit 0\n");
+                    "gone; fi > '" +
+                        (work_ / "umount-saw") + "'\nexit 0\n");
   support::test_disk_list list;
   auto vol = make_vmfs(list, "VMFS_volume_member");
   owned_texts owned{vol.get(), &list};
@@ -626,7 +634,7 @@ TEST_F(VmfsMountTest, TheToolUnmountsBeforeTheSystemCallDoes) {
 TEST_F(VmfsMountTest, AMissingOrFailingToolFailsTheMountAndLeavesNothing) {
   struct one_case {
     const char *what;
-    int code;  // exit code of the stand-in; -1: no vmfs-fuse at all
+    int code; // exit code of the stand-in; -1: no vmfs-fuse at all
   };
   for (const one_case c : {one_case{"missing", -1}, one_case{"failing", 3}}) {
     SCOPED_TRACE(c.what);
@@ -655,8 +663,8 @@ TEST_F(VmfsMountTest, AMissingOrFailingToolFailsTheMountAndLeavesNothing) {
     EXPECT_EQ(support::own_base_dirs(), before_dirs);
     ASSERT_EQ(g_records.size(), 1u);
     expect_record(g_records[0], 146,
-                  "exec 'vmfs-fuse': error_code = " +
-                      std::to_string(c.code < 0 ? 127 : c.code) + "\n",
+                  "exec 'vmfs-fuse': error_code = " + std::to_string(c.code < 0 ? 127 : c.code) +
+                      "\n",
                   before, after);
   }
 }
@@ -683,4 +691,4 @@ TEST_F(VmfsMountTest, AFailingUnmountToolIsLoggedAndTheReleaseGoesOn) {
   EXPECT_EQ(list.list.base_dir_count, 0);
 }
 
-}  // namespace
+} // namespace

@@ -52,4 +52,4 @@ void base_dir_guard::clean() const {
   }
 }
 
-}  // namespace support
+} // namespace support

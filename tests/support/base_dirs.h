@@ -15,7 +15,7 @@ std::set<std::string> own_base_dirs();
 // destruction detaches the mounts in and removes every one made since (only empty
 // directories are removed: rmdir, never a recursive delete).
 class base_dir_guard {
- public:
+public:
   base_dir_guard() : before_(own_base_dirs()) {}
   base_dir_guard(const base_dir_guard &) = delete;
   base_dir_guard &operator=(const base_dir_guard &) = delete;
@@ -24,10 +24,10 @@ class base_dir_guard {
   std::set<std::string> made_since() const;
   void clean() const;
 
- private:
+private:
   std::set<std::string> before_;
 };
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_BASE_DIRS_H
+#endif // FSIC_TESTS_SUPPORT_BASE_DIRS_H

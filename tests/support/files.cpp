@@ -41,4 +41,4 @@ bool exists(const std::string &path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-}  // namespace support
+} // namespace support

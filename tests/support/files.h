@@ -24,6 +24,6 @@ void make_dirs(const std::string &path);
 // Whether anything (a dangling symbolic link included) is at `path`.
 bool exists(const std::string &path);
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_FILES_H
+#endif // FSIC_TESTS_SUPPORT_FILES_H

@@ -13,4 +13,4 @@ std::string hex(const void *data, std::size_t size) {
   return s;
 }
 
-}  // namespace support
+} // namespace support

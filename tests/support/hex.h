@@ -10,6 +10,6 @@ namespace support {
 std::string hex(const void *data, std::size_t size);
 inline std::string hex(const std::string &bytes) { return hex(bytes.data(), bytes.size()); }
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_HEX_H
+#endif // FSIC_TESTS_SUPPORT_HEX_H

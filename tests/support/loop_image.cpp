@@ -58,8 +58,7 @@ loop_device &loop_device::operator=(loop_device &&other) noexcept {
   detach();
   const proc_result lo = run({"losetup", "-f", "--show", file});
   const std::string dev = lo.out.substr(0, lo.out.find('\n'));
-  if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0 ||
-      lo.out.size() != dev.size() + 1)
+  if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0 || lo.out.size() != dev.size() + 1)
     return ::testing::AssertionFailure() << "no loop device: " << lo.describe();
   node_ = dev;
   return ::testing::AssertionSuccess();
@@ -94,4 +93,4 @@ std::string loop_images::attach(const std::string &src, off_t size) {
   return devices_.back().node();
 }
 
-}  // namespace support
+} // namespace support

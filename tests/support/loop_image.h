@@ -26,7 +26,7 @@ namespace support {
 // A loop device that this object attached to a file. Detaching (on request or on
 // destruction) first lazily unmounts every mount of the device, then detaches it.
 class loop_device {
- public:
+public:
   loop_device() = default;
   ~loop_device();
   loop_device(loop_device &&other) noexcept;
@@ -44,14 +44,14 @@ class loop_device {
   // The device node ("/dev/loopN"), "" when not attached.
   const std::string &node() const { return node_; }
 
- private:
+private:
   std::string node_;
 };
 
 // ext4 images in a directory of the owner's ("disk0.img", "disk1.img", ...), each
 // attached to a loop device of its own until detach_all() or the destruction.
 class loop_images {
- public:
+public:
   explicit loop_images(std::string dir) : dir_(std::move(dir)) {}
 
   // A new image of `size` bytes with the tree under `src`, attached to a free loop
@@ -61,11 +61,11 @@ class loop_images {
 
   void detach_all() { devices_.clear(); }
 
- private:
+private:
   std::string dir_;
   std::vector<loop_device> devices_;
 };
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_LOOP_IMAGE_H
+#endif // FSIC_TESTS_SUPPORT_LOOP_IMAGE_H

@@ -97,4 +97,4 @@ void detach_mounts_below(const std::string &dir) {
   }
 }
 
-}  // namespace support
+} // namespace support

@@ -12,10 +12,10 @@ namespace support {
 
 struct mount_line {
   std::string mount_point;
-  std::string options;        // per-mount options (field 6)
+  std::string options; // per-mount options (field 6)
   std::string fs_type;
   std::string source;
-  std::string super_options;  // per-superblock options
+  std::string super_options; // per-superblock options
 };
 
 // Undoes the octal escapes of /proc/self/mountinfo (\040 for a blank).
@@ -36,6 +36,6 @@ std::set<std::string> split_options(const std::string &options);
 // Lazily detaches every mount at or below `dir`, deepest first.
 void detach_mounts_below(const std::string &dir);
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_MOUNT_TABLE_H
+#endif // FSIC_TESTS_SUPPORT_MOUNT_TABLE_H

@@ -163,4 +163,4 @@ scoped_env::~scoped_env() {
     unsetenv(name_.c_str());
 }
 
-}  // namespace support
+} // namespace support

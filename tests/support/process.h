@@ -13,7 +13,7 @@
 namespace support {
 
 struct proc_result {
-  int status = -1;  // exit code, or 128 + signal; -1 when the program could not be run
+  int status = -1; // exit code, or 128 + signal; -1 when the program could not be run
   bool timed_out = false;
   std::string out;
   std::string err;
@@ -45,17 +45,17 @@ int thread_count();
 // Sets (a value) or removes (nullopt) an environment variable of this process for one
 // scope; the old state comes back at its end.
 class scoped_env {
- public:
+public:
   scoped_env(const char *name, const std::optional<std::string> &value);
   ~scoped_env();
   scoped_env(const scoped_env &) = delete;
   scoped_env &operator=(const scoped_env &) = delete;
 
- private:
+private:
   std::string name_;
   std::optional<std::string> old_;
 };
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_PROCESS_H
+#endif // FSIC_TESTS_SUPPORT_PROCESS_H

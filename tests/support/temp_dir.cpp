@@ -63,15 +63,16 @@ std::string make(const std::string &prefix, std::string &error) {
   return path;
 }
 
-}  // namespace
+} // namespace
 
 void remove_tree(const std::string &path) {
   if (path.empty())
     return;
   detach_mounts_below(path);
   const std::size_t slash = path.rfind('/');
-  const std::string parent =
-      slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  const std::string parent = slash == std::string::npos ? "."
+                             : slash == 0               ? "/"
+                                                        : path.substr(0, slash);
   const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   const int fd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd >= 0) {
@@ -90,4 +91,4 @@ temp_dir::temp_dir(const std::string &prefix, const std::nothrow_t &)
 
 temp_dir::~temp_dir() { remove_tree(path_); }
 
-}  // namespace support
+} // namespace support

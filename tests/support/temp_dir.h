@@ -17,7 +17,7 @@ namespace support {
 void remove_tree(const std::string &path);
 
 class temp_dir {
- public:
+public:
   // Makes "<$TMPDIR, or /tmp>/<prefix>.XXXXXX" and resolves it, so that paths built
   // below it contain no symbolic links. Throws std::runtime_error when that fails.
   explicit temp_dir(const std::string &prefix = "fsic-test");
@@ -35,11 +35,11 @@ class temp_dir {
   // Why the directory could not be made ("" when it was).
   const std::string &error() const { return error_; }
 
- private:
+private:
   std::string path_;
   std::string error_;
 };
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_TEMP_DIR_H
+#endif // FSIC_TESTS_SUPPORT_TEMP_DIR_H

@@ -81,4 +81,4 @@ std::string syspath_of(const std::string &devnode) {
   return ec ? "/sys/devices/virtual/block/" + name : p.string();
 }
 
-}  // namespace support
+} // namespace support

@@ -71,6 +71,6 @@ void drop_base_dir(fs_disk_list *list);
 // for a loop device, also when sysfs does not resolve it).
 std::string syspath_of(const std::string &devnode);
 
-}  // namespace support
+} // namespace support
 
-#endif  // FSIC_TESTS_SUPPORT_VOLUME_RECORDS_H
+#endif // FSIC_TESTS_SUPPORT_VOLUME_RECORDS_H

@@ -127,9 +127,7 @@ std::string leftovers() {
 
 // ---- the disk list as text ------------------------------------------------------------
 
-std::string text(const char *s) {
-  return s ? s : "(null)";
-}
+std::string text(const char *s) { return s ? s : "(null)"; }
 
 void describe_volume(std::ostringstream &s, const fs_volume *v) {
   s << " " << text(v->devnode) << " " << text(v->syspath) << " " << text(v->fs_type) << " holds "
@@ -421,9 +419,8 @@ int glib() {
   fs_disk_list *list = new_list();
   std::fflush(stdout);
   if (!fault::process_scope_available()) {
-    std::printf(
-        "an allocation inside GLib can only be failed without AddressSanitizer "
-        "(it owns the allocator)\n");
+    std::printf("an allocation inside GLib can only be failed without AddressSanitizer "
+                "(it owns the allocator)\n");
   } else {
     const pid_t pid = fork();
     if (pid == 0)
@@ -499,7 +496,7 @@ int lvm_once() {
   return 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -509,9 +506,8 @@ int main(int argc, char **argv) {
   if (mode == "create")
     return create(fault::scope::library, 1);
   if ((mode == "create-all" || mode == "image-all") && !fault::process_scope_available()) {
-    std::printf(
-        "every allocation of the process can only be failed without "
-        "AddressSanitizer (it owns the allocator)\n");
+    std::printf("every allocation of the process can only be failed without "
+                "AddressSanitizer (it owns the allocator)\n");
     return 2;
   }
   if (mode == "create-all")

@@ -135,8 +135,7 @@ void print_partition_checks(fs_disk_list *list, fs_partition *part) {
   const std::string dir = mount_point; // the volume's text goes with the release
   const std::string options = mount_options(dir);
   printf("partition %d: mounted on %s, read-only: %s, hello.txt: %s", part->number,
-         base_name(dir).c_str(), yes_no(read_only(options)),
-         read_file(dir + "/hello.txt").c_str());
+         base_name(dir).c_str(), yes_no(read_only(options)), read_file(dir + "/hello.txt").c_str());
   fs_volume_release_mount_point(&part->volume);
   printf("partition %d: released, mounted: %s\n", part->number,
          yes_no(!mount_options(dir).empty()));

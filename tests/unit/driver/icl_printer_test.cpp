@@ -37,10 +37,8 @@ Hash counting_hash(uint8_t start) {
   return h;
 }
 
-const std::string kHash00 =
-    "[000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f]";
-const std::string kHashF0 =
-    "[f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff000102030405060708090a0b0c0d0e0f]";
+const std::string kHash00 = "[000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f]";
+const std::string kHashF0 = "[f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff000102030405060708090a0b0c0d0e0f]";
 
 // The object list of one entry read from its blob, and its first object.
 struct OneObject {
@@ -153,12 +151,12 @@ TEST(IclPrinter, AFileWithFlags12PrintsTwoLines) {
   OneObject one(o);
   const std::string expected =
       "  F /ntldr [ CONTROL_DATA CONTROL_ATTRS ]\n"
-      "    " + kHash00 + " [mode: 100444, uid: 0, git: 0, size: 250048, mtime: 1081180800] \n";
+      "    " +
+      kHash00 + " [mode: 100444, uid: 0, git: 0, size: 250048, mtime: 1081180800] \n";
   EXPECT_EQ(out_of([&] { print_icl_object(one.obj); }), expected);
-  EXPECT_EQ(out_of([&] {
-              print_icl_file_object(reinterpret_cast<const fs_ocl_file_object *>(one.obj));
-            }),
-            expected);
+  EXPECT_EQ(
+      out_of([&] { print_icl_file_object(reinterpret_cast<const fs_ocl_file_object *>(one.obj)); }),
+      expected);
 }
 
 TEST(IclPrinter, AFileWithFlags0PrintsOneLine) {
@@ -206,7 +204,8 @@ TEST(IclPrinter, ADirectoryWithoutEachFilePrintsItsHashOnTheSecondLine) {
   OneObject one(o);
   EXPECT_EQ(out_of([&] { print_icl_object(one.obj); }),
             "  D /WINDOWS/system32 [ RECURSIVE CONTROL_DATA CONTROL_ATTRS ] [ '*.dll' '*.sys' ]\n"
-            "    " + kHash00 + "\n");
+            "    " +
+                kHash00 + "\n");
 
   o.flags = 0;
   o.has_masks = false;
@@ -241,16 +240,22 @@ TEST(IclPrinter, ADirectoryWithEachFileAndAttributesPrintsItsRootAndNestedInfo) 
       "    <root> [mode: 40755, uid: 0, git: 0]\n"
       "      +s1 [mode: 40750, uid: 1, git: 2]\n"
       "        +inner [mode: 40700, uid: 5, git: 6]\n"
-      "           x.exe " + kHashF0 + " [mode: 100600, uid: 5, git: 6, size: 7, mtime: 8]\n"
-      "         b.dll " + kHash00 + " [mode: 100644, uid: 1, git: 2, size: 10, mtime: 20]\n"
+      "           x.exe " +
+      kHashF0 +
+      " [mode: 100600, uid: 5, git: 6, size: 7, mtime: 8]\n"
+      "         b.dll " +
+      kHash00 +
+      " [mode: 100644, uid: 1, git: 2, size: 10, mtime: 20]\n"
       "      +s2 [mode: 40555, uid: 3, git: 4]\n"
-      "         c.DLL " + kHash00 + " [mode: 100444, uid: 3, git: 4, size: 30, mtime: 40]\n"
-      "       a.exe " + kHashF0 + " [mode: 100755, uid: 0, git: 0, size: 1, mtime: 2]\n";
+      "         c.DLL " +
+      kHash00 +
+      " [mode: 100444, uid: 3, git: 4, size: 30, mtime: 40]\n"
+      "       a.exe " +
+      kHashF0 + " [mode: 100755, uid: 0, git: 0, size: 1, mtime: 2]\n";
   EXPECT_EQ(out_of([&] { print_icl_object(one.obj); }), expected);
-  EXPECT_EQ(out_of([&] {
-              print_icl_dir_object(reinterpret_cast<const fs_ocl_dir_object *>(one.obj));
-            }),
-            expected);
+  EXPECT_EQ(
+      out_of([&] { print_icl_dir_object(reinterpret_cast<const fs_ocl_dir_object *>(one.obj)); }),
+      expected);
 }
 
 TEST(IclPrinter, EachFileWithoutAttributesHasNoRootLine) {
@@ -266,17 +271,19 @@ TEST(IclPrinter, EachFileWithoutAttributesHasNoRootLine) {
   EXPECT_EQ(out_of([&] { print_icl_object(one.obj); }),
             "  D /d [ EACH_FILE RECURSIVE CONTROL_DATA ] [ ]\n"
             "      +sub\n"
-            "         f " + kHash00 + "\n"
-            "       g " + kHashF0 + "\n");
+            "         f " +
+                kHash00 +
+                "\n"
+                "       g " +
+                kHashF0 + "\n");
 
   // Names only; and an empty info prints nothing after the first line.
   o.flags = EACH_FILE | RECURSIVE;
   OneObject names(o);
-  EXPECT_EQ(out_of([&] { print_icl_object(names.obj); }),
-            "  D /d [ EACH_FILE RECURSIVE ] [ ]\n"
-            "      +sub\n"
-            "         f\n"
-            "       g\n");
+  EXPECT_EQ(out_of([&] { print_icl_object(names.obj); }), "  D /d [ EACH_FILE RECURSIVE ] [ ]\n"
+                                                          "      +sub\n"
+                                                          "         f\n"
+                                                          "       g\n");
   o.info = {};
   OneObject empty(o);
   EXPECT_EQ(out_of([&] { print_icl_object(empty.obj); }), "  D /d [ EACH_FILE RECURSIVE ] [ ]\n");
@@ -335,7 +342,7 @@ TEST(IclPrinter, AListPrintsEachEntryWithItsObjectsInPathOrder) {
   a.flags = CONTROL_DATA;
   a.hash = counting_hash(0);
   Obj upper = b;
-  upper.path = "/Z";  // 'Z' sorts before 'a'
+  upper.path = "/Z"; // 'Z' sorts before 'a'
   Obj d;
   d.type = FS_OCL_DIR;
   d.path = "/dir";
@@ -349,16 +356,18 @@ TEST(IclPrinter, AListPrintsEachEntryWithItsObjectsInPathOrder) {
   add_entry(list.get(), l.id.make(), ocl_of(l));
   add_entry(list.get(), i.id.make(), ocl_of(i));
   add_entry(list.get(), p.id.make(), ocl_of(p));
-  const std::string expected =
-      "SERIAL partition 2\n"
-      "  F /Z [ ]\n"
-      "  F /a [ CONTROL_DATA ]\n"
-      "    " + kHash00 + " \n"
-      "  F /b [ ]\n"
-      "disk.img partition 1\n"
-      "vg/lv\n"
-      "  D /dir [ CONTROL_DATA ] [ ]\n"
-      "    " + kHashF0 + "\n";
+  const std::string expected = "SERIAL partition 2\n"
+                               "  F /Z [ ]\n"
+                               "  F /a [ CONTROL_DATA ]\n"
+                               "    " +
+                               kHash00 +
+                               " \n"
+                               "  F /b [ ]\n"
+                               "disk.img partition 1\n"
+                               "vg/lv\n"
+                               "  D /dir [ CONTROL_DATA ] [ ]\n"
+                               "    " +
+                               kHashF0 + "\n";
   EXPECT_EQ(out_of([&] { print_icl(list.get()); }), expected);
 
   std::string by_entry;
@@ -370,4 +379,4 @@ TEST(IclPrinter, AListPrintsEachEntryWithItsObjectsInPathOrder) {
   EXPECT_EQ(out_of([&] { print_icl(empty.get()); }), "");
 }
 
-}  // namespace
+} // namespace

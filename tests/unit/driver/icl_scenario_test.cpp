@@ -53,7 +53,7 @@ TEST(IclScenario, ADiskWithoutPartitionOne) {
 }
 
 class IclScenarioRun : public ::testing::Test {
- protected:
+protected:
   ocltest::TempDir root;
   HeldVolume vol{"WD-WCAV12345678", 1, root.path().c_str()};
 };
@@ -108,4 +108,4 @@ TEST_F(IclScenarioRun, AWholeRunPrintsTheListTwice) {
   EXPECT_EQ(other.volume.mount_count, 0);
 }
 
-}  // namespace
+} // namespace

@@ -32,7 +32,7 @@ inline std::string pattern(size_t n, unsigned seed) {
 
 inline std::vector<TreeFile> scenario_files() {
   return {
-      {"ntldr", pattern(33000, 1)},  // more than two reads of the hash
+      {"ntldr", pattern(33000, 1)}, // more than two reads of the hash
       {"NTDETECT.COM", pattern(47564, 2)},
       {"AUTOEXEC.BAT", ""},
       {"boot.ini", "[boot loader]\r\ntimeout=30\r\n"},
@@ -53,8 +53,7 @@ inline std::vector<TreeFile> scenario_files() {
 
 // Writes the tree under `root` (an empty directory is added too, which the listing
 // leaves out). `skip` names files to leave out.
-inline void make_scenario_tree(const std::string &root,
-                               const std::vector<std::string> &skip = {}) {
+inline void make_scenario_tree(const std::string &root, const std::vector<std::string> &skip = {}) {
   for (const TreeFile &f : scenario_files()) {
     bool skipped = false;
     for (const std::string &s : skip)
@@ -161,6 +160,6 @@ inline std::string scenario_output(const std::string &root, const std::string &i
   return "======= icl =======\n" + listing + "======= icl2 =======\n" + listing;
 }
 
-}  // namespace drivertest
+} // namespace drivertest
 
 #endif

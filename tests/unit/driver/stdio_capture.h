@@ -62,7 +62,8 @@ public:
     std::fflush(stderr);
     saved_ = dup(2);
     file_ = std::tmpfile();
-    if (saved_ >= 0 && file_ != nullptr) dup2(fileno(file_), 2);
+    if (saved_ >= 0 && file_ != nullptr)
+      dup2(fileno(file_), 2);
   }
   ~stderr_capture() { text(); }
   bool ok() const { return saved_ >= 0 && file_ != nullptr; }
@@ -87,6 +88,6 @@ private:
   std::string text_;
 };
 
-}  // namespace drivertest
+} // namespace drivertest
 
 #endif

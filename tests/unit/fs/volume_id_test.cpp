@@ -66,8 +66,8 @@ TEST(VolumeId, PartitionRecordIsByteExact) {
 
 TEST(VolumeId, ImagePartitionRecordHasKindOne) {
   auto id = image_id("test", 5);
-  EXPECT_EQ(serialise(id.get()), (std::vector<uint8_t>{0x01, 0x00, 0x04, 0x00, 't', 'e', 's',
-                                                       't', 0x05, 0x00}));
+  EXPECT_EQ(serialise(id.get()),
+            (std::vector<uint8_t>{0x01, 0x00, 0x04, 0x00, 't', 'e', 's', 't', 0x05, 0x00}));
 }
 
 TEST(VolumeId, LvmRecordIsByteExact) {

@@ -135,4 +135,4 @@ TEST(QuietGlibLog, OverlappingGuardsOnTwoThreadsRestoreOnce) {
   g_log_remove_handler("GLib", id);
 }
 
-}  // namespace
+} // namespace

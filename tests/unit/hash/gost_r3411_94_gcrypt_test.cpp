@@ -31,7 +31,7 @@ uint64_t env_number(const char *name, uint64_t fallback) {
 using support::hex;
 
 class GostR341194Gcrypt : public ::testing::Test {
- protected:
+protected:
   static void SetUpTestSuite() {
     ASSERT_NE(gcry_check_version(GCRYPT_VERSION), nullptr);
     gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
@@ -43,12 +43,24 @@ class GostR341194Gcrypt : public ::testing::Test {
 size_t piece_size(std::mt19937_64 &rng, size_t left) {
   size_t n = 0;
   switch (rng() % 8) {
-    case 0: n = 0; break;
-    case 1: n = 1; break;
-    case 2: n = 31 + rng() % 3; break;
-    case 3: n = rng() % 64; break;
-    case 4: n = rng() % 4096; break;
-    default: n = rng() % (left + 1); break;
+    case 0:
+      n = 0;
+      break;
+    case 1:
+      n = 1;
+      break;
+    case 2:
+      n = 31 + rng() % 3;
+      break;
+    case 3:
+      n = rng() % 64;
+      break;
+    case 4:
+      n = rng() % 4096;
+      break;
+    default:
+      n = rng() % (left + 1);
+      break;
   }
   return n < left ? n : left;
 }
@@ -66,7 +78,7 @@ TEST_F(GostR341194Gcrypt, RandomMessages) {
     const size_t length = size_t(rng() % (max_length + 1));
     const size_t offset = size_t(rng() % 16);
     const unsigned index = unsigned(rng() % 2);
-    const bool portable = rng() % 8 == 0;  // the plain code path, now and then
+    const bool portable = rng() % 8 == 0; // the plain code path, now and then
     uint8_t *data = buffer.data() + offset;
     for (size_t j = 0; j < length; j += 8) {
       const uint64_t r = rng();
@@ -92,18 +104,20 @@ TEST_F(GostR341194Gcrypt, RandomMessages) {
       feed(data + done, n);
       done += n;
     }
-    if (rng() % 4 == 0) feed(data + length, 0);  // a trailing empty update now and then
+    if (rng() % 4 == 0)
+      feed(data + length, 0); // a trailing empty update now and then
     uint8_t actual[32];
     if (portable)
       gost_r3411_94_final_portable(ctx, actual);
     else
       gost_r3411_94_final(ctx, actual);
     EXPECT_EQ(hex(actual, 32), hex(expected, 32));
-    if (std::memcmp(actual, expected, 32) != 0) ++failures;
+    if (std::memcmp(actual, expected, 32) != 0)
+      ++failures;
   }
   gost_r3411_94_free_context(ctx);
   EXPECT_EQ(failures, 0u);
   RecordProperty("messages", std::to_string(messages));
 }
 
-}  // namespace
+} // namespace

@@ -56,7 +56,8 @@ std::string digest(unsigned index, const void *data, size_t size,
   size_t done = 0;
   for (size_t i = 0; done < size; ++i) {
     size_t n = pieces.empty() ? size - done : pieces[i % pieces.size()];
-    if (n > size - done) n = size - done;
+    if (n > size - done)
+      n = size - done;
     update(w, ctx.c, p + done, unsigned(n));
     done += n;
   }
@@ -78,15 +79,19 @@ struct published {
 
 std::string alnum() {
   std::string s;
-  for (char c = 'A'; c <= 'Z'; ++c) s += c;
-  for (char c = 'a'; c <= 'z'; ++c) s += c;
-  for (char c = '0'; c <= '9'; ++c) s += c;
+  for (char c = 'A'; c <= 'Z'; ++c)
+    s += c;
+  for (char c = 'a'; c <= 'z'; ++c)
+    s += c;
+  for (char c = '0'; c <= '9'; ++c)
+    s += c;
   return s;
 }
 
 std::string repeat(const std::string &s, size_t n) {
   std::string r;
-  for (size_t i = 0; i < n; ++i) r += s;
+  for (size_t i = 0; i < n; ++i)
+    r += s;
   return r;
 }
 
@@ -131,7 +136,8 @@ std::string label(const std::string &m) {
 
 bytes random_bytes(std::mt19937_64 &rng, size_t n) {
   bytes b(n);
-  for (auto &x : b) x = uint8_t(rng());
+  for (auto &x : b)
+    x = uint8_t(rng());
   return b;
 }
 
@@ -160,7 +166,8 @@ TEST(GostR341194, MillionAInPieces) {
 TEST(GostR341194, ReferenceImplementationAgreesWithPublishedDigests) {
   // The slow implementation of the tests is itself checked before it checks anything.
   for (const auto &p : published_digests()) {
-    if (p.message.size() > 1000) continue;
+    if (p.message.size() > 1000)
+      continue;
     SCOPED_TRACE(label(p.message));
     const auto *d = reinterpret_cast<const uint8_t *>(p.message.data());
     EXPECT_EQ(hex(gost_ref::digest(0, d, p.message.size())), p.test_set);
@@ -188,7 +195,8 @@ TEST(GostR341194, Chunking) {
 
 TEST(GostR341194, PublishedDigestsOneByteAtATime) {
   for (const auto &p : published_digests()) {
-    if (p.message.size() > 1000) continue;
+    if (p.message.size() > 1000)
+      continue;
     SCOPED_TRACE(label(p.message));
     EXPECT_EQ(digest(0, p.message, {1}), p.test_set);
     EXPECT_EQ(digest(1, p.message, {1}), p.cryptopro_set);
@@ -301,7 +309,7 @@ TEST(GostR341194, EmptyMessageHasNoPaddingBlock) {
 }
 
 TEST(GostR341194, FinalCountsOnlyMessageBits) {
-  const published &p = published_digests()[9];  // 50 bytes
+  const published &p = published_digests()[9]; // 50 bytes
   context c;
   gost_r3411_94_init(c.c, 1);
   gost_r3411_94_update(c.c, p.message.data(), unsigned(p.message.size()));
@@ -310,16 +318,19 @@ TEST(GostR341194, FinalCountsOnlyMessageBits) {
   EXPECT_EQ(hex(d, 32), p.cryptopro_set);
   EXPECT_EQ(c.c->length[0], 400u);
   EXPECT_EQ(c.c->length[1], 0u);
-  for (int i = 2; i < 8; ++i) EXPECT_EQ(c.c->length[i], 0u);
+  for (int i = 2; i < 8; ++i)
+    EXPECT_EQ(c.c->length[i], 0u);
   // The padded block is zero after the message.
-  for (size_t i = 18; i < 32; ++i) EXPECT_EQ(c.c->partial[i], 0) << i;
+  for (size_t i = 18; i < 32; ++i)
+    EXPECT_EQ(c.c->partial[i], 0) << i;
 }
 
 TEST(GostR341194, CreateGivesZeroedContext) {
   context c;
   ASSERT_NE(c.c, nullptr);
   const auto *raw = reinterpret_cast<const uint8_t *>(c.c);
-  for (size_t i = 0; i < sizeof(gost_r3411_94_ctx); ++i) ASSERT_EQ(raw[i], 0) << i;
+  for (size_t i = 0; i < sizeof(gost_r3411_94_ctx); ++i)
+    ASSERT_EQ(raw[i], 0) << i;
   gost_r3411_94_free_context(nullptr);
 }
 
@@ -335,8 +346,10 @@ TEST(GostR341194, InitClearsAndSelects) {
     }
     EXPECT_EQ(c.c->hash[0], gost_r3411_94_parameters[index].start[0]);
     EXPECT_EQ(c.c->hash[1], gost_r3411_94_parameters[index].start[1]);
-    for (int i = 2; i < 8; ++i) EXPECT_EQ(c.c->hash[i], 0u);
-    for (int i = 0; i < 32; ++i) EXPECT_EQ(c.c->partial[i], 0);
+    for (int i = 2; i < 8; ++i)
+      EXPECT_EQ(c.c->hash[i], 0u);
+    for (int i = 0; i < 32; ++i)
+      EXPECT_EQ(c.c->partial[i], 0);
     EXPECT_EQ(c.c->partial_bytes, 0u);
   }
 }
@@ -358,7 +371,8 @@ TEST(GostR341194, ContextReuse) {
   uint8_t d[32];
   for (int round = 0; round < 3; ++round) {
     for (const auto &p : published_digests()) {
-      if (p.message.size() > 1000) continue;
+      if (p.message.size() > 1000)
+        continue;
       for (unsigned index = 0; index < 2; ++index) {
         gost_r3411_94_init(c.c, index);
         gost_r3411_94_update(c.c, p.message.data(), unsigned(p.message.size()));
@@ -370,7 +384,7 @@ TEST(GostR341194, ContextReuse) {
 }
 
 TEST(GostR341194, ZeroLengthUpdates) {
-  const published &p = published_digests()[2];  // "abc"
+  const published &p = published_digests()[2]; // "abc"
   context c;
   gost_r3411_94_init(c.c, 1);
   gost_r3411_94_update(c.c, nullptr, 0);
@@ -390,8 +404,8 @@ TEST(GostR341194, ExpandedTablesMatchSBoxes) {
     const gost_r3411_94_params &p = gost_r3411_94_parameters[index];
     for (unsigned t = 0; t < 4; ++t) {
       for (unsigned i = 0; i < 256; ++i) {
-        const uint32_t v = uint32_t(k[2 * t + 1][i >> 4]) << (8 * t + 4) |
-                           uint32_t(k[2 * t][i & 15]) << (8 * t);
+        const uint32_t v =
+            uint32_t(k[2 * t + 1][i >> 4]) << (8 * t + 4) | uint32_t(k[2 * t][i & 15]) << (8 * t);
         ASSERT_EQ(p.sbox[t][i], (v << 11) | (v >> 21)) << index << " " << t << " " << i;
       }
     }
@@ -402,7 +416,8 @@ TEST(GostR341194, ExpandedTablesMatchSBoxes) {
 
 gost_ref::block words_to_block(const uint32_t w[8]) {
   gost_ref::block b(32);
-  for (size_t i = 0; i < 32; ++i) b[i] = uint8_t(w[i / 4] >> (8 * (i % 4)));
+  for (size_t i = 0; i < 32; ++i)
+    b[i] = uint8_t(w[i / 4] >> (8 * (i % 4)));
   return b;
 }
 
@@ -412,12 +427,16 @@ TEST(GostR341194, CompressMatchesReference) {
   for (int n = 0; n < 300; ++n) {
     const unsigned index = unsigned(n % 2);
     uint32_t h[8], m[8];
-    for (auto &x : h) x = uint32_t(rng());
-    for (auto &x : m) x = uint32_t(rng());
+    for (auto &x : h)
+      x = uint32_t(rng());
+    for (auto &x : m)
+      x = uint32_t(rng());
     if (n == 0)
-      for (auto &x : h) x = 0;  // and some special values
+      for (auto &x : h)
+        x = 0; // and some special values
     if (n == 1)
-      for (auto &x : m) x = 0xffffffffu;
+      for (auto &x : m)
+        x = 0xffffffffu;
     const gost_ref::block expected = gost_ref::step(index, words_to_block(h), words_to_block(m));
     SCOPED_TRACE("case " + std::to_string(n));
     for (path w : {path::main, path::portable}) {
@@ -436,11 +455,13 @@ TEST(GostR341194, CompressMatchesReference) {
 TEST(GostR341194, TransformAddsSumWithCarriesAndCountsBits) {
   context c;
   gost_r3411_94_init(c.c, 1);
-  for (auto &w : c.c->sum) w = 0xffffffffu;
+  for (auto &w : c.c->sum)
+    w = 0xffffffffu;
   c.c->length[0] = 0xffffff80u;
   uint8_t block[32] = {1};
   gost_r3411_94_transform(c.c, block, 256);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(c.c->sum[i], 0u) << i;  // carried out of the top
+  for (int i = 0; i < 8; ++i)
+    EXPECT_EQ(c.c->sum[i], 0u) << i; // carried out of the top
   EXPECT_EQ(c.c->length[0], 0x80u);
   EXPECT_EQ(c.c->length[1], 1u);
 
@@ -460,18 +481,21 @@ TEST(GostR341194, TransformAddsSumWithCarriesAndCountsBits) {
 TEST(GostR341194, BulkUpdateCarriesLikeSingleBlocks) {
   std::mt19937_64 rng(5);
   bytes m = random_bytes(rng, 32 * 200 + 1);
-  for (size_t i = 0; i < 32 * 100; ++i) m[i] = 0xff;  // many large words
+  for (size_t i = 0; i < 32 * 100; ++i)
+    m[i] = 0xff; // many large words
   for (unsigned index = 0; index < 2; ++index) {
     context a, b, single;
     for (gost_r3411_94_ctx *c : {a.c, b.c, single.c}) {
       gost_r3411_94_init(c, index);
-      for (auto &w : c->sum) w = 0xfffffff0u;
+      for (auto &w : c->sum)
+        w = 0xfffffff0u;
       c->length[0] = 0xfffff000u;
     }
     gost_r3411_94_update(a.c, m.data(), unsigned(m.size()));
     gost_r3411_94_update_portable(b.c, m.data(), unsigned(m.size()));
     for (size_t pos = 0; pos < m.size(); pos += 32)
-      gost_r3411_94_update(single.c, m.data() + pos, unsigned(std::min<size_t>(32, m.size() - pos)));
+      gost_r3411_94_update(single.c, m.data() + pos,
+                           unsigned(std::min<size_t>(32, m.size() - pos)));
     for (int i = 0; i < 8; ++i) {
       EXPECT_EQ(a.c->sum[i], b.c->sum[i]) << i;
       EXPECT_EQ(a.c->sum[i], single.c->sum[i]) << i;
@@ -500,4 +524,4 @@ TEST(GostR341194, RandomMessagesMatchReference) {
   }
 }
 
-}  // namespace
+} // namespace

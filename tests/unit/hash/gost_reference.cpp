@@ -48,15 +48,18 @@ block c3() {
 
 block xor_blocks(const block &a, const block &b) {
   block r(32);
-  for (size_t i = 0; i < 32; ++i) r[i] = a[i] ^ b[i];
+  for (size_t i = 0; i < 32; ++i)
+    r[i] = a[i] ^ b[i];
   return r;
 }
 
 // A(y4 || y3 || y2 || y1) = (y1 ^ y2) || y4 || y3 || y2, yi 64-bit, y1 lowest.
 block transform_a(const block &y) {
   block r(32);
-  for (size_t i = 0; i < 24; ++i) r[i] = y[i + 8];
-  for (size_t i = 0; i < 8; ++i) r[24 + i] = y[i] ^ y[8 + i];
+  for (size_t i = 0; i < 24; ++i)
+    r[i] = y[i + 8];
+  for (size_t i = 0; i < 8; ++i)
+    r[24 + i] = y[i] ^ y[8 + i];
   return r;
 }
 
@@ -65,7 +68,8 @@ block transform_a(const block &y) {
 block transform_p(const block &y) {
   block r(32);
   for (int i = 0; i <= 3; ++i)
-    for (int k = 1; k <= 8; ++k) r[size_t(i + 4 * (k - 1))] = y[size_t(8 * i + k - 1)];
+    for (int k = 1; k <= 8; ++k)
+      r[size_t(i + 4 * (k - 1))] = y[size_t(8 * i + k - 1)];
   return r;
 }
 
@@ -77,18 +81,21 @@ uint32_t word_at(const block &b, size_t byte) {
 // GOST 28147-89 round function: substitution nibble by nibble, then rotation by 11.
 uint32_t round_function(const uint8_t (&k)[8][16], uint32_t x) {
   uint32_t s = 0;
-  for (int n = 0; n < 8; ++n) s |= uint32_t(k[n][(x >> (4 * n)) & 15]) << (4 * n);
+  for (int n = 0; n < 8; ++n)
+    s |= uint32_t(k[n][(x >> (4 * n)) & 15]) << (4 * n);
   return (s << 11) | (s >> 21);
 }
 
 // Simple substitution mode, one 64-bit block: N1 the low word, N2 the high word; key
 // words X0..X7 three times, then X7..X0; no swap after the last round.
-void encrypt_block(const uint8_t (&sb)[8][16], const block &key, const uint8_t *in,
-                   uint8_t *out) {
+void encrypt_block(const uint8_t (&sb)[8][16], const block &key, const uint8_t *in, uint8_t *out) {
   uint32_t x[8];
-  for (size_t i = 0; i < 8; ++i) x[i] = word_at(key, 4 * i);
-  uint32_t n1 = uint32_t(in[0]) | uint32_t(in[1]) << 8 | uint32_t(in[2]) << 16 | uint32_t(in[3]) << 24;
-  uint32_t n2 = uint32_t(in[4]) | uint32_t(in[5]) << 8 | uint32_t(in[6]) << 16 | uint32_t(in[7]) << 24;
+  for (size_t i = 0; i < 8; ++i)
+    x[i] = word_at(key, 4 * i);
+  uint32_t n1 =
+      uint32_t(in[0]) | uint32_t(in[1]) << 8 | uint32_t(in[2]) << 16 | uint32_t(in[3]) << 24;
+  uint32_t n2 =
+      uint32_t(in[4]) | uint32_t(in[5]) << 8 | uint32_t(in[6]) << 16 | uint32_t(in[7]) << 24;
   for (int r = 0; r < 32; ++r) {
     const uint32_t kw = r < 24 ? x[r % 8] : x[7 - r % 8];
     const uint32_t t = n2 ^ round_function(sb, n1 + kw);
@@ -108,7 +115,8 @@ void encrypt_block(const uint8_t (&sb)[8][16], const block &key, const uint8_t *
 // psi(y16 || ... || y1) = (y1 ^ y2 ^ y3 ^ y4 ^ y13 ^ y16) || y16 || ... || y2.
 block psi(const block &y) {
   uint16_t w[16];
-  for (size_t i = 0; i < 16; ++i) w[i] = uint16_t(y[2 * i] | y[2 * i + 1] << 8);
+  for (size_t i = 0; i < 16; ++i)
+    w[i] = uint16_t(y[2 * i] | y[2 * i + 1] << 8);
   const uint16_t top = w[0] ^ w[1] ^ w[2] ^ w[3] ^ w[12] ^ w[15];
   block r(32);
   for (size_t i = 0; i < 15; ++i) {
@@ -121,7 +129,8 @@ block psi(const block &y) {
 }
 
 block psi_n(block y, int n) {
-  for (int i = 0; i < n; ++i) y = psi(y);
+  for (int i = 0; i < n; ++i)
+    y = psi(y);
   return y;
 }
 
@@ -137,13 +146,13 @@ block add_blocks(const block &a, const block &b) {
   return r;
 }
 
-}  // namespace
+} // namespace
 
 const uint8_t (&sboxes(unsigned index))[8][16] { return index == 0 ? test_set : cryptopro_set; }
 
 block step(unsigned index, const block &h, const block &m) {
   const block zero(32, 0);
-  const block c[5] = {zero, zero, zero, c3(), zero};  // C2, C3, C4 at indices 2-4
+  const block c[5] = {zero, zero, zero, c3(), zero}; // C2, C3, C4 at indices 2-4
   block keys[5];
   block u = h, v = m;
   keys[1] = transform_p(xor_blocks(u, v));
@@ -153,7 +162,8 @@ block step(unsigned index, const block &h, const block &m) {
     keys[j] = transform_p(xor_blocks(u, v));
   }
   block s(32);
-  for (size_t i = 0; i < 4; ++i) encrypt_block(sboxes(index), keys[i + 1], &h[8 * i], &s[8 * i]);
+  for (size_t i = 0; i < 4; ++i)
+    encrypt_block(sboxes(index), keys[i + 1], &h[8 * i], &s[8 * i]);
   return psi_n(xor_blocks(h, psi(xor_blocks(m, psi_n(s, 12)))), 61);
 }
 
@@ -168,9 +178,10 @@ block digest(unsigned index, const uint8_t *data, size_t size) {
     sum = add_blocks(sum, m);
     bits += 8 * n;
   }
-  for (size_t i = 0; i < 8; ++i) length[i] = uint8_t(bits >> (8 * i));
+  for (size_t i = 0; i < 8; ++i)
+    length[i] = uint8_t(bits >> (8 * i));
   h = step(index, h, length);
   return step(index, h, sum);
 }
 
-}  // namespace gost_ref
+} // namespace gost_ref

@@ -23,6 +23,6 @@ block step(unsigned index, const block &h, const block &m);
 // The whole hash of a message.
 block digest(unsigned index, const uint8_t *data, size_t size);
 
-}  // namespace gost_ref
+} // namespace gost_ref
 
-#endif  // FSIC_TESTS_UNIT_HASH_GOST_REFERENCE_H
+#endif // FSIC_TESTS_UNIT_HASH_GOST_REFERENCE_H

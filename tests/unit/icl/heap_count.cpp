@@ -10,7 +10,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 
 namespace icltest {
 long heap_in_use() { return static_cast<long>(__sanitizer_get_current_allocated_bytes()); }
-}  // namespace icltest
+} // namespace icltest
 
 #else
 extern "C" {
@@ -21,7 +21,7 @@ void __libc_free(void *ptr);
 }
 
 namespace {
-long g_live = 0;  // blocks allocated and not yet freed
+long g_live = 0; // blocks allocated and not yet freed
 }
 
 extern "C" {
@@ -54,5 +54,5 @@ void free(void *ptr) noexcept {
 
 namespace icltest {
 long heap_in_use() { return g_live; }
-}  // namespace icltest
+} // namespace icltest
 #endif

@@ -17,8 +17,8 @@
 namespace icltest {
 
 struct IdCalls {
-  int count = 0;               // create_id calls so far
-  fsic_status fail_with = 0;   // non-zero: create_id returns this
+  int count = 0;             // create_id calls so far
+  fsic_status fail_with = 0; // non-zero: create_id returns this
 };
 
 inline IdCalls g_id_calls;
@@ -79,6 +79,6 @@ struct HeldVolume {
   fs_volume *volume() { return &part.volume; }
 };
 
-}  // namespace icltest
+} // namespace icltest
 
 #endif

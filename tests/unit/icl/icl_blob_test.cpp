@@ -102,21 +102,20 @@ TEST(IclBlob, TwoEntriesAreWrittenNewestFirstAndReadBackReversed) {
   EXPECT_EQ(fs_icl_next_volume(list.get(), ea), nullptr);
 
   const Bytes written = blob_of(list.get());
-  const Bytes expected{
-      0x02, 0x00,                                                  // N
-      0x02, 0x00, 0x02, 0x00, 'v', 'g', 0x02, 0x00, 'l', 'v',      // B's identifier
-      0x01, 0x00, 0x00, 0x00,                                      // B's list: 1 object
-      0x00, 0x00, 0x02, 0x00, '/', 'x', 0x00, 0x00,                //   file /x, flags 0
-      0x00, 0x00, 0x03, 0x00, 'A', 'B', 'C', 0x01, 0x00,           // A's identifier
-      0x00, 0x00, 0x00, 0x00};                                     // A's list: empty
+  const Bytes expected{0x02, 0x00,                                              // N
+                       0x02, 0x00, 0x02, 0x00, 'v', 'g', 0x02, 0x00, 'l',  'v', // B's identifier
+                       0x01, 0x00, 0x00, 0x00,                             // B's list: 1 object
+                       0x00, 0x00, 0x02, 0x00, '/', 'x', 0x00, 0x00,       //   file /x, flags 0
+                       0x00, 0x00, 0x03, 0x00, 'A', 'B', 'C',  0x01, 0x00, // A's identifier
+                       0x00, 0x00, 0x00, 0x00};                            // A's list: empty
   EXPECT_EQ(written, expected);
 
   IclPtr back;
   ASSERT_EQ(read_icl(written, &back), FSIC_OK);
-  expect_list(back.get(), {a, b});  // iterates A, B
+  expect_list(back.get(), {a, b}); // iterates A, B
 
   const Bytes again = blob_of(back.get());
-  EXPECT_EQ(again, encode_list({a, b}));  // A before B
+  EXPECT_EQ(again, encode_list({a, b})); // A before B
   const Bytes a_first{0x02, 0x00, 0x00, 0x00, 0x03, 0x00, 'A', 'B', 'C', 0x01, 0x00};
   EXPECT_EQ(Bytes(again.begin(), again.begin() + 11), a_first);
 }
@@ -154,9 +153,18 @@ TEST(IclBlob, ACountAbove65535IsStoredInSixteenBits) {
   EXPECT_EQ(b[1], 0x00);
   bool all_match = true;
   for (uint32_t k = 0; k < n && all_match; k++) {
-    const uint32_t number = n - 1 - k;  // newest first
-    const Bytes rec{0x00, 0x00, 0x01, 0x00, 'S', static_cast<uint8_t>(number),
-                    static_cast<uint8_t>(number >> 8), 0x00, 0x00, 0x00, 0x00};
+    const uint32_t number = n - 1 - k; // newest first
+    const Bytes rec{0x00,
+                    0x00,
+                    0x01,
+                    0x00,
+                    'S',
+                    static_cast<uint8_t>(number),
+                    static_cast<uint8_t>(number >> 8),
+                    0x00,
+                    0x00,
+                    0x00,
+                    0x00};
     all_match = std::equal(rec.begin(), rec.end(), b.begin() + 2 + k * 11);
     EXPECT_TRUE(all_match) << "entry " << k;
   }
@@ -186,7 +194,7 @@ TEST(IclBlob, RandomListsOfAllKindsRoundTripAndAlternate) {
     const uint32_t n = g.below(6);
     for (uint32_t i = 0; i < n; i++)
       model.push_back(g.entry(4));
-    if (round < 3) {  // every kind at least once
+    if (round < 3) { // every kind at least once
       model.push_back(Entry{Id{static_cast<uint16_t>(round), "first", 65535, "second"}, {}});
       if (round == 2)
         model.back().id.number = 0;
@@ -228,12 +236,11 @@ TEST(IclBlob, ListsOfRealFilesRoundTrip) {
   ASSERT_EQ(fs_ocl_add_file(first.get(), t.path().c_str(), "/boot.ini", 12, nullptr), FSIC_OK);
   ASSERT_EQ(fs_ocl_add_file(first.get(), t.path().c_str(), "/WINDOWS/explorer.exe", 4, nullptr),
             FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_dir(first.get(), t.path().c_str(), "/WINDOWS/Installer", masks, 15,
-                           nullptr),
+  ASSERT_EQ(fs_ocl_add_dir(first.get(), t.path().c_str(), "/WINDOWS/Installer", masks, 15, nullptr),
             FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_dir(second.get(), t.path().c_str(), "/WINDOWS", nullptr, CONTROL_DATA,
-                           nullptr),
-            FSIC_OK);
+  ASSERT_EQ(
+      fs_ocl_add_dir(second.get(), t.path().c_str(), "/WINDOWS", nullptr, CONTROL_DATA, nullptr),
+      FSIC_OK);
   const Bytes ocl1 = ocltest::blob_of(first.get()), ocl2 = ocltest::blob_of(second.get());
 
   IclPtr list = new_icl();
@@ -291,7 +298,7 @@ TEST(IclBlob, AnUnknownIdentifierKindFailsWith1) {
   Entry a{Id{0, "ABC", 1, ""}, {}};
   Bytes b = encode_list({a, a});
   Bytes bad = b;
-  bad[2 + 9 + 4] = 0x03;  // the second entry's kind
+  bad[2 + 9 + 4] = 0x03; // the second entry's kind
   EXPECT_EQ(read_fails(bad), FSIC_ERR_FAILED);
   bad[2 + 9 + 4] = 0xFF;
   bad[2 + 9 + 4 + 1] = 0xFF;
@@ -359,4 +366,4 @@ TEST(IclBlob, TheWriteBufferVariantAppends) {
   expect_list(p2.get(), {a});
 }
 
-}  // namespace
+} // namespace

@@ -99,9 +99,10 @@ TEST(IclContainer, FindObjectNeedsAnEqualIdentifierAndPath) {
 
   // Unknown identifiers: another kind with the same members, another number, serial,
   // group or volume name.
-  IdPtr unknown[] = {image_id("SER-1", 1),  partition_id("disk.img", 1), partition_id("SER-1", 2),
-                     partition_id("SER-2", 1), partition_id("SER-1", 65537), lvm_id("vg", "lv2"),
-                     lvm_id("vg2", "lv"),      lvm_id("lv", "vg")};
+  IdPtr unknown[] = {image_id("SER-1", 1),         partition_id("disk.img", 1),
+                     partition_id("SER-1", 2),     partition_id("SER-2", 1),
+                     partition_id("SER-1", 65537), lvm_id("vg", "lv2"),
+                     lvm_id("vg2", "lv"),          lvm_id("lv", "vg")};
   for (const IdPtr &u : unknown) {
     EXPECT_EQ(fs_icl_find_object(t.list.get(), u.get(), "/a"), nullptr);
     EXPECT_EQ(fs_icl_find_object(t.list.get(), u.get(), "/d"), nullptr);
@@ -139,7 +140,7 @@ TEST(IclContainer, RemovingOneOfTwoObjectsKeepsTheEntry) {
 
 TEST(IclContainer, RemovingTheLastObjectDropsTheEntry) {
   {
-    ThreeEntries t;  // an entry in the middle
+    ThreeEntries t; // an entry in the middle
     IdPtr i = image_id("disk.img", 1);
     EXPECT_EQ(fs_icl_remove_object(t.list.get(), i.get(), "/d"), FSIC_OK);
     EXPECT_EQ(t.list->count, 2u);
@@ -148,7 +149,7 @@ TEST(IclContainer, RemovingTheLastObjectDropsTheEntry) {
     EXPECT_EQ(fs_icl_remove_object(t.list.get(), i.get(), "/d"), FSIC_ERR_NOT_FOUND);
   }
   {
-    ThreeEntries t;  // the first and the last
+    ThreeEntries t; // the first and the last
     IdPtr p = partition_id("SER-1", 1), l = lvm_id("vg", "lv");
     EXPECT_EQ(fs_icl_remove_object(t.list.get(), l.get(), "/only"), FSIC_OK);
     EXPECT_EQ(entries_of(t.list.get()), (std::vector<fs_icl_volume *>{t.ep, t.ei}));
@@ -158,7 +159,7 @@ TEST(IclContainer, RemovingTheLastObjectDropsTheEntry) {
     EXPECT_EQ(t.list->count, 1u);
   }
   {
-    IclPtr list = new_icl();  // the only entry
+    IclPtr list = new_icl(); // the only entry
     Entry e{Id{2, "g", 0, "v"}, {file_obj("/f", 0, 1)}};
     add_entry(list.get(), e.id.make(), ocl_of(e));
     IdPtr id = lvm_id("g", "v");
@@ -173,7 +174,7 @@ TEST(IclContainer, WithDuplicateEntriesRemovalWorksOnTheFirst) {
   Entry older{Id{0, "S", 1, ""}, {file_obj("/x", 0, 1)}};
   Entry newer{Id{0, "S", 1, ""}, {file_obj("/x", 4, 2)}};
   IclPtr list;
-  ASSERT_EQ(read_icl(encode_list({older, newer}), &list), FSIC_OK);  // iterates newer, older
+  ASSERT_EQ(read_icl(encode_list({older, newer}), &list), FSIC_OK); // iterates newer, older
   IdPtr id = partition_id("S", 1);
   EXPECT_EQ(fs_icl_remove_object(list.get(), id.get(), "/x"), FSIC_OK);
   expect_list(list.get(), {older});
@@ -212,7 +213,7 @@ TEST(IclContainer, DestroyingAListFreesEverything) {
 // ---------------------------------------------------------------- adding through held volumes
 
 class IclAdd : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     g_id_calls = IdCalls{};
     ocltest::write_file(root / "hello.txt", "hello\n");
@@ -230,8 +231,8 @@ class IclAdd : public ::testing::Test {
 
 TEST_F(IclAdd, ARelativePathIsRefusedBeforeAnyLookup) {
   HeldVolume unheld{"SER-X", 1, nullptr};
-  for (const char *path : {"", "hello.txt", "./hello.txt", " /hello.txt", "\\hello.txt",
-                           "~/hello.txt"}) {
+  for (const char *path :
+       {"", "hello.txt", "./hello.txt", " /hello.txt", "\\hello.txt", "~/hello.txt"}) {
     SCOPED_TRACE(std::string("path '") + path + "'");
     for (fs_volume *v : {vol.volume(), unheld.volume()}) {
       fs_ocl_object *out = reinterpret_cast<fs_ocl_object *>(&vol);
@@ -268,8 +269,7 @@ TEST_F(IclAdd, AFileGoesIntoANewEntryAndTheOutObjectIsTheListed) {
 
   // The same through the object list directly gives the same bytes.
   OclPtr direct = ocltest::new_list();
-  ASSERT_EQ(fs_ocl_add_file(direct.get(), root.path().c_str(), "/hello.txt", 12, nullptr),
-            FSIC_OK);
+  ASSERT_EQ(fs_ocl_add_file(direct.get(), root.path().c_str(), "/hello.txt", 12, nullptr), FSIC_OK);
   EXPECT_EQ(ocltest::blob_of(entry->ocl), ocltest::blob_of(direct.get()));
 }
 
@@ -278,8 +278,7 @@ TEST_F(IclAdd, ADirectoryWithMasksGoesIntoTheSameEntry) {
   char *masks[] = {dll, nullptr};
   fs_ocl_object *f = nullptr, *d = nullptr;
   ASSERT_EQ(fs_icl_add_file(list.get(), vol.volume(), "/sys/kernel.bin", 4, &f), FSIC_OK);
-  ASSERT_EQ(fs_icl_add_dir(list.get(), vol.volume(), "/lib", masks, EACH_FILE | RECURSIVE | 4,
-                           &d),
+  ASSERT_EQ(fs_icl_add_dir(list.get(), vol.volume(), "/lib", masks, EACH_FILE | RECURSIVE | 4, &d),
             FSIC_OK);
   ASSERT_EQ(list->count, 1u) << "one volume, one entry";
   EXPECT_EQ(g_id_calls.count, 3) << "one look-up each, one identifier for the new entry";
@@ -337,9 +336,9 @@ TEST_F(IclAdd, AFailedFirstAddLeavesNoEntry) {
     bool dir;
     const char *path;
   };
-  for (const failing &c : {failing{false, "/missing"}, failing{false, "/lib"},
-                           failing{true, "/hello.txt"}, failing{true, "/missing"},
-                           failing{false, "/hello.txt/x"}}) {
+  for (const failing &c :
+       {failing{false, "/missing"}, failing{false, "/lib"}, failing{true, "/hello.txt"},
+        failing{true, "/missing"}, failing{false, "/hello.txt/x"}}) {
     SCOPED_TRACE(c.path);
     fs_ocl_object *out = reinterpret_cast<fs_ocl_object *>(&vol);
     const fsic_status status =
@@ -417,4 +416,4 @@ TEST_F(IclAdd, AddingToAListReadFromABlobUsesItsEntry) {
             (std::vector<std::string>{"/hello.txt", "/lib/a.dll"}));
 }
 
-}  // namespace
+} // namespace

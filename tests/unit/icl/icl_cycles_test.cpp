@@ -24,7 +24,7 @@ std::vector<Entry> random_model(uint32_t seed, uint32_t n) {
     e.id.kind = static_cast<uint16_t>(i % 3);
     if (e.id.kind == 2)
       e.id.second = "lv" + std::to_string(i);
-    e.id.first += std::to_string(i);  // all distinct
+    e.id.first += std::to_string(i); // all distinct
     model.push_back(e);
   }
   return model;
@@ -62,8 +62,8 @@ TEST(IclCycles, TheDriverRoundTripAlternatesWithTheCycleCount) {
     SCOPED_TRACE("cycles " + std::to_string(cycles));
     fs_icl *out = nullptr;
     fsic_status status = FSIC_ERR_FAILED;
-    const auto c = drivertest::capture_stdio(
-        [&] { status = save_and_restore_icl(list.get(), &out, cycles); });
+    const auto c =
+        drivertest::capture_stdio([&] { status = save_and_restore_icl(list.get(), &out, cycles); });
     ASSERT_EQ(status, FSIC_OK);
     EXPECT_EQ(c.out, "");
     EXPECT_EQ(c.err, "");
@@ -85,8 +85,8 @@ TEST(IclCycles, TheDriverRoundTripOfAnEmptyListIsEmpty) {
   for (int cycles : {0, 1, 100}) {
     fs_icl *out = nullptr;
     fsic_status status = FSIC_ERR_FAILED;
-    const auto c = drivertest::capture_stdio(
-        [&] { status = save_and_restore_icl(list.get(), &out, cycles); });
+    const auto c =
+        drivertest::capture_stdio([&] { status = save_and_restore_icl(list.get(), &out, cycles); });
     ASSERT_EQ(status, FSIC_OK);
     EXPECT_EQ(c.err, "");
     IclPtr copy(out);
@@ -107,4 +107,4 @@ TEST(IclCycles, TheDriverRoundTripLeavesNothingAllocatedButTheCopy) {
   EXPECT_EQ(heap_in_use(), before);
 }
 
-}  // namespace
+} // namespace

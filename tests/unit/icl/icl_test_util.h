@@ -120,17 +120,16 @@ struct Id {
 
   IdPtr make() const {
     switch (kind) {
-    case 0:
-      return partition_id(first, number);
-    case 1:
-      return image_id(first, number);
-    default:
-      return lvm_id(first, second);
+      case 0:
+        return partition_id(first, number);
+      case 1:
+        return image_id(first, number);
+      default:
+        return lvm_id(first, second);
     }
   }
   std::string describe() const {
-    return std::to_string(kind) + ":" + first + ":" +
-           (kind == 2 ? second : std::to_string(number));
+    return std::to_string(kind) + ":" + first + ":" + (kind == 2 ? second : std::to_string(number));
   }
 };
 
@@ -149,7 +148,7 @@ struct Entry {
   std::vector<Obj> objects;
 
   std::vector<Obj> sorted() const {
-    std::map<std::string, Obj> by_path;  // std::string orders bytes as unsigned, as strcmp
+    std::map<std::string, Obj> by_path; // std::string orders bytes as unsigned, as strcmp
     for (const Obj &o : objects)
       by_path[o.path] = o;
     std::vector<Obj> r;
@@ -241,7 +240,7 @@ inline void expect_list(fs_icl *list, const std::vector<Entry> &model) {
 
 // Random identifiers of all three kinds; strings of 0 to 20 bytes without NUL.
 class Gen : public ocltest::Gen {
- public:
+public:
   using ocltest::Gen::Gen;
 
   std::string text() {
@@ -271,6 +270,6 @@ class Gen : public ocltest::Gen {
   }
 };
 
-}  // namespace icltest
+} // namespace icltest
 
 #endif

@@ -18,7 +18,7 @@ using namespace fsic::detail;
 namespace {
 
 class LogConfig : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     unsetenv("LOG_LEVEL");
     unsetenv("LOG_CONFIG");
@@ -53,7 +53,8 @@ class LogConfig : public ::testing::Test {
     unsigned n = 0;
     const log_options *table = _ic_log_options(&n);
     std::vector<std::string> names;
-    for (unsigned i = 0; i < n; ++i) names.emplace_back(table[i].name);
+    for (unsigned i = 0; i < n; ++i)
+      names.emplace_back(table[i].name);
     return names;
   }
 };
@@ -91,8 +92,8 @@ TEST(ValueToLevel, OutOfRangeNumbersSaturateTo32Bits) {
 }
 
 TEST(ValueToLevel, FailuresGiveMinusOne) {
-  for (const char *v : {"", "   ", "\t", "verbose", "debugx", "deb", "warning", "3x", "0x",
-                        "3 4", "- 1", "3\r", "debug\r", "#3", "-1"})
+  for (const char *v : {"", "   ", "\t", "verbose", "debugx", "deb", "warning", "3x", "0x", "3 4",
+                        "- 1", "3\r", "debug\r", "#3", "-1"})
     EXPECT_EQ(value_to_level(v), -1) << "value '" << v << "'";
 }
 
@@ -101,7 +102,8 @@ TEST(ValueToLevel, FailuresGiveMinusOne) {
 static int parse_string(const char *value, std::string *out, size_t size = 256) {
   std::vector<char> buf(size, 'Z');
   const int r = value_to_string(value, buf.data(), size);
-  if (r == 0) *out = buf.data();
+  if (r == 0)
+    *out = buf.data();
   return r;
 }
 
@@ -149,8 +151,8 @@ TEST(ValueToString, OnlyBlanksMayFollow) {
 
 TEST(ValueToString, QuotingErrors) {
   std::string s;
-  for (const char *v : {"", "  ", "abc", "\"abc", "'abc\"", "\"abc'", R"("a\")", "x\"abc\"",
-                        "\r\"abc\""})
+  for (const char *v :
+       {"", "  ", "abc", "\"abc", "'abc\"", "\"abc'", R"("a\")", "x\"abc\"", "\r\"abc\""})
     EXPECT_EQ(parse_string(v, &s), -1) << "value '" << v << "'";
 }
 
@@ -243,7 +245,7 @@ TEST_F(LogConfig, ChannelWithEntryTakesTheEntryMask) {
   ASSERT_NE(e, nullptr);
   e->flags = 0xF;
   EXPECT_EQ(get_channel_flags(&__ic_log_fs), 0xFu);
-  e->flags = 0x1;  // still low bits set: looked up again
+  e->flags = 0x1; // still low bits set: looked up again
   EXPECT_EQ(get_channel_flags(&__ic_log_fs), 0x1u);
   EXPECT_EQ(get_channel_flags(&__ic_log_fs_ocl), 0x3u);
 }
@@ -313,18 +315,30 @@ TEST_F(LogConfig, KeyLineShape) {
     uint32_t mask;
   };
   const Case cases[] = {
-      {"level=4\n", 0x1F},           {"  level \t=\t 2  \n", 0x7},
-      {"\tlevel=debug\n", 0x1F},     {"level = 'debug'\n", 0x3},
-      {"Level=4\n", 0x3},            {"LEVEL=4\n", 0x3},
-      {"level 4\n", 0x3},            {"level:=4\n", 0x3},
-      {"level==4\n", 0x3},           {"1level=4\n", 0x3},
-      {"_level=4\n", 0x3},           {"lev_el=4\n", 0x3},
-      {"level2=4\n", 0x3},           {"levels=4\n", 0x3},
-      {"level=\n", 0x3},             {"level=4 # four\n", 0x3},
-      {"# level=4\n", 0x3},          {"   #level=4\n", 0x3},
-      {"=4\n", 0x3},                 {"level=4", 0x1F},
-      {"level=4\n\n\n", 0x1F},       {"unknown=4\n", 0x3},
-      {"level=-1\n", 0x3},           {"level=7\n", 0xFF},
+      {"level=4\n", 0x1F},
+      {"  level \t=\t 2  \n", 0x7},
+      {"\tlevel=debug\n", 0x1F},
+      {"level = 'debug'\n", 0x3},
+      {"Level=4\n", 0x3},
+      {"LEVEL=4\n", 0x3},
+      {"level 4\n", 0x3},
+      {"level:=4\n", 0x3},
+      {"level==4\n", 0x3},
+      {"1level=4\n", 0x3},
+      {"_level=4\n", 0x3},
+      {"lev_el=4\n", 0x3},
+      {"level2=4\n", 0x3},
+      {"levels=4\n", 0x3},
+      {"level=\n", 0x3},
+      {"level=4 # four\n", 0x3},
+      {"# level=4\n", 0x3},
+      {"   #level=4\n", 0x3},
+      {"=4\n", 0x3},
+      {"level=4", 0x1F},
+      {"level=4\n\n\n", 0x1F},
+      {"unknown=4\n", 0x3},
+      {"level=-1\n", 0x3},
+      {"level=7\n", 0xFF},
   };
   for (const Case &c : cases) {
     _ic_log_reset();
@@ -339,12 +353,10 @@ TEST_F(LogConfig, SectionHeaderShape) {
     const char *name; /* entry made, or null */
   };
   const Case cases[] = {
-      {"[fs]", "fs"},         {"[ fs ]", "fs"},         {"  [\tfs\t]\t ", "fs"},
-      {"[ab12]", "ab12"},     {"[A]", "A"},             {"[fs_ocl]", nullptr},
-      {"[fs-x]", nullptr},    {"[fs] x", nullptr},      {"[fs", nullptr},
-      {"[]", nullptr},        {"[ ]", nullptr},         {"[1fs]", nullptr},
-      {"[fs]]", nullptr},     {"[f s]", nullptr},       {"[fs]\r", nullptr},
-      {"fs]", nullptr},
+      {"[fs]", "fs"},     {"[ fs ]", "fs"},      {"  [\tfs\t]\t ", "fs"}, {"[ab12]", "ab12"},
+      {"[A]", "A"},       {"[fs_ocl]", nullptr}, {"[fs-x]", nullptr},     {"[fs] x", nullptr},
+      {"[fs", nullptr},   {"[]", nullptr},       {"[ ]", nullptr},        {"[1fs]", nullptr},
+      {"[fs]]", nullptr}, {"[f s]", nullptr},    {"[fs]\r", nullptr},     {"fs]", nullptr},
   };
   for (const Case &c : cases) {
     _ic_log_reset();
@@ -372,8 +384,7 @@ TEST_F(LogConfig, GlobalLevelsComeBeforeTheFirstSection) {
 TEST_F(LogConfig, NameOf32CharactersSkipsKeysUntilTheNextGoodHeader) {
   const std::string name31(31, 'a');
   const std::string name32(32, 'b');
-  apply("[fs]\nlevel=4\n[" + name32 + "]\nlevel=5\n[fs_bad]\nlevel=0\n[" + name31 +
-        "]\nlevel=2\n");
+  apply("[fs]\nlevel=4\n[" + name32 + "]\nlevel=5\n[fs_bad]\nlevel=0\n[" + name31 + "]\nlevel=2\n");
   EXPECT_EQ(entry_names(), (std::vector<std::string>{name31, "fs"}));
   EXPECT_EQ(resolve("fs"), 0x1Fu);
   EXPECT_EQ(resolve(name31.c_str()), 0x7u);
@@ -410,13 +421,15 @@ TEST_F(LogConfig, BadFormatLinesKeepTheFormat) {
   format_desc before;
   memcpy(&before, get_format(), sizeof before);
   std::string many;
-  for (int i = 0; i < 33; ++i) many += "%{line}";
+  for (int i = 0; i < 33; ++i)
+    many += "%{line}";
   apply("format=%{message}\n"
         "format='%{message}' x\n"
         "format=\"%{message}\r\n"
         "Format='%{message}'\n"
-        "format='" + many + "'\n");
+        "format='" +
+        many + "'\n");
   EXPECT_EQ(memcmp(get_format(), &before, sizeof before), 0);
 }
 
-}  // namespace
+} // namespace

@@ -19,8 +19,8 @@ using namespace fsic::detail;
 
 namespace {
 
-using log_test::HasRecords;
 using log_test::has_shape;
+using log_test::HasRecords;
 using log_test::IsRecentTimestamp;
 
 const char kDefaultFormat[] = "%{timestamp} [%{channel}] %{class}: %{source} %{message}";
@@ -34,7 +34,7 @@ int capture(const void *data, unsigned len) {
 }
 
 class LogFormat : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     unsetenv("LOG_LEVEL");
     unsetenv("LOG_CONFIG");
@@ -76,14 +76,17 @@ TEST(FormatToDesc, DefaultFormat) {
   format_desc d;
   ASSERT_EQ(format_to_desc(kDefaultFormat, &d), 0);
   const uint16_t want[] = {1, 63, 4, 255, 5, 447, 6, 639, 10, 0};
-  for (unsigned i = 0; i < 10; ++i) EXPECT_EQ(d.items[i], want[i]) << "item " << i;
-  for (unsigned i = 10; i < LOG_FORMAT_ITEMS; ++i) EXPECT_EQ(d.items[i], 0) << "item " << i;
+  for (unsigned i = 0; i < 10; ++i)
+    EXPECT_EQ(d.items[i], want[i]) << "item " << i;
+  for (unsigned i = 10; i < LOG_FORMAT_ITEMS; ++i)
+    EXPECT_EQ(d.items[i], 0) << "item " << i;
   EXPECT_EQ(text_at(d, 0), " [");
   EXPECT_EQ(text_at(d, 3), "] ");
   EXPECT_EQ(text_at(d, 6), ": ");
   EXPECT_EQ(text_at(d, 9), " ");
   EXPECT_EQ(memcmp(d.text, " [\0] \0: \0 \0", 12), 0);
-  for (unsigned i = 11; i < LOG_FORMAT_TEXT; ++i) EXPECT_EQ(d.text[i], 0) << "text " << i;
+  for (unsigned i = 11; i < LOG_FORMAT_TEXT; ++i)
+    EXPECT_EQ(d.text[i], 0) << "text " << i;
 }
 
 TEST_F(LogFormat, InitialFormatIsTheCompiledDefault) {
@@ -98,7 +101,8 @@ TEST(FormatToDesc, PlaceholderCodes) {
                            "%{function}%{line}%{message}",
                            &d),
             0);
-  for (unsigned i = 0; i < 10; ++i) EXPECT_EQ(d.items[i], i + 1) << "item " << i;
+  for (unsigned i = 0; i < 10; ++i)
+    EXPECT_EQ(d.items[i], i + 1) << "item " << i;
   EXPECT_EQ(d.items[10], 0);
   EXPECT_EQ(d.text[0], 0);
 }
@@ -121,7 +125,8 @@ TEST(FormatToDesc, RunsBetweenPlaceholders) {
   format_desc d;
   ASSERT_EQ(format_to_desc("<%{line}%{line}>%{message}", &d), 0);
   const uint16_t want[] = {63, 9, 9, (2 << 6) | 63, 10, 0};
-  for (unsigned i = 0; i < 6; ++i) EXPECT_EQ(d.items[i], want[i]) << "item " << i;
+  for (unsigned i = 0; i < 6; ++i)
+    EXPECT_EQ(d.items[i], want[i]) << "item " << i;
   EXPECT_EQ(text_at(d, 0), "<");
   EXPECT_EQ(text_at(d, 2), ">");
 
@@ -131,15 +136,18 @@ TEST(FormatToDesc, RunsBetweenPlaceholders) {
 
 TEST(FormatToDesc, AtMost32Items) {
   std::string f;
-  for (int i = 0; i < 32; ++i) f += "%{line}";
+  for (int i = 0; i < 32; ++i)
+    f += "%{line}";
   format_desc d;
   ASSERT_EQ(format_to_desc(f.c_str(), &d), 0);
-  for (unsigned i = 0; i < 32; ++i) EXPECT_EQ(d.items[i], 9);
+  for (unsigned i = 0; i < 32; ++i)
+    EXPECT_EQ(d.items[i], 9);
   EXPECT_EQ(format_to_desc((f + "%{line}").c_str(), &d), -1);
   // A closing literal run is one item more.
   EXPECT_EQ(format_to_desc((f + "x").c_str(), &d), -1);
   std::string mixed;
-  for (int i = 0; i < 16; ++i) mixed += "x%{line}";
+  for (int i = 0; i < 16; ++i)
+    mixed += "x%{line}";
   ASSERT_EQ(format_to_desc(mixed.c_str(), &d), 0);
   EXPECT_EQ(format_to_desc((mixed + "x").c_str(), &d), -1);
 }
@@ -171,8 +179,8 @@ TEST_F(LogFormat, ClassNamesAndNumbers) {
   for (int cls = 0; cls <= 7; ++cls)
     ic_log(&__ic_log_fs_ocl, cls, "scan_dir", "_fs_ocl_stat", 1, "x");
   ic_log(&__ic_log_fs_ocl, 30, "scan_dir", "_fs_ocl_stat", 1, "x");
-  EXPECT_EQ(g_records, (std::vector<std::string>{"FATAL|", "ERROR|", "WARN|", "INFO|",
-                                                 "DEBUG|", "TRACE|", "6|", "7|", "30|"}));
+  EXPECT_EQ(g_records, (std::vector<std::string>{"FATAL|", "ERROR|", "WARN|", "INFO|", "DEBUG|",
+                                                 "TRACE|", "6|", "7|", "30|"}));
 }
 
 TEST_F(LogFormat, ClassesOutsideTheMaskAreFiltered) {
@@ -193,8 +201,7 @@ TEST_F(LogFormat, DefaultMaskWritesFatalAndErrorOnly) {
 
 TEST_F(LogFormat, EveryPlaceholder) {
   use_format("%{file}|%{function}|%{line}|%{channel}|%{class}|%{source}|%{message}");
-  ic_log(&__ic_log_fs_ocl, IC_LOG_ERROR, "scan_dir", "_fs_ocl_stat", 42, "loop path: '%s'\n",
-         "/a");
+  ic_log(&__ic_log_fs_ocl, IC_LOG_ERROR, "scan_dir", "_fs_ocl_stat", 42, "loop path: '%s'\n", "/a");
   EXPECT_EQ(g_records,
             std::vector<std::string>{"scan_dir||42|fs_ocl|ERROR|scan_dir:_fs_ocl_stat:42|"
                                      "loop path: '/a'\n"});
@@ -237,7 +244,8 @@ TEST_F(LogFormat, CodesBetween11And62PrintNothing) {
 
 TEST_F(LogFormat, All32ItemsAreUsedWithoutATerminator) {
   format_desc d = {};
-  for (uint16_t &item : d.items) item = 9;
+  for (uint16_t &item : d.items)
+    item = 9;
   *get_format() = d;
   ic_log(&__ic_log_fs, IC_LOG_ERROR, "f", "g", 7, "x");
   EXPECT_EQ(g_records, std::vector<std::string>{std::string(32, '7')});
@@ -331,9 +339,11 @@ TEST_F(LogFormat, SetWriterReturnsThePreviousOne) {
 // returns the child's exit code and what it wrote there.
 int in_child(bool close_stderr, int (*body)(), std::string *written) {
   int fds[2];
-  if (pipe(fds) != 0) return -100;
+  if (pipe(fds) != 0)
+    return -100;
   const pid_t pid = fork();
-  if (pid < 0) return -101;
+  if (pid < 0)
+    return -101;
   if (pid == 0) {
     close(fds[0]);
     if (close_stderr)
@@ -346,10 +356,12 @@ int in_child(bool close_stderr, int (*body)(), std::string *written) {
   close(fds[1]);
   char buf[4096];
   ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) written->append(buf, (size_t)n);
+  while ((n = read(fds[0], buf, sizeof buf)) > 0)
+    written->append(buf, (size_t)n);
   close(fds[0]);
   int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -102;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
+    return -102;
   return WEXITSTATUS(status);
 }
 
@@ -357,10 +369,13 @@ TEST_F(LogFormat, DefaultWriterWritesTheRecordToDescriptor2) {
   _ic_log_set_writer(nullptr);
   use_format("[%{channel}] %{message}");
   std::string written;
-  const int code = in_child(false, [] {
-    const int r = ic_log_write(&__ic_log_fs, IC_LOG_ERROR, "f", "g", 1, "data\n", 5);
-    return r == 10 ? 0 : 1;
-  }, &written);
+  const int code = in_child(
+      false,
+      [] {
+        const int r = ic_log_write(&__ic_log_fs, IC_LOG_ERROR, "f", "g", 1, "data\n", 5);
+        return r == 10 ? 0 : 1;
+      },
+      &written);
   EXPECT_EQ(code, 0);
   EXPECT_EQ(written, "[fs] data\n");
 }
@@ -368,12 +383,15 @@ TEST_F(LogFormat, DefaultWriterWritesTheRecordToDescriptor2) {
 TEST_F(LogFormat, WriteReturnsMinusOneWhenDescriptor2IsClosed) {
   _ic_log_set_writer(nullptr);
   std::string written;
-  const int code = in_child(true, [] {
-    const int r = ic_log_write(&__ic_log_fs, IC_LOG_ERROR, "mount", "run_cmd", 135, "x\n", 2);
-    return r == -1 && errno == EBADF ? 0 : 1;
-  }, &written);
+  const int code = in_child(
+      true,
+      [] {
+        const int r = ic_log_write(&__ic_log_fs, IC_LOG_ERROR, "mount", "run_cmd", 135, "x\n", 2);
+        return r == -1 && errno == EBADF ? 0 : 1;
+      },
+      &written);
   EXPECT_EQ(code, 0);
   EXPECT_EQ(written, "");
 }
 
-}  // namespace
+} // namespace

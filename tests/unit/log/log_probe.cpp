@@ -28,10 +28,13 @@ ic_log_channel g_channels[64];
 unsigned g_n_channels;
 
 ic_log_channel *channel(const char *name) {
-  if (strcmp(name, "fs") == 0) return &__ic_log_fs;
-  if (strcmp(name, "fs_ocl") == 0) return &__ic_log_fs_ocl;
+  if (strcmp(name, "fs") == 0)
+    return &__ic_log_fs;
+  if (strcmp(name, "fs_ocl") == 0)
+    return &__ic_log_fs_ocl;
   for (unsigned i = 0; i < g_n_channels; ++i)
-    if (strcmp(g_channels[i].name, name) == 0) return &g_channels[i];
+    if (strcmp(g_channels[i].name, name) == 0)
+      return &g_channels[i];
   if (g_n_channels == 64 || strlen(name) >= sizeof g_channels[0].name) {
     fprintf(stderr, "probe: bad channel '%s'\n", name);
     exit(2);
@@ -59,8 +62,8 @@ int run(char **argv, int argc) {
     return 7;
   }
   if (argc >= 7 && strcmp(cmd, "write") == 0) {
-    const int r = ic_log_write(channel(argv[1]), atoi(argv[2]), argv[3], argv[4],
-                               atoi(argv[5]), argv[6], (unsigned)strlen(argv[6]));
+    const int r = ic_log_write(channel(argv[1]), atoi(argv[2]), argv[3], argv[4], atoi(argv[5]),
+                               argv[6], (unsigned)strlen(argv[6]));
     printf("write %d\n", r);
     return 7;
   }
@@ -86,7 +89,8 @@ int run(char **argv, int argc) {
   }
   if (argc >= 3 && strcmp(cmd, "setentry") == 0) {
     log_options *e = find_entry(argv[1]);
-    if (!e) return 0;
+    if (!e)
+      return 0;
     e->flags = (uint32_t)strtoul(argv[2], nullptr, 16);
     return 3;
   }
@@ -97,7 +101,7 @@ int run(char **argv, int argc) {
   return 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv) {
   for (int i = 1; i < argc;) {

@@ -22,7 +22,7 @@ using Args = std::vector<std::string>;
 using ProbeRun = support::proc_result;
 
 class LogProcess : public ::testing::Test {
- protected:
+protected:
   void SetUp() override { ASSERT_TRUE(dir_.ok()) << dir_.error(); }
 
   // Writes a configuration file and returns its path.
@@ -36,7 +36,8 @@ class LogProcess : public ::testing::Test {
   // plus `env`.
   static ProbeRun probe(const Env &env, const Args &args) {
     support::env_list changes = {{"LOG_LEVEL", std::nullopt}, {"LOG_CONFIG", std::nullopt}};
-    for (const auto &[name, value] : env) changes.emplace_back(name, value);
+    for (const auto &[name, value] : env)
+      changes.emplace_back(name, value);
     Args argv;
     if (*LOG_PROBE_EMULATOR)
       argv.push_back(LOG_PROBE_EMULATOR);
@@ -95,20 +96,20 @@ TEST_F(LogProcess, DefaultRecordOfRunCmd) {
 TEST_F(LogProcess, FirstRecordAlwaysPassesTheCallSiteTest) {
   const Args site_warn = {"site", "fs", "2", "mount", "run_cmd", "135", "w\n"};
   const Args site_error = {"site", "fs", "1", "mount", "run_cmd", "135", "e\n"};
-  const ProbeRun r = probe({}, Args{"cached", "fs"} + site_error + Args{"cached", "fs"} +
-                                   site_warn + site_error);
+  const ProbeRun r =
+      probe({}, Args{"cached", "fs"} + site_error + Args{"cached", "fs"} + site_warn + site_error);
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(HasRecords(r.err, {" [fs] ERROR: mount:run_cmd:135 e\n",
-                                 " [fs] ERROR: mount:run_cmd:135 e\n"}));
+  EXPECT_TRUE(HasRecords(
+      r.err, {" [fs] ERROR: mount:run_cmd:135 e\n", " [fs] ERROR: mount:run_cmd:135 e\n"}));
   EXPECT_EQ(r.out, "fs cached 0xffffffff\nfs cached 0x3\n");
 }
 
 TEST_F(LogProcess, LogLevelDebug) {
   const ProbeRun r = probe({{"LOG_LEVEL", "debug"}}, all_classes("fs") + Args{"flags", "fs"});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1),
-                                 rest("fs", "WARN", 2), rest("fs", "INFO", 3),
-                                 rest("fs", "DEBUG", 4)}));
+  EXPECT_TRUE(
+      HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1), rest("fs", "WARN", 2),
+                         rest("fs", "INFO", 3), rest("fs", "DEBUG", 4)}));
   EXPECT_EQ(r.out, "fs 0x1f\n");
 }
 
@@ -138,18 +139,18 @@ TEST_F(LogProcess, LogLevelOverridesAnEarlierDefaultLevel) {
 
 TEST_F(LogProcess, ConfigurationIsLoadedOnce) {
   const std::string path = config("[own]\nlevel=4\n");
-  const ProbeRun r = probe({{"LOG_LEVEL", "info"}},
-                           Args{"flags", "a", "setenv", "LOG_LEVEL", "trace", "setenv",
-                                "LOG_CONFIG", path, "flags", "b", "flags", "own"});
+  const ProbeRun r =
+      probe({{"LOG_LEVEL", "info"}}, Args{"flags", "a", "setenv", "LOG_LEVEL", "trace", "setenv",
+                                          "LOG_CONFIG", path, "flags", "b", "flags", "own"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "a 0xf\nb 0xf\nown 0xf\n");
 }
 
 TEST_F(LogProcess, LogLevel31GivesMaskZeroForGood) {
-  const ProbeRun r = probe({{"LOG_LEVEL", "31"}},
-                           all_classes("own") + Args{"flags", "own", "default", "4", "flags",
-                                                     "own", "flags", "fresh"} +
-                               rec("own", 1, "no\n") + rec("fresh", 4, "yes\n"));
+  const ProbeRun r = probe(
+      {{"LOG_LEVEL", "31"}},
+      all_classes("own") + Args{"flags", "own", "default", "4", "flags", "own", "flags", "fresh"} +
+          rec("own", 1, "no\n") + rec("fresh", 4, "yes\n"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [fresh] DEBUG: mount:run_cmd:135 yes\n"}));
   EXPECT_EQ(r.out, "own 0x0\ndefault 0x1f\nown 0x0\nfresh 0x1f\n");
@@ -164,15 +165,14 @@ TEST_F(LogProcess, MissingConfigFileChangesNothing) {
 }
 
 TEST_F(LogProcess, SectionsAndGlobalLevels) {
-  const std::string path = config(
-      "# comment\n"
-      "\n"
-      "level = info\n"
-      "[fs]\n"
-      "  level = trace  \n"
-      "[own]\n"
-      "[other]\n"
-      "level=0\n");
+  const std::string path = config("# comment\n"
+                                  "\n"
+                                  "level = info\n"
+                                  "[fs]\n"
+                                  "  level = trace  \n"
+                                  "[own]\n"
+                                  "[other]\n"
+                                  "level=0\n");
   const ProbeRun r = probe({{"LOG_LEVEL", "debug"}, {"LOG_CONFIG", path}},
                            all_classes("own") + Args{"flags", "fs", "flags", "fs_ocl", "flags",
                                                      "own", "flags", "other"});
@@ -184,21 +184,20 @@ TEST_F(LogProcess, SectionsAndGlobalLevels) {
 
 TEST_F(LogProcess, MalformedFsOclHeaderKeysGoToThePreviousSection) {
   const std::string path = config("[fs]\nlevel=2\n[fs_ocl]\nlevel=4\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}},
-                           all_classes("fs_ocl") + all_classes("fs") +
-                               Args{"entry", "fs_ocl", "entry", "fs"});
+  const ProbeRun r = probe({{"LOG_CONFIG", path}}, all_classes("fs_ocl") + all_classes("fs") +
+                                                       Args{"entry", "fs_ocl", "entry", "fs"});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(HasRecords(r.err, {rest("fs_ocl", "FATAL", 0), rest("fs_ocl", "ERROR", 1),
-                                 rest("fs", "FATAL", 0), rest("fs", "ERROR", 1),
-                                 rest("fs", "WARN", 2), rest("fs", "INFO", 3),
-                                 rest("fs", "DEBUG", 4)}));
+  EXPECT_TRUE(
+      HasRecords(r.err, {rest("fs_ocl", "FATAL", 0), rest("fs_ocl", "ERROR", 1),
+                         rest("fs", "FATAL", 0), rest("fs", "ERROR", 1), rest("fs", "WARN", 2),
+                         rest("fs", "INFO", 3), rest("fs", "DEBUG", 4)}));
   EXPECT_EQ(r.out, "entry fs_ocl none\nentry fs 0x1f\n");
 }
 
 TEST_F(LogProcess, MalformedFsOclHeaderKeysGoToTheDefaults) {
   const std::string path = config("[fs_ocl]\nlevel=0\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}},
-                           all_classes("fs_ocl") + Args{"flags", "fs", "entry", "fs_ocl"});
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", path}}, all_classes("fs_ocl") + Args{"flags", "fs", "entry", "fs_ocl"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {rest("fs_ocl", "FATAL", 0)}));
   EXPECT_EQ(r.out, "fs 0x1\nentry fs_ocl none\n");
@@ -211,8 +210,8 @@ TEST_F(LogProcess, CrlfLinesHaveNoEffect) {
     crlf += l + "\r\n";
     lf += l + "\n";
   }
-  const Args args = rec("fs", 2, "w\n") + rec("fs", 1, "e\n") +
-                    Args{"entry", "fs", "flags", "fs_ocl"};
+  const Args args =
+      rec("fs", 2, "w\n") + rec("fs", 1, "e\n") + Args{"entry", "fs", "flags", "fs_ocl"};
   const ProbeRun r = probe({{"LOG_CONFIG", config(crlf)}}, args);
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [fs] ERROR: mount:run_cmd:135 e\n"}));
@@ -234,11 +233,11 @@ TEST_F(LogProcess, CrlfOnlyOnTheFormatLineFails) {
 
 TEST_F(LogProcess, Level31IsMaskZeroNeverLookedUpAgainAnd30IsAllButBit31) {
   const std::string path = config("[fs]\nlevel=31\n[own]\nlevel=30\n");
-  const ProbeRun r = probe(
-      {{"LOG_CONFIG", path}},
-      rec("fs", 0, "f\n") + Args{"flags", "fs", "setentry", "fs", "3", "flags", "fs"} +
-          rec("fs", 1, "e\n") + Args{"flags", "own"} + rec("own", 30, "t\n") +
-          rec("own", 31, "no\n") + Args{"setentry", "own", "1", "flags", "own"});
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", path}},
+            rec("fs", 0, "f\n") + Args{"flags", "fs", "setentry", "fs", "3", "flags", "fs"} +
+                rec("fs", 1, "e\n") + Args{"flags", "own"} + rec("own", 30, "t\n") +
+                rec("own", 31, "no\n") + Args{"setentry", "own", "1", "flags", "own"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [own] 30: mount:run_cmd:135 t\n"}));
   EXPECT_EQ(r.out, "fs 0x0\nfs 0x0\nown 0x7fffffff\nown 0x1\n");
@@ -254,21 +253,20 @@ TEST_F(LogProcess, The257thSectionIsNotAddedAndItsKeysAreSkipped) {
   text += "[zfull]\nlevel=5\n[c001]\nlevel=4\n";
   const ProbeRun r = probe({{"LOG_CONFIG", config(text)}},
                            rec("zfull", 2, "w\n") + rec("c001", 4, "d\n") +
-                               Args{"entry", "zfull", "flags", "zfull", "flags", "c001",
-                                    "flags", "c000", "flags", "c255", "entry", "c128"});
+                               Args{"entry", "zfull", "flags", "zfull", "flags", "c001", "flags",
+                                    "c000", "flags", "c255", "entry", "c128"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [c001] DEBUG: mount:run_cmd:135 d\n"}));
-  EXPECT_EQ(r.out,
-            "entry zfull none\nzfull 0x3\nc001 0x1f\nc000 0x3\nc255 0x3\nentry c128 0x3\n");
+  EXPECT_EQ(r.out, "entry zfull none\nzfull 0x3\nc001 0x1f\nc000 0x3\nc255 0x3\nentry c128 0x3\n");
 }
 
 TEST_F(LogProcess, NameOf32CharactersSkipsItsKeys) {
   const std::string name31(31, 'a'), name32(32, 'b');
   const std::string path =
       config("[fs]\nlevel=4\n[" + name32 + "]\nlevel=5\n[" + name31 + "]\nlevel=0\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}},
-                           Args{"flags", "fs", "flags", "own", "flags", name31} +
-                               rec(name31, 0, "f\n"));
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", path}},
+            Args{"flags", "fs", "flags", "own", "flags", name31} + rec(name31, 0, "f\n"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [" + name31 + "] FATAL: mount:run_cmd:135 f\n"}));
   EXPECT_EQ(r.out, "fs 0x1f\nown 0x3\n" + name31 + " 0x1\n");
@@ -276,8 +274,8 @@ TEST_F(LogProcess, NameOf32CharactersSkipsItsKeys) {
 
 TEST_F(LogProcess, BlanksInsideTheBrackets) {
   const std::string path = config("[ fs ]\nlevel=4\n[\town\t]  \t\nlevel=0\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}}, rec("fs", 4, "d\n") +
-                                                      Args{"flags", "fs", "flags", "own"});
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", path}}, rec("fs", 4, "d\n") + Args{"flags", "fs", "flags", "own"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [fs] DEBUG: mount:run_cmd:135 d\n"}));
   EXPECT_EQ(r.out, "fs 0x1f\nown 0x1\n");
@@ -286,8 +284,8 @@ TEST_F(LogProcess, BlanksInsideTheBrackets) {
 TEST_F(LogProcess, RepeatedSectionContinuesTheSameEntry) {
   const std::string path = config("[fs]\nlevel=5\n[own]\nlevel=2\n[fs]\n# nothing\n"
                                   "[own]\nlevel=4\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}},
-                           rec("fs", 5, "t\n") + Args{"flags", "fs", "flags", "own"});
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", path}}, rec("fs", 5, "t\n") + Args{"flags", "fs", "flags", "own"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [fs] TRACE: mount:run_cmd:135 t\n"}));
   EXPECT_EQ(r.out, "fs 0x3f\nown 0x1f\n");
@@ -305,8 +303,7 @@ TEST_F(LogProcess, FormatInASectionIsGlobal) {
 
 TEST_F(LogProcess, Class7IsShownAsANumber) {
   const ProbeRun r = probe({{"LOG_LEVEL", "7"}},
-                           rec("fs", 7, "seven\n") + rec("fs", 8, "eight\n") +
-                               Args{"flags", "fs"});
+                           rec("fs", 7, "seven\n") + rec("fs", 8, "eight\n") + Args{"flags", "fs"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {" [fs] 7: mount:run_cmd:135 seven\n"}));
   EXPECT_EQ(r.out, "fs 0xff\n");
@@ -323,7 +320,8 @@ TEST_F(LogProcess, TooLongMessageIsDroppedWhole) {
 
 TEST_F(LogProcess, FormatOfTooManyItemsIsRefusedAndTheOldOneStays) {
   std::string many;
-  for (int i = 0; i < 33; ++i) many += "%{line}";
+  for (int i = 0; i < 33; ++i)
+    many += "%{line}";
   const std::string path = config("format='%{class}: %{message}'\nformat='" + many + "'\n");
   const ProbeRun r = probe({{"LOG_CONFIG", path}}, rec("fs", 1, "e\n"));
   ASSERT_EQ(r.status, 0) << r.err;
@@ -339,12 +337,11 @@ TEST_F(LogProcess, PercentSigns) {
 
 TEST_F(LogProcess, WriteReturnsTheRecordLength) {
   const std::string path = config("format='<%{message}>'\n");
-  const ProbeRun r = probe({{"LOG_CONFIG", path}},
-                           Args{"write", "fs", "1", "f", "g", "1", "abc", "write", "fs", "2",
-                                "f", "g", "1", "abc"});
+  const ProbeRun r = probe({{"LOG_CONFIG", path}}, Args{"write", "fs", "1", "f", "g", "1", "abc",
+                                                        "write", "fs", "2", "f", "g", "1", "abc"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "<abc>");
   EXPECT_EQ(r.out, "write 5\nwrite 0\n");
 }
 
-}  // namespace
+} // namespace

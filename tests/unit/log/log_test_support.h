@@ -14,15 +14,17 @@
 
 namespace log_test {
 
-constexpr size_t kTimestampLen = 23;  // "YYYY/MM/DD HH:MM:SS.mmm"
+constexpr size_t kTimestampLen = 23; // "YYYY/MM/DD HH:MM:SS.mmm"
 
 // `text` has the shape of `pattern`, where 'd' stands for a digit and any other
 // character for itself.
 inline bool has_shape(std::string_view text, std::string_view pattern) {
-  if (text.size() != pattern.size()) return false;
+  if (text.size() != pattern.size())
+    return false;
   for (size_t i = 0; i < text.size(); ++i) {
     const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (pattern[i] == 'd' ? !digit : text[i] != pattern[i]) return false;
+    if (pattern[i] == 'd' ? !digit : text[i] != pattern[i])
+      return false;
   }
   return true;
 }
@@ -34,8 +36,8 @@ inline ::testing::AssertionResult IsRecentTimestamp(std::string_view ts) {
   const std::string s(ts);
   struct tm tm = {};
   int msec = 0;
-  std::sscanf(s.c_str(), "%d/%d/%d %d:%d:%d.%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-              &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &msec);
+  std::sscanf(s.c_str(), "%d/%d/%d %d:%d:%d.%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour,
+              &tm.tm_min, &tm.tm_sec, &msec);
   tm.tm_year -= 1900;
   tm.tm_mon -= 1;
   tm.tm_isdst = -1;
@@ -54,12 +56,13 @@ inline ::testing::AssertionResult HasRecords(const std::string &out,
     if (out.size() < pos + kTimestampLen)
       return ::testing::AssertionFailure() << "record " << i << " missing in:\n" << out;
     auto ts = IsRecentTimestamp(std::string_view(out).substr(pos, kTimestampLen));
-    if (!ts) return ts << " (record " << i << ")";
+    if (!ts)
+      return ts << " (record " << i << ")";
     pos += kTimestampLen;
     if (out.compare(pos, rests[i].size(), rests[i]) != 0)
       return ::testing::AssertionFailure()
-             << "record " << i << " is '" << out.substr(pos - kTimestampLen)
-             << "', expected rest '" << rests[i] << "'";
+             << "record " << i << " is '" << out.substr(pos - kTimestampLen) << "', expected rest '"
+             << rests[i] << "'";
     pos += rests[i].size();
   }
   if (pos != out.size())
@@ -67,6 +70,6 @@ inline ::testing::AssertionResult HasRecords(const std::string &out,
   return ::testing::AssertionSuccess();
 }
 
-}  // namespace log_test
+} // namespace log_test
 
-#endif  // FSIC_TESTS_UNIT_LOG_LOG_TEST_SUPPORT_H
+#endif // FSIC_TESTS_UNIT_LOG_LOG_TEST_SUPPORT_H

@@ -97,9 +97,8 @@ TEST(OclBlob, EachFileDirectoryWithOneFileIs25Bytes) {
   OclPtr ocl = new_list();
   ASSERT_EQ(fs_ocl_add_dir(ocl.get(), t.path().c_str(), "/d", nullptr, EACH_FILE, nullptr),
             FSIC_OK);
-  const Bytes expected{0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x2F,
-                       0x64, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
-                       0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x66};
+  const Bytes expected{0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x2F, 0x64, 0x00, 0x00, 0x01,
+                       0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x66};
   EXPECT_EQ(blob_of(ocl.get()), expected);
 
   OclPtr back;
@@ -119,7 +118,7 @@ TEST(OclBlob, FileBodyStartsWithFlagsDirectoryBodyWithMasks) {
   Obj d;
   d.type = FS_OCL_DIR;
   d.path = "/d";
-  d.flags = CONTROL_DATA;  // no EACH_FILE: a directory hash
+  d.flags = CONTROL_DATA; // no EACH_FILE: a directory hash
   d.has_masks = true;
   d.masks = {"*.exe", "*.EXE"};
   for (size_t i = 0; i < 32; i++)
@@ -130,14 +129,14 @@ TEST(OclBlob, FileBodyStartsWithFlagsDirectoryBodyWithMasks) {
   f.flags = 0;
 
   Bytes b = list_blob({d, f});
-  Bytes expected{0x02, 0x00, 0x00, 0x00,                           // count
-                 0x01, 0x00, 0x02, 0x00, '/',  'd',                // dir, path
-                 0x02, 0x00,                                       // mask_count
-                 0x05, 0x00, '*',  '.',  'e',  'x',  'e',          // mask 1
-                 0x05, 0x00, '*',  '.',  'E',  'X',  'E',          // mask 2
-                 0x04, 0x00};                                      // flags
+  Bytes expected{0x02, 0x00, 0x00, 0x00,                          // count
+                 0x01, 0x00, 0x02, 0x00, '/', 'd',                // dir, path
+                 0x02, 0x00,                                      // mask_count
+                 0x05, 0x00, '*',  '.',  'e', 'x', 'e',           // mask 1
+                 0x05, 0x00, '*',  '.',  'E', 'X', 'E',           // mask 2
+                 0x04, 0x00};                                     // flags
   expected.insert(expected.end(), d.hash.begin(), d.hash.end());  // hash
-  const Bytes file{0x00, 0x00, 0x02, 0x00, '/', 'f', 0x00, 0x00};  // file: flags only
+  const Bytes file{0x00, 0x00, 0x02, 0x00, '/', 'f', 0x00, 0x00}; // file: flags only
   expected.insert(expected.end(), file.begin(), file.end());
   ASSERT_EQ(b, expected);
 
@@ -186,16 +185,16 @@ TEST(OclBlob, InfoRecordOrderSubdirsDepthFirstThenFiles) {
   d.dattrs = DirAttrs{0x41, 3, 4};
 
   const Bytes expected{
-      0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, '/', 'r',  // count, type, path
-      0x00, 0x00, 0x0B, 0x00,                                    // masks, flags
-      0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 's',                   // subdir_count, name
-      0x00, 0x00, 0x00, 0x00,                                    //   its subdir_count
-      0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 'i', 'n',              //   its file
-      1, 0, 0, 0, 2, 0, 3, 0, 4, 0, 0, 0, 5, 0, 0, 0,            //   file attrs
-      0xDD, 0xCC, 0xBB, 0xAA, 1, 0, 2, 0,                        // subdir attrs
-      0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 't', 'o', 'p',         // file_count, name
-      6, 0, 0, 0, 7, 0, 8, 0, 9, 0, 0, 0, 10, 0, 0, 0,           // file attrs
-      0x41, 0, 0, 0, 3, 0, 4, 0};                                // own attrs
+      0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, '/', 'r', // count, type, path
+      0x00, 0x00, 0x0B, 0x00,                                   // masks, flags
+      0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 's',                  // subdir_count, name
+      0x00, 0x00, 0x00, 0x00,                                   //   its subdir_count
+      0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 'i',  'n',            //   its file
+      1,    0,    0,    0,    2,    0,    3,    0,    4,   0,   0, 0, 5,  0, 0, 0, //   file attrs
+      0xDD, 0xCC, 0xBB, 0xAA, 1,    0,    2,    0,                                 // subdir attrs
+      0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 't',  'o',  'p', // file_count, name
+      6,    0,    0,    0,    7,    0,    8,    0,    9,   0,   0, 0, 10, 0, 0, 0, // file attrs
+      0x41, 0,    0,    0,    3,    0,    4,    0};                                // own attrs
   EXPECT_EQ(list_blob({d}), expected);
   OclPtr back;
   ASSERT_EQ(read_blob(expected, &back), FSIC_OK);
@@ -215,7 +214,7 @@ TEST(OclBlob, NonNullEmptyMaskArrayIsWrittenAsZeroAndReadBackAsNull) {
   auto *d = reinterpret_cast<fs_ocl_dir_object *>(obj);
   ASSERT_NE(d->masks, nullptr);
   EXPECT_EQ(d->masks[0], nullptr);
-  EXPECT_EQ(d->info->file_count, 0);  // an empty array admits no file
+  EXPECT_EQ(d->info->file_count, 0); // an empty array admits no file
 
   Bytes b = blob_of(ocl.get());
   // count, type, path "/d", then mask_count 0
@@ -223,8 +222,7 @@ TEST(OclBlob, NonNullEmptyMaskArrayIsWrittenAsZeroAndReadBackAsNull) {
   EXPECT_EQ(b[11], 0);
   OclPtr back;
   ASSERT_EQ(read_blob(b, &back), FSIC_OK);
-  EXPECT_EQ(reinterpret_cast<fs_ocl_dir_object *>(fs_ocl_first_object(back.get()))->masks,
-            nullptr);
+  EXPECT_EQ(reinterpret_cast<fs_ocl_dir_object *>(fs_ocl_first_object(back.get()))->masks, nullptr);
   EXPECT_EQ(blob_of(back.get()), b);
 }
 
@@ -247,7 +245,7 @@ TEST(OclBlob, FlagsAboveSixteenBitsAreLostDefinedBitsSurvive) {
   OclPtr ocl = new_list();
   fs_ocl_object *obj = nullptr;
   ASSERT_EQ(fs_ocl_add_file(ocl.get(), t.path().c_str(), "/f", flags, &obj), FSIC_OK);
-  EXPECT_EQ(obj->flags, flags);  // stored unchanged in the list
+  EXPECT_EQ(obj->flags, flags); // stored unchanged in the list
 
   Bytes b = blob_of(ocl.get());
   EXPECT_EQ(b[10], 0x3C);
@@ -274,7 +272,7 @@ TEST(OclBlob, ReaderKeepsEmptySubdirectoryInfos) {
 
   OclPtr back;
   ASSERT_EQ(read_blob(b, &back), FSIC_OK);
-  expect_object(fs_ocl_first_object(back.get()), d);  // nothing pruned, arrays null
+  expect_object(fs_ocl_first_object(back.get()), d); // nothing pruned, arrays null
   EXPECT_EQ(blob_of(back.get()), b);
 }
 
@@ -313,7 +311,7 @@ TEST(OclBlob, RepeatedPathKeepsTheLaterObject) {
 
   OclPtr back;
   ASSERT_EQ(read_blob(list_blob({first, mid, later}), &back), FSIC_OK);
-  EXPECT_EQ(back->count, 2u);  // recounted by the links, not taken from the header
+  EXPECT_EQ(back->count, 2u); // recounted by the links, not taken from the header
   EXPECT_EQ(paths_of(back.get()), (std::vector<std::string>{"/x", "/y"}));
   expect_object(fs_ocl_find_object(back.get(), "/x"), later);
   EXPECT_EQ(blob_of(back.get()), list_blob({later, mid}));
@@ -430,8 +428,7 @@ TEST(OclBlob, EveryTruncatedPrefixFailsWith1AndLeaksNothing) {
   for (size_t n = 0; n < b.size(); n++) {
     Bytes prefix(b.begin(), b.begin() + static_cast<long>(n));
     fs_ocl *out = kUntouched;
-    ASSERT_EQ(fs_ocl_read_from_mem(prefix.data(), static_cast<uint32_t>(n), &out),
-              FSIC_ERR_FAILED)
+    ASSERT_EQ(fs_ocl_read_from_mem(prefix.data(), static_cast<uint32_t>(n), &out), FSIC_ERR_FAILED)
         << "prefix of " << n << " bytes";
     ASSERT_EQ(out, kUntouched);
   }
@@ -512,8 +509,7 @@ TEST(OclBlob, RandomListsReadBackAsModelledAndWriteIdenticalBytes) {
     // Every prefix fails; trailing bytes change nothing.
     if (seed % 10 == 0) {
       for (size_t k = 0; k < b.size(); k++) {
-        ASSERT_EQ(read_fails(Bytes(b.begin(), b.begin() + static_cast<long>(k))),
-                  FSIC_ERR_FAILED)
+        ASSERT_EQ(read_fails(Bytes(b.begin(), b.begin() + static_cast<long>(k))), FSIC_ERR_FAILED)
             << k;
       }
     }
@@ -525,4 +521,4 @@ TEST(OclBlob, RandomListsReadBackAsModelledAndWriteIdenticalBytes) {
   }
 }
 
-}  // namespace
+} // namespace

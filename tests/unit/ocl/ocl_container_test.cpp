@@ -37,21 +37,19 @@ struct stat stat_of(const std::string &path) {
 // A list with a few objects of every kind, so that failures can be checked to leave
 // it exactly as it was (its blob before and after).
 class OclAdd : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     write_file(t / "keep/file", "kept file");
     write_file(t / "keep/dir/a", "a");
     write_file(t / "keep/dir/sub/b", "bb");
     ocl = new_list();
     base = t.path();
-    ASSERT_EQ(fs_ocl_add_file(ocl.get(), b(), "/keep/file", CONTROL_DATA | CONTROL_ATTRS,
-                              nullptr),
+    ASSERT_EQ(fs_ocl_add_file(ocl.get(), b(), "/keep/file", CONTROL_DATA | CONTROL_ATTRS, nullptr),
               FSIC_OK);
     ASSERT_EQ(fs_ocl_add_dir(ocl.get(), b(), "/keep/dir", nullptr,
                              EACH_FILE | RECURSIVE | CONTROL_DATA | CONTROL_ATTRS, nullptr),
               FSIC_OK);
-    ASSERT_EQ(fs_ocl_add_dir(ocl.get(), b(), "/keep", nullptr, RECURSIVE | CONTROL_DATA,
-                             nullptr),
+    ASSERT_EQ(fs_ocl_add_dir(ocl.get(), b(), "/keep", nullptr, RECURSIVE | CONTROL_DATA, nullptr),
               FSIC_OK);
     snapshot = blob_of(ocl.get());
   }
@@ -276,7 +274,7 @@ TEST_F(OclAdd, DirectoryMembersFollowTheFlags) {
   ASSERT_NE(as_dir(o)->info, nullptr);
   ASSERT_NE(as_dir(o)->attrs, nullptr);
   expect_dattrs(*as_dir(o)->attrs, dir_attrs_of(st));
-  EXPECT_EQ(as_dir(o)->info->subdir_count, 0);  // not RECURSIVE
+  EXPECT_EQ(as_dir(o)->info->subdir_count, 0); // not RECURSIVE
   ASSERT_EQ(as_dir(o)->info->file_count, 1);
   expect_fattrs(as_dir(o)->info->file_attrs[0], file_attrs_of(stat_of(t / "keep/dir/a")));
 
@@ -378,20 +376,18 @@ TEST_F(OclAdd, UnreadableFileUnderControlData) {
   // Without CONTROL_DATA its contents are never read.
   ASSERT_EQ(fs_ocl_add_file(ocl.get(), b(), "/keep/dir/sub/locked", CONTROL_ATTRS, nullptr),
             FSIC_OK);
-  ASSERT_EQ(fs_ocl_add_dir(ocl.get(), b(), "/keep/dir/sub", nullptr, EACH_FILE | CONTROL_ATTRS,
-                           nullptr),
-            FSIC_OK);
+  ASSERT_EQ(
+      fs_ocl_add_dir(ocl.get(), b(), "/keep/dir/sub", nullptr, EACH_FILE | CONTROL_ATTRS, nullptr),
+      FSIC_OK);
   EXPECT_EQ(ocl->count, 5u);
 }
 
 TEST_F(OclAdd, VanishedObjectsFailAndTheOlderObjectsStay) {
   // Added once, then gone from the disk: refreshing fails and keeps what was recorded.
   ASSERT_EQ(unlink((t / "keep/file").c_str()), 0);
-  EXPECT_EQ(add_file_fails("/keep/file", CONTROL_DATA | CONTROL_ATTRS, b()),
-            FSIC_ERR_UNAVAILABLE);
+  EXPECT_EQ(add_file_fails("/keep/file", CONTROL_DATA | CONTROL_ATTRS, b()), FSIC_ERR_UNAVAILABLE);
   std::filesystem::remove_all(t / "keep/dir");
-  EXPECT_EQ(add_dir_fails("/keep/dir", nullptr, EACH_FILE | RECURSIVE, b()),
-            FSIC_ERR_UNAVAILABLE);
+  EXPECT_EQ(add_dir_fails("/keep/dir", nullptr, EACH_FILE | RECURSIVE, b()), FSIC_ERR_UNAVAILABLE);
   // A file replaced by a link that leads nowhere, inside a tree that is still there.
   ASSERT_EQ(symlink("gone", (t / "keep/file").c_str()), 0);
   EXPECT_EQ(add_dir_fails("/keep", nullptr, RECURSIVE | CONTROL_DATA, b()), FSIC_ERR_FAILED);
@@ -408,4 +404,4 @@ TEST_F(OclAdd, SpecialFilesInATreeAreSkipped) {
   EXPECT_EQ(hash_at(as_dir(o)->info->file_hashes[0]), gost("a"));
 }
 
-}  // namespace
+} // namespace

@@ -34,7 +34,7 @@ fs_ocl_object *object_from_blob(const Obj &o) {
 }
 
 class OclModel : public ::testing::TestWithParam<uint32_t> {
- protected:
+protected:
   void SetUp() override {
     for (int i = 0; i < 6; i++)
       file_paths.push_back("/f" + std::to_string(i));
@@ -137,12 +137,12 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
     const std::string path = pool[g.below(static_cast<uint32_t>(pool.size()))];
     const uint32_t op = g.below(100);
     const bool present = model.count(path) != 0;
-    if (op < 30) {  // a crafted object
+    if (op < 30) { // a crafted object
       Obj o = g.object(path);
       _fs_ocl_add_object(ocl.get(), object_from_blob(o));
       model[path] = encode_object(o);
       replaced += present;
-    } else if (op < 50) {  // a real file, or a failed add of something else
+    } else if (op < 50) { // a real file, or a failed add of something else
       uint32_t flags = g.flags() | (g.chance(20) ? 0x10000u : 0);
       fs_ocl_object *out = nullptr;
       fsic_status s = fs_ocl_add_file(ocl.get(), base.c_str(), path.c_str(), flags, &out);
@@ -155,10 +155,10 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
         ASSERT_EQ(s, FSIC_ERR_UNAVAILABLE);
         failed++;
       }
-    } else if (op < 62) {  // a real flat directory with per-file info
+    } else if (op < 62) { // a real flat directory with per-file info
       uint32_t flags = EACH_FILE | (g.flags() & (CONTROL_DATA | CONTROL_ATTRS));
-      fsic_status s = fs_ocl_add_dir(ocl.get(), base.c_str(), path.c_str(), nullptr, flags,
-                                     nullptr);
+      fsic_status s =
+          fs_ocl_add_dir(ocl.get(), base.c_str(), path.c_str(), nullptr, flags, nullptr);
       if (std::find(dir_paths.begin(), dir_paths.end(), path) != dir_paths.end()) {
         ASSERT_EQ(s, FSIC_OK);
         model[path] = encode_object(expected_flat_dir(path, flags));
@@ -167,7 +167,7 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
         ASSERT_EQ(s, FSIC_ERR_UNAVAILABLE);
         failed++;
       }
-    } else if (op < 65) {  // relative paths never get in
+    } else if (op < 65) { // relative paths never get in
       ASSERT_EQ(fs_ocl_add_file(ocl.get(), base.c_str(), path.c_str() + 1, 0, nullptr),
                 FSIC_ERR_RELATIVE_PATH);
     } else if (op < 80) {
@@ -182,7 +182,7 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
         ASSERT_EQ(std::string(o->path), path);
       }
     } else {
-      rewrite_tree(g);  // later real adds see new contents
+      rewrite_tree(g); // later real adds see new contents
     }
     check(ocl.get(), step % 5 == 0);
     if (HasFatalFailure())
@@ -203,4 +203,4 @@ TEST_P(OclModel, RandomOperationsAgreeWithAMap) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, OclModel, ::testing::Range(1u, 13u));
 
-}  // namespace
+} // namespace

@@ -152,15 +152,15 @@ struct Sub {
 };
 
 struct Obj {
-  uint16_t type = 0;  // FS_OCL_FILE / FS_OCL_DIR
+  uint16_t type = 0; // FS_OCL_FILE / FS_OCL_DIR
   std::string path;
-  uint32_t flags = 0;  // as the list holds them
-  Hash hash{};         // file hash, or directory hash without EACH_FILE
-  FileAttrs fattrs;    // file
+  uint32_t flags = 0; // as the list holds them
+  Hash hash{};        // file hash, or directory hash without EACH_FILE
+  FileAttrs fattrs;   // file
   bool has_masks = false;
-  std::vector<std::string> masks;  // directory
-  Info info;                       // directory with EACH_FILE
-  DirAttrs dattrs;                 // directory with EACH_FILE and CONTROL_ATTRS
+  std::vector<std::string> masks; // directory
+  Info info;                      // directory with EACH_FILE
+  DirAttrs dattrs;                // directory with EACH_FILE and CONTROL_ATTRS
 };
 
 inline FileAttrs file_attrs_of(const struct stat &st) {
@@ -332,7 +332,7 @@ inline void expect_object(const fs_ocl_object *o, const Obj &m) {
 // ---------------------------------------------------------------- random models
 
 class Gen {
- public:
+public:
   explicit Gen(uint32_t seed) : rng_(seed) {}
 
   uint32_t below(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng_); }
@@ -415,10 +415,10 @@ class Gen {
     return o;
   }
 
- private:
+private:
   std::mt19937 rng_;
 };
 
-}  // namespace ocltest
+} // namespace ocltest
 
 #endif

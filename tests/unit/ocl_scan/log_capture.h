@@ -58,6 +58,6 @@ inline bool is_repetition(const std::string &path, const std::string &root,
   return (path.size() - root.size()) % unit.size() == 0;
 }
 
-}  // namespace ocltest
+} // namespace ocltest
 
 #endif

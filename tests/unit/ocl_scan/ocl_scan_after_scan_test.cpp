@@ -12,18 +12,18 @@
 
 using namespace ocltest;
 
-extern "C" fsic_status __real__fs_ocl_scan_dir(const char *dir, char *const *masks,
-                                               char ***files, int *file_count,
-                                               char ***subdirs, int *subdir_count) noexcept;
+extern "C" fsic_status __real__fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
+                                               int *file_count, char ***subdirs,
+                                               int *subdir_count) noexcept;
 
 namespace {
 // Called with the scanned directory after each successful scan.
 std::function<void(const std::string &)> after_scan;
-}  // namespace
+} // namespace
 
-extern "C" fsic_status __wrap__fs_ocl_scan_dir(const char *dir, char *const *masks,
-                                               char ***files, int *file_count,
-                                               char ***subdirs, int *subdir_count) noexcept {
+extern "C" fsic_status __wrap__fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
+                                               int *file_count, char ***subdirs,
+                                               int *subdir_count) noexcept {
   fsic_status status =
       __real__fs_ocl_scan_dir(dir, masks, files, file_count, subdirs, subdir_count);
   if (status == 0 && after_scan)
@@ -34,7 +34,7 @@ extern "C" fsic_status __wrap__fs_ocl_scan_dir(const char *dir, char *const *mas
 namespace {
 
 class OclAfterScan : public ::testing::Test {
- protected:
+protected:
   void TearDown() override { after_scan = nullptr; }
 
   // Runs `action` once, right after the scan of `dir`.
@@ -138,8 +138,7 @@ TEST_F(OclAfterScan, AFailureAfterKeptAndDroppedSubdirectoriesReleasesThem) {
     once_after_scan_of(t.path("c"), [&] { t.remove("c/f"); });
     PathBuf buf(t.root());
     fs_ocl_dir_info *info = nullptr;
-    EXPECT_EQ(_fs_ocl_create_dir_info(buf.get(), nullptr, RECURSIVE | CONTROL_ATTRS, 1, &info),
-              1u);
+    EXPECT_EQ(_fs_ocl_create_dir_info(buf.get(), nullptr, RECURSIVE | CONTROL_ATTRS, 1, &info), 1u);
     EXPECT_EQ(info, nullptr);
     EXPECT_EQ(buf.text(), t.root());
     once_after_scan_of(t.path("c"), [&] { t.remove("c/g"); });
@@ -170,4 +169,4 @@ TEST_F(OclAfterScan, ASubdirectoryGoneBeforeItsAttributesAreReadFails) {
   }
 }
 
-}  // namespace
+} // namespace

@@ -36,10 +36,10 @@ struct Injector {
   long countdown = -1;     // allocations to let through before failing; -1: never fail
   bool persistent = false; // keep failing once the first failure happened
   bool failing = false;
-  bool failed = false;          // some allocation was failed in this run
+  bool failed = false;           // some allocation was failed in this run
   bool first_in_context = false; // the first failed one made a hash context
   bool in_context = false;
-  std::unordered_set<void *> *live = nullptr;  // blocks made while armed, not yet freed
+  std::unordered_set<void *> *live = nullptr; // blocks made while armed, not yet freed
 
   bool fail_now() {
     if (!armed)
@@ -68,7 +68,7 @@ struct Injector {
 
 Injector inj;
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -123,7 +123,7 @@ gost_r3411_94_ctx *__wrap_gost_r3411_94_create_context(void) noexcept {
   return ctx;
 }
 
-}  // extern "C"
+} // extern "C"
 
 namespace {
 
@@ -135,7 +135,7 @@ struct Operation {
 };
 
 class OclAllocFault : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     // Ten files (more than the first array capacity), a link to a file and one to a
     // directory, kept and pruned subdirectories.
@@ -182,7 +182,7 @@ class OclAllocFault : public ::testing::Test {
     inj.countdown = n;
     inj.persistent = persistent;
     inj.live = &live;
-    fsic_status status = op.run(result);  // arms and disarms itself
+    fsic_status status = op.run(result); // arms and disarms itself
     EXPECT_TRUE(live.empty()) << live.size() << " blocks left behind";
     inj.live = nullptr;
     return status;
@@ -283,15 +283,14 @@ TEST_F(OclAllocFault, DirHashAndDirInfoForEveryFlag) {
                   PathBuf buf(t_.root());
                   fs_ocl_dir_info *info = nullptr;
                   arm();
-                  fsic_status s =
-                      _fs_ocl_create_dir_info(buf.get(), masks.get(), flags, 1, &info);
+                  fsic_status s = _fs_ocl_create_dir_info(buf.get(), masks.get(), flags, 1, &info);
                   disarm();
                   EXPECT_EQ(buf.text(), t_.root());
                   if (s == 0) {
-                    *result = std::to_string(info->file_count) + "/" +
-                              std::to_string(info->subdir_count);
-                    expect_info_matches(info, *model_dir_info(t_.root(), masks, flags, true),
-                                        flags, ".");
+                    *result =
+                        std::to_string(info->file_count) + "/" + std::to_string(info->subdir_count);
+                    expect_info_matches(info, *model_dir_info(t_.root(), masks, flags, true), flags,
+                                        ".");
                     _fs_ocl_destroy_dir_info(info);
                   }
                   return s;
@@ -300,4 +299,4 @@ TEST_F(OclAllocFault, DirHashAndDirInfoForEveryFlag) {
   }
 }
 
-}  // namespace
+} // namespace

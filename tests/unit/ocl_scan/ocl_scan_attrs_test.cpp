@@ -213,8 +213,7 @@ TEST(OclAttrs, FileAttrsArrayFollowsTheNames) {
   t.file("b b", "22", 0644);
   t.file("c\xff", "333", 0755);
   t.mtime("b b", 1000);
-  char *names[] = {const_cast<char *>("c\xff"), const_cast<char *>("a"),
-                   const_cast<char *>("b b")};
+  char *names[] = {const_cast<char *>("c\xff"), const_cast<char *>("a"), const_cast<char *>("b b")};
   PathBuf dir(t.root());
   fs_ocl_file_attrs *out = nullptr;
   ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), names, 3, &out), 0u);
@@ -267,8 +266,7 @@ TEST(OclAttrs, AFileDeletedAfterTheScanFailsTheWholeArray) {
   t.dir("u");
   char **files = nullptr, **subdirs = nullptr;
   int nfiles = 0, nsubdirs = 0;
-  ASSERT_EQ(_fs_ocl_scan_dir(t.root().c_str(), nullptr, &files, &nfiles, &subdirs, &nsubdirs),
-            0u);
+  ASSERT_EQ(_fs_ocl_scan_dir(t.root().c_str(), nullptr, &files, &nfiles, &subdirs, &nsubdirs), 0u);
   ASSERT_EQ(nfiles, 3);
   ASSERT_EQ(nsubdirs, 2);
   t.remove("b");
@@ -286,4 +284,4 @@ TEST(OclAttrs, AFileDeletedAfterTheScanFailsTheWholeArray) {
   _fs_ocl_free_str_array(subdirs, nsubdirs);
 }
 
-}  // namespace
+} // namespace

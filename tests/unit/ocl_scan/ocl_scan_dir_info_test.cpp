@@ -19,7 +19,7 @@ fs_ocl_dir_info *const unset = reinterpret_cast<fs_ocl_dir_info *>(uintptr_t{8})
 
 // An info tree owned by the test.
 class Info {
- public:
+public:
   Info() = default;
   ~Info() {
     if (p_ && p_ != unset)
@@ -42,7 +42,7 @@ class Info {
     return status;
   }
 
- private:
+private:
   fs_ocl_dir_info *p_ = nullptr;
 };
 
@@ -275,4 +275,4 @@ TEST(OclDirInfo, ThereIsNoDepthLimitOfItsOwn) {
   expect_info_matches(info.get(), *model_dir_info(t.root(), Masks(), flags, true), flags, ".");
 }
 
-}  // namespace
+} // namespace

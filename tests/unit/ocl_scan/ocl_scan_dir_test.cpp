@@ -22,7 +22,7 @@ struct Listing {
   fsic_status status = 0;
   std::vector<std::string> files;
   std::vector<std::string> subdirs;
-  bool files_null = false;    // the array handed out was NULL
+  bool files_null = false; // the array handed out was NULL
   bool subdirs_null = false;
 };
 
@@ -175,7 +175,7 @@ TEST(OclScanDir, MasksAreCaseSensitiveShellPatterns) {
   EXPECT_EQ(scan(t.root(), Masks{"*.DLL"}).files, (Names{"x.DLL"}));
   EXPECT_EQ(scan(t.root(), Masks{"*.dll", "*.DLL"}).files, (Names{".h.dll", "x.DLL", "y.dll"}));
   EXPECT_EQ(scan(t.root(), Masks{"?.???"}).files, (Names{"a.exe", "x.DLL", "y.dll", "z.Dll"}));
-  EXPECT_EQ(scan(t.root(), Masks{"*"}).files.size(), 6u);  // "*" matches a leading dot
+  EXPECT_EQ(scan(t.root(), Masks{"*"}).files.size(), 6u); // "*" matches a leading dot
   EXPECT_EQ(scan(t.root(), Masks{"[xz].*"}).files, (Names{"x.DLL", "z.Dll"}));
   // Masks never apply to subdirectories.
   EXPECT_EQ(scan(t.root(), Masks{"*.dll"}).subdirs, (Names{"sub.txt"}));
@@ -245,8 +245,8 @@ TEST(OclScanDir, StatStatuses) {
   EXPECT_EQ(st.st_size, 3);
   EXPECT_EQ(_fs_ocl_stat(t.path("missing").c_str(), &st), 1u);
 
-  std::string err = capture_stderr(
-      [&] { EXPECT_EQ(_fs_ocl_stat(t.path("loop_a").c_str(), &st), 11u); });
+  std::string err =
+      capture_stderr([&] { EXPECT_EQ(_fs_ocl_stat(t.path("loop_a").c_str(), &st), 11u); });
   EXPECT_NE(err.find(loop_record(t.path("loop_a"))), std::string::npos) << err;
   EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
 
@@ -266,4 +266,4 @@ TEST(OclScanDir, TheLoopRecordFollowsTheChannelsLevel) {
   reset_logging();
 }
 
-}  // namespace
+} // namespace

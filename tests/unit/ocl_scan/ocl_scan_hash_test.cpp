@@ -21,7 +21,7 @@ namespace {
 
 struct HashResult {
   fsic_status status;
-  std::string hash;  // hex
+  std::string hash; // hex
 };
 
 HashResult file_hash(const std::string &path) {
@@ -51,10 +51,14 @@ HashResult dir_hash(const std::string &dir, uint32_t flags) {
 
 std::string flags_name(uint32_t flags) {
   std::string s;
-  if (flags & EACH_FILE) s += "EACH_FILE|";
-  if (flags & RECURSIVE) s += "RECURSIVE|";
-  if (flags & CONTROL_DATA) s += "CONTROL_DATA|";
-  if (flags & CONTROL_ATTRS) s += "CONTROL_ATTRS|";
+  if (flags & EACH_FILE)
+    s += "EACH_FILE|";
+  if (flags & RECURSIVE)
+    s += "RECURSIVE|";
+  if (flags & CONTROL_DATA)
+    s += "CONTROL_DATA|";
+  if (flags & CONTROL_ATTRS)
+    s += "CONTROL_ATTRS|";
   return s.empty() ? "0" : s.substr(0, s.size() - 1);
 }
 
@@ -212,7 +216,7 @@ TEST(OclDirHash, WhatEachChangeAffects) {
     t.dir("sub");
     t.file("sub/f", "content A", 0644);
     t.mtime("sub/f", 5000);
-    const uint32_t recursive_flags = flags | RECURSIVE;  // the change sits one level down
+    const uint32_t recursive_flags = flags | RECURSIVE; // the change sits one level down
     std::string h0 = dir_hash(t.root(), recursive_flags).hash;
 
     // Same length, same mtime, other bytes: only CONTROL_DATA sees it.
@@ -367,4 +371,4 @@ TEST(OclDirHash, WithoutDataAndAttrsFilesAreNeverOpenedNorStated) {
   }
 }
 
-}  // namespace
+} // namespace

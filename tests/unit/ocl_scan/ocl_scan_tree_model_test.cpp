@@ -75,7 +75,7 @@ std::string describe(const Masks &masks) {
 }
 
 class OclTreeModel : public ::testing::Test {
- protected:
+protected:
   void SetUp() override { build_tree(tree_); }
   TempTree tree_;
 };
@@ -128,4 +128,4 @@ TEST_F(OclTreeModel, StartingBelowTheRoot) {
   EXPECT_EQ(hex(bytes(h)), hex(bytes(model_dir_hash(dir, Masks(), flags))));
 }
 
-}  // namespace
+} // namespace

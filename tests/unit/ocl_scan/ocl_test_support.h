@@ -96,7 +96,7 @@ inline std::string random_bytes(size_t n, uint32_t seed) {
 // A temporary directory, removed with its contents when the object goes. Paths given
 // to the helpers are relative to it.
 class TempTree {
- public:
+public:
   TempTree() : dir_("fsic-ocl") {}
 
   const std::string &root() const { return dir_.path(); }
@@ -129,9 +129,7 @@ class TempTree {
     struct timespec ts[2] = {{seconds, 0}, {seconds, 0}};
     check(utimensat(AT_FDCWD, path(rel).c_str(), ts, 0), "utimensat", rel);
   }
-  void remove(const std::string &rel) const {
-    check(::remove(path(rel).c_str()), "remove", rel);
-  }
+  void remove(const std::string &rel) const { check(::remove(path(rel).c_str()), "remove", rel); }
   void rename(const std::string &from, const std::string &to) const {
     check(::rename(path(from).c_str(), path(to).c_str()), "rename", from);
   }
@@ -141,7 +139,7 @@ class TempTree {
     return st;
   }
 
- private:
+private:
   static void check(int rc, const char *what, const std::string &rel) {
     if (rc != 0)
       throw std::runtime_error(std::string(what) + " " + rel + ": " + strerror(errno));
@@ -151,7 +149,7 @@ class TempTree {
 
 // Owns a path buffer started with `text`.
 class PathBuf {
- public:
+public:
   explicit PathBuf(const std::string &text) {
     if (_fs_str_buf_init(&buf_, text.c_str(), (char *)NULL) != 0)
       throw std::runtime_error("_fs_str_buf_init failed");
@@ -162,13 +160,13 @@ class PathBuf {
   fs_str_buf *get() { return &buf_; }
   std::string text() const { return std::string(buf_.data, buf_.len); }
 
- private:
+private:
   fs_str_buf buf_;
 };
 
 // A NULL-terminated mask array for the library, or NULL when `present` is false.
 class Masks {
- public:
+public:
   Masks() : present_(false) {}
   Masks(std::initializer_list<std::string> masks) : present_(true), strings_(masks) { build(); }
   explicit Masks(const std::vector<std::string> &masks) : present_(true), strings_(masks) {
@@ -181,7 +179,7 @@ class Masks {
   const std::vector<std::string> &strings() const { return strings_; }
   char *const *get() const { return present_ ? ptrs_.data() : nullptr; }
 
- private:
+private:
   void build() {
     ptrs_.clear();
     for (std::string &s : strings_)
@@ -193,6 +191,6 @@ class Masks {
   std::vector<char *> ptrs_;
 };
 
-}  // namespace ocltest
+} // namespace ocltest
 
 #endif

@@ -35,7 +35,7 @@ struct stat must_stat(const std::string &path) {
   return st;
 }
 
-}  // namespace
+} // namespace
 
 bool glob_match(const char *pattern, const char *name) {
   if (*pattern == '\0')
@@ -89,8 +89,7 @@ Digest model_file_hash(const std::string &path) {
   return gost(content);
 }
 
-Digest model_inner_hash(const std::string &dir, const Masks &masks, uint32_t flags,
-                        bool *empty) {
+Digest model_inner_hash(const std::string &dir, const Masks &masks, uint32_t flags, bool *empty) {
   ModelScan scan = model_scan(dir, masks, flags & RECURSIVE);
   std::string message;
   size_t kept = 0;
@@ -202,4 +201,4 @@ void expect_info_matches(const fs_ocl_dir_info *info, const ModelInfo &model, ui
   }
 }
 
-}  // namespace ocltest
+} // namespace ocltest

@@ -22,8 +22,8 @@ namespace ocltest {
 bool glob_match(const char *pattern, const char *name);
 
 struct ModelScan {
-  std::vector<std::string> files;    // regular files (links followed) that the masks admit
-  std::vector<std::string> subdirs;  // directories (links followed), when asked for
+  std::vector<std::string> files;   // regular files (links followed) that the masks admit
+  std::vector<std::string> subdirs; // directories (links followed), when asked for
 };
 
 // Lists `dir`, byte-sorted; throws std::runtime_error when an entry cannot be stat'ed.
@@ -37,8 +37,7 @@ std::string model_dir_attrs(const struct stat &st);
 // GOST of the whole content of a file.
 Digest model_file_hash(const std::string &path);
 
-Digest model_inner_hash(const std::string &dir, const Masks &masks, uint32_t flags,
-                        bool *empty);
+Digest model_inner_hash(const std::string &dir, const Masks &masks, uint32_t flags, bool *empty);
 Digest model_dir_hash(const std::string &dir, const Masks &masks, uint32_t flags);
 
 struct ModelInfo {
@@ -59,6 +58,6 @@ std::unique_ptr<ModelInfo> model_dir_info(const std::string &dir, const Masks &m
 void expect_info_matches(const fs_ocl_dir_info *info, const ModelInfo &model, uint32_t flags,
                          const std::string &where);
 
-}  // namespace ocltest
+} // namespace ocltest
 
 #endif

@@ -15,9 +15,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes contents(const wb &buf) {
-  return Bytes(buf.data, buf.data + buf.used);
-}
+Bytes contents(const wb &buf) { return Bytes(buf.data, buf.data + buf.used); }
 
 // ---------------------------------------------------------------- write buffer
 
@@ -52,7 +50,7 @@ TEST(WriteBuffer, FullFitDoesNotGrowOneMoreByteGrowsTo130) {
 
   const uint8_t extra = 0xee;
   ASSERT_EQ(wb_write(&buf, &extra, 1), FSIC_OK);
-  EXPECT_EQ(buf.capacity, 130u);  // 2 * (64 + 1), not 2 * 64
+  EXPECT_EQ(buf.capacity, 130u); // 2 * (64 + 1), not 2 * 64
   EXPECT_EQ(buf.used, 65u);
   Bytes expected = first;
   expected.push_back(extra);
@@ -67,11 +65,11 @@ TEST(WriteBuffer, GrowthIsTwiceTheSizeNeeded) {
   ASSERT_EQ(wb_write(&buf, chunk.data(), 7), FSIC_OK);
   EXPECT_EQ(buf.capacity, 10u);
   ASSERT_EQ(wb_write(&buf, chunk.data(), 100), FSIC_OK);
-  EXPECT_EQ(buf.capacity, 214u);  // 2 * (7 + 100)
+  EXPECT_EQ(buf.capacity, 214u); // 2 * (7 + 100)
   ASSERT_EQ(wb_write(&buf, chunk.data(), 100), FSIC_OK);
-  EXPECT_EQ(buf.capacity, 214u);  // 207 fits
+  EXPECT_EQ(buf.capacity, 214u); // 207 fits
   ASSERT_EQ(wb_write(&buf, chunk.data(), 8), FSIC_OK);
-  EXPECT_EQ(buf.capacity, 430u);  // 2 * 215
+  EXPECT_EQ(buf.capacity, 430u); // 2 * 215
   EXPECT_EQ(buf.used, 215u);
   wb_finalize(&buf, 1);
 }
@@ -144,14 +142,14 @@ TEST(WriteBuffer, FinalizeHandsOverBlock) {
   EXPECT_EQ(blob, block);
   EXPECT_EQ(len, 4u);
   EXPECT_EQ(blob[0], 7);
-  free(blob);  // now the caller's
+  free(blob); // now the caller's
 }
 
 TEST(WriteBuffer, FinalizeWithDiscardFreesAndReturnsNull) {
   wb buf;
   ASSERT_EQ(wb_init(&buf, 0), FSIC_OK);
   ASSERT_EQ(wb_write_str(&buf, "data"), FSIC_OK);
-  EXPECT_EQ(wb_finalize(&buf, 1), nullptr);  // the leak checker sees the block freed
+  EXPECT_EQ(wb_finalize(&buf, 1), nullptr); // the leak checker sees the block freed
 }
 
 // ---------------------------------------------------------------- read buffer
@@ -208,7 +206,7 @@ TEST(ReadBuffer, ReadUpToExactEnd) {
   ASSERT_EQ(rb_read(&buf, out, 4), FSIC_OK);
   EXPECT_EQ(memcmp(out, blob, 4), 0);
   EXPECT_EQ(buf.pos, 4u);
-  EXPECT_EQ(rb_read(&buf, out, 0), FSIC_OK);  // nothing left, nothing asked
+  EXPECT_EQ(rb_read(&buf, out, 0), FSIC_OK); // nothing left, nothing asked
   EXPECT_EQ(rb_read(&buf, out, 1), FSIC_ERR_FAILED);
   EXPECT_EQ(buf.pos, 4u);
 }
@@ -237,11 +235,11 @@ TEST(ReadBuffer, ReadStrGivesViewIntoBlob) {
   uint16_t len = 0;
   ASSERT_EQ(rb_read_str(&buf, &s, &len), FSIC_OK);
   EXPECT_EQ(len, 3u);
-  EXPECT_EQ(reinterpret_cast<const uint8_t *>(s), blob + 2);  // not a copy
+  EXPECT_EQ(reinterpret_cast<const uint8_t *>(s), blob + 2); // not a copy
   EXPECT_EQ(std::string(s, len), "abc");
   ASSERT_EQ(rb_read_str(&buf, &s, &len), FSIC_OK);
   EXPECT_EQ(len, 0u);
-  EXPECT_EQ(buf.pos, 7u);  // the trailing byte stays unread
+  EXPECT_EQ(buf.pos, 7u); // the trailing byte stays unread
 }
 
 TEST(ReadBuffer, ReadStrWithMissingBytesFailsAfterConsumingLength) {
@@ -340,7 +338,7 @@ std::vector<Field> random_fields(std::mt19937 &rng, size_t count) {
         // Mostly short strings, sometimes one of several hundred bytes.
         std::string s(rng() % 8 == 0 ? rng() % 700 : rng() % 12, '\0');
         for (char &c : s)
-          c = static_cast<char>(1 + rng() % 255);  // no NUL inside
+          c = static_cast<char>(1 + rng() % 255); // no NUL inside
         fields.emplace_back(std::move(s));
       }
     }
@@ -423,7 +421,7 @@ TEST(BufferRoundTrip, TruncatedBlobFailsAtFirstFieldCrossingTheCut) {
     const std::vector<Field> fields = random_fields(rng, 1 + rng() % 20);
     wb w;
     ASSERT_EQ(wb_init(&w, 0), FSIC_OK);
-    std::vector<uint32_t> ends;  // offset after each field
+    std::vector<uint32_t> ends; // offset after each field
     for (const Field &f : fields) {
       if (std::holds_alternative<uint16_t>(f))
         ASSERT_EQ(wb_write_uint16(&w, std::get<uint16_t>(f)), FSIC_OK);
@@ -458,4 +456,4 @@ TEST(BufferRoundTrip, TruncatedBlobFailsAtFirstFieldCrossingTheCut) {
   }
 }
 
-}  // namespace
+} // namespace

@@ -20,12 +20,10 @@ namespace {
 
 struct Rec {
   int key;
-  rb_node node;  // not at offset 0, so rb_entry does real work
+  rb_node node; // not at offset 0, so rb_entry does real work
 };
 
-Rec *rec_of(const rb_node *n) {
-  return rb_entry(const_cast<rb_node *>(n), Rec, node);
-}
+Rec *rec_of(const rb_node *n) { return rb_entry(const_cast<rb_node *>(n), Rec, node); }
 
 // The user's side of insertion: descend by key and link at the empty place found.
 // Returns false, touching nothing, when the key is already present.
@@ -82,8 +80,8 @@ bool check_subtree(const rb_node *node, const rb_node *parent, std::vector<const
     fault->what = "bit 1 of parent_color set";
   else if (rb_parent(node) != parent)
     fault->what = "wrong parent pointer";
-  else if (rb_is_red(node) && ((node->left && rb_is_red(node->left)) ||
-                               (node->right && rb_is_red(node->right))))
+  else if (rb_is_red(node) &&
+           ((node->left && rb_is_red(node->left)) || (node->right && rb_is_red(node->right))))
     fault->what = "red node with a red child";
   if (fault->what)
     return false;
@@ -173,7 +171,7 @@ struct Tree {
 
 TEST(RbTree, LinkNodeMakesRedChildlessNodeAtLink) {
   Rec parent{1, {}}, child{2, {}};
-  child.node.left = child.node.right = &parent.node;  // garbage to be cleared
+  child.node.left = child.node.right = &parent.node; // garbage to be cleared
   rb_link_node(&child.node, &parent.node, &parent.node.right);
   EXPECT_EQ(parent.node.right, &child.node);
   EXPECT_EQ(rb_parent(&child.node), &parent.node);
@@ -301,7 +299,7 @@ TEST(RbTree, ReplaceNodeTakesAllThreeWords) {
     Rec *old = search(&t.root, victim);
     const rb_node words = old->node;
     Rec repl{victim, {}};
-    repl.node.parent_color = 0x40;  // garbage to be overwritten
+    repl.node.parent_color = 0x40; // garbage to be overwritten
     rb_replace_node(&old->node, &repl.node, &t.root);
 
     EXPECT_EQ(repl.node.parent_color, words.parent_color) << victim;
@@ -357,9 +355,9 @@ uint32_t random_seed() {
 }
 
 TEST(RbTree, RandomOperationsMatchStdSetWithInvariantsAfterEveryStep) {
-  constexpr int kKeys = 512;  // bounds the tree, so the O(n) check stays cheap
+  constexpr int kKeys = 512; // bounds the tree, so the O(n) check stays cheap
   constexpr int kSteps = 100000;
-  constexpr int kPhase = 5000;  // alternating growing and shrinking phases
+  constexpr int kPhase = 5000; // alternating growing and shrinking phases
 
   const uint32_t seed = random_seed();
   printf("rbtree random seed: %u (set FSIC_RBTREE_SEED to replay)\n", seed);
@@ -367,7 +365,7 @@ TEST(RbTree, RandomOperationsMatchStdSetWithInvariantsAfterEveryStep) {
   std::mt19937 rng(seed);
 
   rb_root root{nullptr};
-  std::array<std::unique_ptr<Rec>, kKeys> live;  // the record holding each key
+  std::array<std::unique_ptr<Rec>, kKeys> live; // the record holding each key
   std::set<int> model;
   std::vector<const Rec *> order;
   order.reserve(kKeys);
@@ -427,8 +425,7 @@ TEST(RbTree, RandomOperationsMatchStdSetWithInvariantsAfterEveryStep) {
     }
 
     ASSERT_TRUE(check_tree(&root, order)) << "step " << step << " after " << op;
-    ASSERT_TRUE(matches_model(order, model, live.data()))
-        << "step " << step << " after " << op;
+    ASSERT_TRUE(matches_model(order, model, live.data())) << "step " << step << " after " << op;
     largest = std::max(largest, model.size());
   }
 
@@ -447,4 +444,4 @@ TEST(RbTree, RandomOperationsMatchStdSetWithInvariantsAfterEveryStep) {
   }
 }
 
-}  // namespace
+} // namespace

@@ -141,7 +141,7 @@ TEST(StrZarray, CreateCopiesStringsInOrder) {
   ASSERT_EQ(ic_str_zarray_len(arr), 2u);
   EXPECT_STREQ(arr[0], a);
   EXPECT_STREQ(arr[1], b);
-  EXPECT_NE(arr[0], a);  // own copies
+  EXPECT_NE(arr[0], a); // own copies
   EXPECT_NE(arr[1], b);
   EXPECT_EQ(arr[2], nullptr);
   ic_str_zarray_destroy(arr);
@@ -191,7 +191,7 @@ TEST(StrZarray, Create2ConcatenatesInOrder) {
   for (size_t i = 0; i < 5; i++)
     EXPECT_STREQ(all[i], expected[i]) << i;
   EXPECT_EQ(all[5], nullptr);
-  EXPECT_NE(all[0], all[3]);  // every string is a separate copy
+  EXPECT_NE(all[0], all[3]); // every string is a separate copy
   ic_str_zarray_destroy(all);
   ic_str_zarray_destroy(z);
   ic_str_zarray_destroy(y);
@@ -222,9 +222,9 @@ TEST(StrZarray, CopyIsDeep) {
   EXPECT_STREQ(copy[1], "");
   EXPECT_NE(copy[0], s1);
   EXPECT_NE(copy[1], s2);
-  s1[0] = 'X';  // the copy does not follow the source
+  s1[0] = 'X'; // the copy does not follow the source
   EXPECT_STREQ(copy[0], "one");
   ic_str_zarray_destroy(copy);
 }
 
-}  // namespace
+} // namespace

@@ -62,7 +62,7 @@ TEST(Strpcpy, TextFitsWithOneByteToSpare) {
   EXPECT_EQ(ic_util_strpcpy(&cursor, 4, "abc"), 1u);
   EXPECT_EQ(cursor, buf + 3);
   EXPECT_STREQ(buf, "abc");
-  EXPECT_EQ(buf[4], 'x');  // nothing written past the space given
+  EXPECT_EQ(buf[4], 'x'); // nothing written past the space given
 }
 
 TEST(Strpcpy, TextOneTooLongIsCut) {
@@ -170,8 +170,7 @@ void make_link(const fs::path &link, const std::string &target) {
 
 TEST(ResolveLink, SysfsBlockEntryGivesDevicePath) {
   support::temp_dir tmp("fsic-util");
-  const std::string rel =
-      "devices/pci0000:00/0000:00:1f.2/host0/target0:0:0/0:0:0:0/block/sda";
+  const std::string rel = "devices/pci0000:00/0000:00:1f.2/host0/target0:0:0/0:0:0:0/block/sda";
   fs::create_directories(tmp / ("sys/" + rel));
   const fs::path link = tmp / "sys/class/block/sda";
   make_link(link, "../../" + rel);
@@ -295,7 +294,7 @@ TEST(ResolveLink, SmallCapacityCutsResult) {
   make_link(link, "../target-name");
 
   const std::string path = link.string();
-  const size_t capacity = path.size() + 1;  // what the path itself occupies
+  const size_t capacity = path.size() + 1; // what the path itself occupies
   char buf[kPathMax];
   memset(buf, 'x', sizeof(buf));
   strcpy(buf, path.c_str());
@@ -313,7 +312,7 @@ std::set<std::string> read_all(const std::string &dir) {
   EXPECT_EQ(_fs_dir_iterate_begin(&iter, dir.c_str()), 0);
   char buf[kPathMax];
   for (;;) {
-    char *result = reinterpret_cast<char *>(&iter);  // any non-NULL sentinel
+    char *result = reinterpret_cast<char *>(&iter); // any non-NULL sentinel
     EXPECT_EQ(_fs_dir_iterate_next(&iter, buf, sizeof(buf), &result), 0);
     if (!result)
       break;
@@ -417,7 +416,7 @@ TEST(DirIter, EndOfDirectoryKeepsCallersErrno) {
 
 struct Item {
   int value;
-  list_head link;  // not the first field, as in the volume records
+  list_head link; // not the first field, as in the volume records
 };
 
 std::vector<int> values(list_head *head) {
@@ -490,4 +489,4 @@ TEST(List, DestroyingWalkTakesNextFirst) {
   EXPECT_TRUE(list_empty(&head));
 }
 
-}  // namespace
+} // namespace
