@@ -402,5 +402,5 @@ extern "C" fsic_status fs_disk_list_remove_image_disk(fs_disk_list *list,
 extern "C" void _fs_destroy_image_disks(fs_disk_list *list) noexcept {
   list_head *pos, *prev;
   list_for_each_prev_safe(pos, prev, &list->image_disks)
-      destroy_image_disk(list_entry(pos, fs_image_disk, link));
+    destroy_image_disk(list_entry(pos, fs_image_disk, link));
 }

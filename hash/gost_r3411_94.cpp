@@ -176,13 +176,14 @@ FSIC_GOST_INLINE void encrypt(const sbox_tables &t, const uint32_t k[4][8], cons
   uint32_t r0 = h[0], l0 = h[1], r1 = h[2], l1 = h[3];
   uint32_t r2 = h[4], l2 = h[5], r3 = h[6], l3 = h[7];
   GOST_RELOAD_KEYS();
-  GOST_ROUND_PAIR(0, 1)
-  GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(0, 1)
-      GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(0, 1)
-          GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7) GOST_ROUND_PAIR(7, 6)
-              GOST_ROUND_PAIR(5, 4) GOST_ROUND_PAIR(3, 2) GOST_ROUND_PAIR(1, 0)
-                  s[0] = l0,
-                  s[1] = r0, s[2] = l1, s[3] = r1;
+  // clang-format off
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(0, 1) GOST_ROUND_PAIR(2, 3) GOST_ROUND_PAIR(4, 5) GOST_ROUND_PAIR(6, 7)
+  GOST_ROUND_PAIR(7, 6) GOST_ROUND_PAIR(5, 4) GOST_ROUND_PAIR(3, 2) GOST_ROUND_PAIR(1, 0)
+      // clang-format on
+      s[0] = l0,
+      s[1] = r0, s[2] = l1, s[3] = r1;
   s[4] = l2, s[5] = r2, s[6] = l3, s[7] = r3;
 }
 

@@ -92,7 +92,8 @@ void destroy_all(list_head *head) noexcept {
   if (!head->next)
     return;
   T *pos, *next;
-  list_for_each_entry_safe(pos, next, head, T, link) Destroy(pos);
+  list_for_each_entry_safe(pos, next, head, T, link)
+    Destroy(pos);
 }
 
 // Unlinks a record's link unless it is zero-filled (the record was never linked).
