@@ -142,11 +142,12 @@ FSIC_API fs_partition *fs_disk_partition_by_number(fs_disk *disk, int number) FS
 FSIC_API fs_image_disk *fs_disk_list_first_image_disk(fs_disk_list *list) FSIC_NOEXCEPT;
 FSIC_API fs_image_disk *fs_disk_list_next_image_disk(fs_disk_list *list,
                                                      fs_image_disk *image) FSIC_NOEXCEPT;
+/* The first partition of the image disk with that number, or NULL. */
+FSIC_API fs_partition *fs_image_disk_partition_by_number(fs_image_disk *image,
+                                                         int number) FSIC_NOEXCEPT;
 FSIC_API fs_partition *fs_image_disk_first_partition(fs_image_disk *image) FSIC_NOEXCEPT;
 FSIC_API fs_partition *fs_image_disk_next_partition(fs_image_disk *image,
                                                     fs_partition *part) FSIC_NOEXCEPT;
-FSIC_API fs_partition *fs_image_disk_partition_by_number(fs_image_disk *image,
-                                                         int number) FSIC_NOEXCEPT;
 
 FSIC_API fs_lvm_group *fs_disk_list_first_lvm_group(fs_disk_list *list) FSIC_NOEXCEPT;
 FSIC_API fs_lvm_group *fs_disk_list_next_lvm_group(fs_disk_list *list,
