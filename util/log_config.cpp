@@ -8,14 +8,20 @@
 #include <stdlib.h>
 #include <string.h>
 
+using namespace fsic::detail;
+
 namespace fsic::detail {
 
 const char *const log_classes[LOG_N_CLASSES] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
+
+} // namespace fsic::detail
 
 extern "C" {
 ic_log_channel __ic_log_fs = IC_LOG_CHANNEL_INIT("fs");
 ic_log_channel __ic_log_fs_ocl = IC_LOG_CHANNEL_INIT("fs_ocl");
 }
+
+namespace fsic::detail {
 
 namespace {
 
@@ -35,10 +41,14 @@ uint32_t configured_mask(int32_t level) noexcept { return level_to_mask(level) &
 
 } // namespace
 
+} // namespace fsic::detail
+
 extern "C" uint32_t ic_log_set_default_level(int32_t level) noexcept {
   default_flags = level_to_mask(level);
   return default_flags;
 }
+
+namespace fsic::detail {
 
 // --- Lexical helpers; blanks are space and tab, names are ASCII only. ---
 
@@ -302,6 +312,8 @@ void load_config(void) noexcept {
 
 // --- Test hooks ---
 
+} // namespace fsic::detail
+
 extern "C" void _ic_log_reset(void) noexcept {
   default_flags = 3;
   memset(options, 0, sizeof options);
@@ -316,5 +328,3 @@ extern "C" const log_options *_ic_log_options(unsigned *count) noexcept {
   *count = n_options;
   return options;
 }
-
-} // namespace fsic::detail

@@ -11,6 +11,8 @@
 #include <time.h>
 #include <unistd.h>
 
+using namespace fsic::detail;
+
 namespace fsic::detail {
 
 // Placeholder item codes; literal runs are TEXT_ITEM(start).
@@ -340,6 +342,8 @@ void put_data_message(log_record *r, const void *arg) noexcept {
 
 } // namespace
 
+} // namespace fsic::detail
+
 extern "C" void ic_log(ic_log_channel *channel, int cls, const char *file, const char *function,
                        int line, const char *format, ...) noexcept {
   if (!class_enabled(channel, cls))
@@ -362,7 +366,11 @@ extern "C" int ic_log_write(ic_log_channel *channel, int cls, const char *file,
   return write_record(&c);
 }
 
+namespace fsic::detail {
+
 // --- Test hooks ---
+
+} // namespace fsic::detail
 
 extern "C" void _ic_log_reset_output(void) noexcept {
   default_format = initial_format;
@@ -374,6 +382,8 @@ extern "C" log_writer_fn _ic_log_set_writer(log_writer_fn fn) noexcept {
   funcs[0] = fn ? fn : default_write_log;
   return old;
 }
+
+namespace fsic::detail {
 
 void log_failed_call(const char *source, const char *func, int line, const char *call) noexcept {
   const int saved = errno;
