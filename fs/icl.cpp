@@ -119,12 +119,9 @@ extern "C" fsic_status fs_icl_create(fs_icl **out) noexcept {
 extern "C" void fs_icl_destroy(fs_icl *list) noexcept {
   if (!list)
     return;
-  list_head *pos = list->volumes.next;
-  while (pos != &list->volumes) {
-    list_head *next = pos->next;
-    _fs_icl_destroy_volume(list, list_entry(pos, fs_icl_volume, link));
-    pos = next;
-  }
+  fs_icl_volume *entry, *next;
+  list_for_each_entry_safe(entry, next, &list->volumes, fs_icl_volume, link)
+    _fs_icl_destroy_volume(list, entry);
   free(list);
 }
 
