@@ -2,6 +2,7 @@
 // (the target is little-endian; nothing is swapped on either side).
 #include <fsic/buffer.h>
 
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -13,9 +14,16 @@
 namespace {
 
 // Makes room for n more bytes: when the block is too small it becomes twice the size
-// needed (not twice the old one). An exact fit does not grow.
+// needed (not twice the old one). An exact fit does not grow. A size that the 32-bit
+// fields cannot hold, the sum or its double, is refused with 3 before anything changes.
 fsic_status check_capacity(wb *buf, uint32_t n) noexcept {
+  if (n > UINT32_MAX - buf->used)
+    return FSIC_ERR_NO_MEMORY;
   const uint32_t need = buf->used + n;
+  if (buf->capacity >= need)
+    return FSIC_OK;
+  if (need > UINT32_MAX / 2)
+    return FSIC_ERR_NO_MEMORY;
   return fsic::detail::reserve(&buf->data, &buf->capacity, need, 2 * need);
 }
 
@@ -53,7 +61,9 @@ fsic_status wb_write_uint32(wb *buf, uint32_t value) noexcept {
 }
 
 fsic_status wb_write_str(wb *buf, const char *str) noexcept {
-  size_t len = strlen(str);
+  const size_t len = strlen(str);
+  if (len > UINT32_MAX)
+    return FSIC_ERR_NO_MEMORY;
   // The prefix keeps the low 16 bits of the length; all bytes are written anyway.
   fsic_status status = wb_write_uint16(buf, (uint16_t)len);
   if (status != FSIC_OK)

@@ -35,7 +35,8 @@ FSIC_API fsic_status wb_init(wb *buf, uint32_t initial) FSIC_NOEXCEPT;
 
 /* Appends n bytes. When more room is needed the block grows to twice the size needed
  * (used + n), not twice the old capacity. On 3 nothing is written and the contents
- * stay valid. */
+ * stay valid; 3 also refuses a size that 32 bits cannot hold (used + n, or twice it
+ * when the block must grow). */
 FSIC_API fsic_status wb_write(wb *buf, const void *bytes, uint32_t n) FSIC_NOEXCEPT;
 FSIC_API fsic_status wb_write_uint16(wb *buf, uint16_t value) FSIC_NOEXCEPT;
 FSIC_API fsic_status wb_write_uint32(wb *buf, uint32_t value) FSIC_NOEXCEPT;

@@ -74,6 +74,38 @@ TEST(WriteBuffer, GrowthIsTwiceTheSizeNeeded) {
   wb_finalize(&buf, 1);
 }
 
+// A size the 32-bit fields cannot hold is refused before anything is touched: the
+// doubled size of used + n, and used + n itself.
+TEST(WriteBuffer, ASizeWhoseDoubleOverflowsIsRefusedAndTheBufferStaysAsItWas) {
+  wb buf;
+  ASSERT_EQ(wb_init(&buf, 0), FSIC_OK);
+  ASSERT_EQ(wb_write_uint32(&buf, 0x01020304u), FSIC_OK);
+  const wb before = buf;
+  const uint8_t byte = 0xAB;
+  EXPECT_EQ(wb_write(&buf, &byte, 0x80000001u), FSIC_ERR_NO_MEMORY);
+  EXPECT_EQ(buf.data, before.data);
+  EXPECT_EQ(buf.capacity, before.capacity);
+  EXPECT_EQ(buf.used, before.used);
+  uint32_t first;
+  memcpy(&first, buf.data, sizeof first);
+  EXPECT_EQ(first, 0x01020304u);
+  wb_finalize(&buf, 1);
+}
+
+TEST(WriteBuffer, ASumPast32BitsIsRefusedAndTheBufferStaysAsItWas) {
+  wb buf;
+  ASSERT_EQ(wb_init(&buf, 16), FSIC_OK);
+  // A buffer that says it holds nearly 4 GiB (only the length fields are looked at
+  // before the refusal), and a write that would wrap used + n to a small number.
+  buf.used = 0xFFFFFFF0u;
+  buf.capacity = 0xFFFFFFF8u;
+  const uint8_t bytes[0x20] = {};
+  EXPECT_EQ(wb_write(&buf, bytes, sizeof bytes), FSIC_ERR_NO_MEMORY);
+  EXPECT_EQ(buf.used, 0xFFFFFFF0u);
+  EXPECT_EQ(buf.capacity, 0xFFFFFFF8u);
+  wb_finalize(&buf, 1);
+}
+
 TEST(WriteBuffer, ZeroByteWriteChangesNothing) {
   wb buf;
   ASSERT_EQ(wb_init(&buf, 4), FSIC_OK);
