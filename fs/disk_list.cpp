@@ -146,14 +146,12 @@ fsic_status scan_block_devices(fs_disk_list *list,
   });
 }
 
-// Frees a list whose record lists are initialised (or zero-filled).
+// Frees a list (its record lists are initialised as soon as it is allocated).
 void destroy_list(fs_disk_list *list) noexcept {
   // Image disks first: they hold mounts of the volumes that store them.
-  if (list->image_disks.next)
-    _fs_destroy_image_disks(list);
+  _fs_destroy_image_disks(list);
   destroy_all<fs_disk, destroy_disk>(&list->disks);
-  if (list->lvm_groups.next)
-    _fs_destroy_lvm_groups(list);
+  _fs_destroy_lvm_groups(list);
   free(list->base_dir);
   free(list);
 }

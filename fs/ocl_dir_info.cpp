@@ -119,12 +119,6 @@ void destroy_infos(fs_ocl_dir_info **infos, int count) noexcept {
   free(infos);
 }
 
-// Frees `count` names of an array (null entries allowed) and the array.
-void free_names(char **names, int count) noexcept {
-  if (names)
-    _fs_ocl_free_str_array(names, count);
-}
-
 } // namespace
 
 extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
@@ -165,10 +159,10 @@ extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *mas
 extern "C" void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) noexcept {
   if (!info)
     return;
-  free_names(info->file_names, info->file_count);
+  _fs_ocl_free_str_array(info->file_names, info->file_count);
   free(info->file_hashes);
   free(info->file_attrs);
-  free_names(info->subdir_names, info->subdir_count);
+  _fs_ocl_free_str_array(info->subdir_names, info->subdir_count);
   destroy_infos(info->subdir_infos, info->subdir_count);
   free(info->subdir_attrs);
   free(info);
