@@ -52,6 +52,7 @@ typedef uint32_t fsic_status;
 #define FSIC_ERR_EXISTS 10u        /* an image disk of that name already exists */
 #define FSIC_ERR_LINK_LOOP 11u     /* a symbolic-link loop while scanning */
 #define FSIC_ERR_NAME_TOO_LONG 12u /* a path too long while scanning */
+#define FSIC_ERR_CHANGED 13u       /* file changed while it was read */
 
 FSIC_BEGIN_DECLS
 
