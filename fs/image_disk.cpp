@@ -22,6 +22,7 @@
 
 #include "fs/inventory_internal.h"
 #include "util/owner.h"
+#include "util/resolve.h"
 
 namespace {
 
@@ -34,23 +35,6 @@ constexpr unsigned kLoopMajor = 7;
 // the real limit lies between 5 and 6 seconds).
 constexpr time_t kSettleSeconds = 5;
 constexpr long kSettlePollNanoseconds = 50L * 1000 * 1000;
-
-// Owns a file descriptor; closes it when it goes out of scope.
-class fd_owner {
-public:
-  explicit fd_owner(int fd) noexcept : fd_(fd) {}
-  fd_owner(const fd_owner &) = delete;
-  fd_owner &operator=(const fd_owner &) = delete;
-  ~fd_owner() {
-    if (fd_ >= 0)
-      close(fd_);
-  }
-  int get() const noexcept { return fd_; }
-  bool ok() const noexcept { return fd_ >= 0; }
-
-private:
-  int fd_;
-};
 
 // ---- udev settling -----------------------------------------------------------------
 
@@ -147,10 +131,33 @@ int set_loop_status(int loop_fd, const char *file_name) noexcept {
   return ioctl(loop_fd, LOOP_SET_STATUS, &info);
 }
 
-// Binds the whole file, read-only, to the loop device. The binding outlives both
-// descriptors.
-fsic_status _set_loop(const char *devnode, const char *file_name) noexcept {
-  fd_owner file(open(file_name, O_RDONLY | O_CLOEXEC));
+// Opens the image file `path` of the volume mounted at `mount_point` for reading. The
+// path resolves inside the volume, links included, as every path taken from a volume
+// does; anything but a regular file (a FIFO, a device) is refused without reading it.
+int open_image_file(const char *mount_point, const char *path) noexcept {
+  resolve_root root;
+  if (open_root(mount_point, &root) != 0)
+    return -1;
+  int fd = open_in_root(root, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  close_root(&root);
+  if (fd < 0) {
+    errno = -fd;
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  return fd;
+}
+
+// Binds the whole file, read-only, to the loop device; `file_name` is the name the
+// device reports for it. The binding outlives both descriptors.
+fsic_status _set_loop(const char *devnode, const char *mount_point, const char *path,
+                      const char *file_name) noexcept {
+  fd_owner file(open_image_file(mount_point, path));
   if (!file.ok()) {
     FSIC_LOG_FAILED("open of the image file");
     return FSIC_ERR_FAILED;
@@ -225,7 +232,7 @@ fsic_status attach_file(struct udev_device *loop, const char *mount_point,
   str_ptr file_name(ic_util_dupstrs(mount_point, path, nullptr));
   if (!file_name)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = _set_loop(devnode, file_name.get());
+  fsic_status status = _set_loop(devnode, mount_point, path, file_name.get());
   if (status != FSIC_OK)
     return status;
   status = _sync_udev(udev_device_get_udev(loop));

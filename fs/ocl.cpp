@@ -1,8 +1,10 @@
 // Object control list: a red-black tree of file and directory objects ordered by
 // path (strcmp), with the reference data computed when an object is added.
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fsic/ocl.h>
 #include <fsic/util.h>
@@ -43,11 +45,25 @@ using namespace fsic::detail;
 
 using object_owner = owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
+// Whether an object path has a "." or ".." component (empty ones are allowed: "/a/"
+// and "/a" are different objects).
+bool has_dot_component(const char *path) noexcept {
+  for (const char *p = path; *p;) {
+    while (*p == '/')
+      ++p;
+    size_t len = strcspn(p, "/");
+    if ((len == 1 && p[0] == '.') || (len == 2 && p[0] == '.' && p[1] == '.'))
+      return true;
+    p += len;
+  }
+  return false;
+}
+
 // Starts an object of the given size: zero-filled, with its own copy of the path, which
-// must be absolute.
+// must be absolute and free of "." and ".." components.
 fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t flags,
                          object_owner *out) noexcept {
-  if (!path || path[0] != '/')
+  if (!path || path[0] != '/' || has_dot_component(path))
     return FSIC_ERR_RELATIVE_PATH;
   object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
   if (!obj)
@@ -61,29 +77,25 @@ fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t 
   return FSIC_OK;
 }
 
-// The name the object has on the running system: `base` followed directly by `path`
-// (which brings its own "/"), or `path` alone.
-fsic_status full_name(fs_str_buf *buf, const char *base, const char *path) noexcept {
-  if (base)
-    return _fs_str_buf_init(buf, base, path, nullptr);
-  return _fs_str_buf_init(buf, path, nullptr);
-}
-
-// Builds the reference data of a file object whose full name is in `name`; what it
-// makes belongs to the object.
-fsic_status fill_file(fs_ocl_file_object *obj, const char *name) noexcept {
-  struct stat st;
-  if (stat(name, &st) != 0 || !S_ISREG(st.st_mode))
-    return FSIC_ERR_UNAVAILABLE;
-
+// Builds the reference data of a file object, resolved through `w`; what it makes
+// belongs to the object. The file is opened for reading only under CONTROL_DATA, and
+// then without blocking: anything but a regular file is not read.
+fsic_status fill_file(fs_ocl_file_object *obj, fs_ocl_walk *w) noexcept {
   const uint32_t flags = obj->head.flags;
+  const int open_flags = (flags & CONTROL_DATA) ? O_RDONLY | O_NONBLOCK | O_NOCTTY : O_PATH;
+  int fd;
+  struct stat st;
+  FSIC_TRY(_fs_ocl_open_object(w, open_flags, S_IFREG, &fd, &st));
+  fd_owner file(fd);
+
   if (flags & CONTROL_DATA) {
-    fsic_status status = _fs_ocl_create_file_hash(name, &obj->hash);
-    if (status != FSIC_OK)
-      return status;
+    obj->hash = static_cast<uint8_t *>(malloc(FS_OCL_HASH_SIZE));
+    if (!obj->hash)
+      return FSIC_ERR_NO_MEMORY;
+    // The stat is replaced by the one that describes the bytes hashed.
+    FSIC_TRY(_fs_ocl_fd_hash(fd, obj->hash, &st));
   }
   if (flags & CONTROL_ATTRS) {
-    // Taken from the stat above that established the file is regular.
     obj->attrs = static_cast<fs_ocl_file_attrs *>(malloc(sizeof(fs_ocl_file_attrs)));
     if (!obj->attrs)
       return FSIC_ERR_NO_MEMORY;
@@ -92,37 +104,40 @@ fsic_status fill_file(fs_ocl_file_object *obj, const char *name) noexcept {
   return FSIC_OK;
 }
 
-// Builds the reference data of a directory object; `name` holds its full name and is
+// Builds the reference data of a directory object, resolved through `w`, whose name is
 // the working buffer that the scanners extend and cut back. What it makes belongs to
 // the object.
-fsic_status fill_dir(fs_ocl_dir_object *obj, fs_str_buf *name) noexcept {
+fsic_status fill_dir(fs_ocl_dir_object *obj, fs_ocl_walk *w) noexcept {
+  int fd;
   struct stat st;
-  if (stat(name->data, &st) != 0 || !S_ISDIR(st.st_mode))
-    return FSIC_ERR_UNAVAILABLE;
+  FSIC_TRY(_fs_ocl_open_object(w, O_RDONLY | O_DIRECTORY, S_IFDIR, &fd, &st));
+  fd_owner dir(fd);
 
   const uint32_t flags = obj->head.flags;
   if (flags & EACH_FILE) {
-    fsic_status status = _fs_ocl_create_dir_info(name, obj->masks, flags, 1, &obj->info);
-    if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-      status = _fs_ocl_create_dir_attrs(name->data, &obj->attrs);
-    return status;
+    FSIC_TRY(_fs_ocl_create_dir_info(w, fd, obj->masks, flags, 1, &obj->info));
+    if (flags & CONTROL_ATTRS) {
+      obj->attrs = static_cast<fs_ocl_dir_attrs *>(malloc(sizeof(fs_ocl_dir_attrs)));
+      if (!obj->attrs)
+        return FSIC_ERR_NO_MEMORY;
+      _fs_ocl_stat_to_dir_attrs(&st, obj->attrs);
+    }
+    return FSIC_OK;
   }
   obj->hash = static_cast<uint8_t *>(malloc(FS_OCL_HASH_SIZE));
   if (!obj->hash)
     return FSIC_ERR_NO_MEMORY;
-  return _fs_ocl_create_dir_hash(name, obj->masks, flags, obj->hash);
+  return _fs_ocl_create_dir_hash(w, fd, obj->masks, flags, obj->hash);
 }
 
-// Fills a started object through `fill` with its full name, and links it.
+// Fills a started object through `fill` with a walk from `base`, and links it.
 template <typename Fill>
 fsic_status finish_object(fs_ocl *ocl, object_owner obj, const char *base, Fill fill,
                           fs_ocl_object **out) noexcept {
-  fs_str_buf name;
-  fsic_status status = full_name(&name, base, obj->path);
-  if (status != FSIC_OK)
-    return status;
-  status = fill(&name);
-  _fs_str_buf_free(&name);
+  fs_ocl_walk w;
+  FSIC_TRY(_fs_ocl_walk_init(&w, base, obj->path));
+  fsic_status status = fill(&w);
+  _fs_ocl_walk_free(&w);
   if (status != FSIC_OK)
     return status;
   fs_ocl_object *added = obj.release();
@@ -186,8 +201,7 @@ fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path, uin
   FSIC_TRY(start_object(sizeof(fs_ocl_file_object), path, FS_OCL_FILE, flags, &obj));
   auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
   return finish_object(
-      ocl, std::move(obj), base,
-      [&](fs_str_buf *name) noexcept { return fill_file(file, name->data); }, out);
+      ocl, std::move(obj), base, [&](fs_ocl_walk *w) noexcept { return fill_file(file, w); }, out);
 }
 
 fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char *const *masks,
@@ -198,8 +212,7 @@ fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char
   if (masks && !(dir->masks = ic_str_zarray_copy(masks)))
     return FSIC_ERR_NO_MEMORY;
   return finish_object(
-      ocl, std::move(obj), base, [&](fs_str_buf *name) noexcept { return fill_dir(dir, name); },
-      out);
+      ocl, std::move(obj), base, [&](fs_ocl_walk *w) noexcept { return fill_dir(dir, w); }, out);
 }
 
 fs_ocl_object *fs_ocl_find_object(fs_ocl *ocl, const char *path) noexcept {

@@ -5,6 +5,9 @@
 // A record under construction is owned by its destroyer from the start and filled in
 // place: the counts always say how many names the arrays hold, and entries not made
 // yet are null, so a failure at any step frees exactly what was made.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -17,9 +20,11 @@ using namespace fsic::detail;
 
 using info_owner = owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 
-// The content hashes of the info's files (whose names it holds) in the directory in
-// `dir` and, with `with_attrs`, their attributes from the same open descriptors.
-fsic_status fill_file_hashes(fs_str_buf *dir, fs_ocl_dir_info *info, bool with_attrs) noexcept {
+// The content hashes of the info's files (whose names it holds) in the directory `dir`
+// and, with `with_attrs`, their attributes from the stats that describe the bytes
+// hashed.
+fsic_status fill_file_hashes(fs_ocl_walk *w, int dir, fs_ocl_dir_info *info,
+                             bool with_attrs) noexcept {
   const int count = info->file_count;
   if (count <= 0)
     return FSIC_OK;
@@ -33,29 +38,37 @@ fsic_status fill_file_hashes(fs_str_buf *dir, fs_ocl_dir_info *info, bool with_a
     if (!info->file_attrs)
       return FSIC_ERR_NO_MEMORY;
   }
-  const uint32_t len = _fs_str_buf_len(dir);
   for (int i = 0; i < count; ++i) {
-    fsic_status status = _fs_str_buf_append(dir, "/", info->file_names[i], nullptr);
-    if (status == FSIC_OK) {
-      status = _fs_ocl_file_hash_attrs(dir->data, info->file_hashes[i],
-                                       with_attrs ? &info->file_attrs[i] : nullptr);
-      _fs_str_buf_setlen(dir, len);
-    }
+    int fd;
+    struct stat st;
+    fsic_status status =
+        _fs_ocl_open_entry(w, dir, info->file_names[i], O_RDONLY | O_NONBLOCK | O_NOCTTY, &fd, &st);
+    if (status == FSIC_ERR_UNAVAILABLE)
+      return FSIC_ERR_FAILED;
     if (status != FSIC_OK)
       return status;
+    // A FIFO or device swapped in after the scan is not read.
+    status = S_ISREG(st.st_mode) ? _fs_ocl_fd_hash(fd, info->file_hashes[i], &st) : FSIC_ERR_FAILED;
+    close(fd);
+    if (status != FSIC_OK)
+      return status;
+    if (with_attrs)
+      _fs_ocl_stat_to_file_attrs(&st, &info->file_attrs[i]);
   }
   return FSIC_OK;
 }
 
 // Cuts the subdirectory arrays of `info` back to their first `kept` entries (the
-// others are already empty); both arrays are freed when none is kept.
+// others are already empty); all are freed when none is kept.
 fsic_status shrink_subdirs(fs_ocl_dir_info *info, int kept) noexcept {
   info->subdir_count = kept;
   if (kept == 0) {
     free(info->subdir_names);
     free(info->subdir_infos);
+    free(info->subdir_attrs);
     info->subdir_names = nullptr;
     info->subdir_infos = nullptr;
+    info->subdir_attrs = nullptr;
     return FSIC_OK;
   }
   auto *names = static_cast<char **>(realloc(info->subdir_names, (size_t)kept * sizeof(char *)));
@@ -67,13 +80,41 @@ fsic_status shrink_subdirs(fs_ocl_dir_info *info, int kept) noexcept {
   if (!infos)
     return FSIC_ERR_NO_MEMORY;
   info->subdir_infos = infos;
+  if (info->subdir_attrs) {
+    auto *attrs = static_cast<fs_ocl_dir_attrs *>(
+        realloc(info->subdir_attrs, (size_t)kept * sizeof(fs_ocl_dir_attrs)));
+    if (!attrs)
+      return FSIC_ERR_NO_MEMORY;
+    info->subdir_attrs = attrs;
+  }
   return FSIC_OK;
 }
 
-// The infos of the info's subdirectories (whose names it holds) in the directory in
-// `dir`. Empty subdirectories are dropped with their names and the kept ones compacted
-// in order.
-fsic_status fill_subdir_infos(fs_str_buf *dir, char *const *masks, uint32_t flags,
+// The info of the subdirectory `name` of `dir`, and in `st` its stat; nullptr for an
+// empty one, and for one on another mount, which is not entered.
+fsic_status subdir_info(fs_ocl_walk *w, int dir, const char *name, char *const *masks,
+                        uint32_t flags, fs_ocl_dir_info **out, struct stat *st) noexcept {
+  *out = nullptr;
+  int sub;
+  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_DIRECTORY, &sub, st);
+  if (status == FSIC_ERR_UNAVAILABLE)
+    return FSIC_OK;
+  if (status != FSIC_OK)
+    return status;
+  const uint32_t len = _fs_str_buf_len(&w->name);
+  status = _fs_str_buf_append(&w->name, "/", name, nullptr);
+  if (status == FSIC_OK) {
+    status = _fs_ocl_create_dir_info(w, sub, masks, flags, 0, out);
+    _fs_str_buf_setlen(&w->name, len);
+  }
+  close(sub);
+  return status;
+}
+
+// The infos (and, under CONTROL_ATTRS, the attributes) of the info's subdirectories,
+// whose names it holds, in the directory `dir`. Empty subdirectories are dropped with
+// their names and the kept ones compacted in order.
+fsic_status fill_subdir_infos(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
                               fs_ocl_dir_info *info) noexcept {
   const int n = info->subdir_count;
   if (n <= 0)
@@ -82,25 +123,27 @@ fsic_status fill_subdir_infos(fs_str_buf *dir, char *const *masks, uint32_t flag
       static_cast<fs_ocl_dir_info **>(calloc((size_t)n, sizeof(fs_ocl_dir_info *)));
   if (!info->subdir_infos)
     return FSIC_ERR_NO_MEMORY;
+  if (flags & CONTROL_ATTRS) {
+    info->subdir_attrs =
+        static_cast<fs_ocl_dir_attrs *>(malloc((size_t)n * sizeof(fs_ocl_dir_attrs)));
+    if (!info->subdir_attrs)
+      return FSIC_ERR_NO_MEMORY;
+  }
 
   char **names = info->subdir_names;
-  const uint32_t len = _fs_str_buf_len(dir);
   int kept = 0;
   for (int i = 0; i < n; ++i) {
-    fsic_status status = _fs_str_buf_append(dir, "/", names[i], nullptr);
-    if (status != FSIC_OK)
-      return status;
     fs_ocl_dir_info *child = nullptr;
-    status = _fs_ocl_create_dir_info(dir, masks, flags, 0, &child);
-    _fs_str_buf_setlen(dir, len);
-    if (status != FSIC_OK)
-      return status;
+    struct stat st;
+    FSIC_TRY(subdir_info(w, dir, names[i], masks, flags, &child, &st));
     if (!child) {
       free(names[i]);
       names[i] = nullptr;
       continue;
     }
     info->subdir_infos[kept] = child;
+    if (info->subdir_attrs)
+      _fs_ocl_stat_to_dir_attrs(&st, &info->subdir_attrs[kept]);
     if (kept != i) {
       names[kept] = names[i];
       names[i] = nullptr;
@@ -121,32 +164,25 @@ void destroy_infos(fs_ocl_dir_info **infos, int count) noexcept {
 
 } // namespace
 
-extern "C" fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags,
-                                               int root, fs_ocl_dir_info **out) noexcept {
+extern "C" fsic_status _fs_ocl_create_dir_info(fs_ocl_walk *w, int dir, char *const *masks,
+                                               uint32_t flags, int root,
+                                               fs_ocl_dir_info **out) noexcept {
   info_owner info(static_cast<fs_ocl_dir_info *>(calloc(1, sizeof(fs_ocl_dir_info))));
   if (!info)
     return FSIC_ERR_NO_MEMORY;
   const bool recursive = (flags & RECURSIVE) != 0;
-  fsic_status status = _fs_ocl_scan_dir(dir->data, masks, &info->file_names, &info->file_count,
-                                        recursive ? &info->subdir_names : nullptr,
-                                        recursive ? &info->subdir_count : nullptr);
-  if (status != FSIC_OK)
-    return status;
+  FSIC_TRY(_fs_ocl_scan_dir(w, dir, masks, &info->file_names, &info->file_count,
+                            recursive ? &info->subdir_names : nullptr,
+                            recursive ? &info->subdir_count : nullptr));
 
   // With both controls one open descriptor per file gives its hash and attributes.
   if (flags & CONTROL_DATA)
-    status = fill_file_hashes(dir, info.get(), (flags & CONTROL_ATTRS) != 0);
+    FSIC_TRY(fill_file_hashes(w, dir, info.get(), (flags & CONTROL_ATTRS) != 0));
   else if (flags & CONTROL_ATTRS)
-    status =
-        _fs_ocl_create_file_attrs_array(dir, info->file_names, info->file_count, &info->file_attrs);
-  if (status == FSIC_OK && recursive) {
-    status = fill_subdir_infos(dir, masks, flags, info.get());
-    if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-      status = _fs_ocl_create_subdir_attrs_array(dir, info->subdir_names, info->subdir_count,
-                                                 &info->subdir_attrs);
-  }
-  if (status != FSIC_OK)
-    return status;
+    FSIC_TRY(_fs_ocl_create_file_attrs_array(w, dir, info->file_names, info->file_count,
+                                             &info->file_attrs));
+  if (recursive)
+    FSIC_TRY(fill_subdir_infos(w, dir, masks, flags, info.get()));
 
   // An empty subdirectory has no info.
   if (!root && info->file_count == 0 && info->subdir_count == 0)

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fsic/gost_r3411_94.h>
@@ -62,128 +63,153 @@ void feed_name(gost_r3411_94_ctx *ctx, const char *name) noexcept {
   gost_r3411_94_update(ctx, name, (unsigned)strlen(name));
 }
 
-// The hash of everything readable from `fd`: 0, or 1 (no context, a read error; no
-// retry, EINTR included).
-fsic_status fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
-  gost_r3411_94_ctx *ctx = new_context();
-  if (!ctx)
-    return FSIC_ERR_FAILED;
-
+// Reads the file open on `fd` from its start into the context (initialised here);
+// `total` receives the bytes read. 0, or 1 on a read error (no retry, EINTR included).
+fsic_status read_into(int fd, gost_r3411_94_ctx *ctx, uint64_t *total) noexcept {
+  gost_r3411_94_init(ctx, param_set);
   uint8_t buf[read_size];
-  fsic_status status = FSIC_OK;
-  bool advised = false;
+  uint64_t off = 0;
   for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0) {
-      status = FSIC_ERR_FAILED;
+    ssize_t n = pread(fd, buf, sizeof buf, (off_t)off);
+    if (n < 0)
+      return FSIC_ERR_FAILED;
+    if (n == 0)
       break;
-    }
-    if (n == 0) {
-      gost_r3411_94_final(ctx, hash);
-      break;
-    }
     gost_r3411_94_update(ctx, buf, (unsigned)n);
     // Only a file longer than one read is worth a larger read-ahead; small files, the
     // common case, are spared the call. Advice only: its result does not matter.
-    if (!advised && (size_t)n == sizeof buf) {
+    if (off == 0 && (size_t)n == sizeof buf)
       posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-      advised = true;
-    }
+    off += (uint64_t)n;
   }
-  gost_r3411_94_free_context(ctx);
+  *total = off;
+  return FSIC_OK;
+}
+
+// Whether two stats of one file show the same size, mtime and ctime.
+bool unchanged(const struct stat &a, const struct stat &b) noexcept {
+  return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
+         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// A file that changes while it is read is read again this often before giving up.
+constexpr int max_rereads = 3;
+
+// Opens the file `name` of the directory `dir` for reading: anything but a regular file
+// (a FIFO or device swapped in after the scan) is not read, and one on another mount
+// fails like one that vanished. 0, 1, 3, 11, 12.
+fsic_status open_file(fs_ocl_walk *w, int dir, const char *name, int *fd,
+                      struct stat *st) noexcept {
+  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, fd, st);
+  if (status == FSIC_ERR_UNAVAILABLE)
+    return FSIC_ERR_FAILED;
+  if (status == FSIC_OK && !S_ISREG(st->st_mode)) {
+    close(*fd);
+    return FSIC_ERR_FAILED;
+  }
   return status;
 }
 
-// Feeds one file of the directory in `dir`: its name and, as the flags ask, its content
-// hash and its attributes.
-fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
+// The stat of the file `name` of `dir` (links followed within the volume): the same
+// statuses as open_file.
+fsic_status stat_file(fs_ocl_walk *w, int dir, const char *name, struct stat *st) noexcept {
+  fsic_status status = _fs_ocl_stat_entry(w, dir, name, st);
+  if (status == FSIC_ERR_UNAVAILABLE || (status == FSIC_OK && !S_ISREG(st->st_mode)))
+    return FSIC_ERR_FAILED;
+  return status;
+}
+
+// Feeds one file of the directory `dir`: its name and, as the flags ask, its content
+// hash and its attributes (from the stat that describes the bytes hashed).
+fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, const char *name,
                       uint32_t flags) noexcept {
   feed_name(ctx, name);
   if (!(flags & (CONTROL_DATA | CONTROL_ATTRS)))
     return FSIC_OK;
 
-  uint32_t len = _fs_str_buf_len(dir);
-  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
-  if (status != FSIC_OK)
-    return status;
-  fs_ocl_file_attrs attrs;
+  struct stat st;
   if (flags & CONTROL_DATA) {
-    // With both controls the attributes come from the descriptor that was hashed.
+    int fd;
+    FSIC_TRY(open_file(w, dir, name, &fd, &st));
     uint8_t hash[FS_OCL_HASH_SIZE];
-    status = _fs_ocl_file_hash_attrs(dir->data, hash, (flags & CONTROL_ATTRS) ? &attrs : nullptr);
-    if (status == FSIC_OK)
-      gost_r3411_94_update(ctx, hash, sizeof hash);
-  } else {
-    status = _fs_ocl_init_file_attrs(dir->data, &attrs);
-  }
-  if (status == FSIC_OK && (flags & CONTROL_ATTRS))
-    feed_file_attrs(ctx, &attrs);
-  _fs_str_buf_setlen(dir, len);
-  return status;
-}
-
-fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names, int count,
-                       uint32_t flags) noexcept {
-  for (int i = 0; i < count; ++i) {
-    fsic_status status = hash_file(ctx, dir, names[i], flags);
+    fsic_status status = _fs_ocl_fd_hash(fd, hash, &st);
+    close(fd);
     if (status != FSIC_OK)
       return status;
+    gost_r3411_94_update(ctx, hash, sizeof hash);
+  } else {
+    FSIC_TRY(stat_file(w, dir, name, &st));
+  }
+  if (flags & CONTROL_ATTRS) {
+    fs_ocl_file_attrs attrs;
+    _fs_ocl_stat_to_file_attrs(&st, &attrs);
+    feed_file_attrs(ctx, &attrs);
   }
   return FSIC_OK;
 }
 
-fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, char *const *names,
+                       int count, uint32_t flags) noexcept {
+  for (int i = 0; i < count; ++i)
+    FSIC_TRY(hash_file(ctx, w, dir, names[i], flags));
+  return FSIC_OK;
+}
+
+fsic_status _create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
                              uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept;
 
-// Feeds a directory's hash and, under CONTROL_ATTRS, the attributes of the directory
-// `path`.
-fsic_status feed_hash_and_attrs(gost_r3411_94_ctx *ctx, const uint8_t hash[FS_OCL_HASH_SIZE],
-                                const char *path, uint32_t flags) noexcept {
+// Feeds a directory's hash and, under CONTROL_ATTRS, the attributes in its stat.
+void feed_hash_and_attrs(gost_r3411_94_ctx *ctx, const uint8_t hash[FS_OCL_HASH_SIZE],
+                         const struct stat *st, uint32_t flags) noexcept {
   gost_r3411_94_update(ctx, hash, FS_OCL_HASH_SIZE);
-  if (!(flags & CONTROL_ATTRS))
-    return FSIC_OK;
-  fs_ocl_dir_attrs attrs;
-  fsic_status status = _fs_ocl_init_dir_attrs(path, &attrs);
-  if (status == FSIC_OK)
+  if (flags & CONTROL_ATTRS) {
+    fs_ocl_dir_attrs attrs;
+    _fs_ocl_stat_to_dir_attrs(st, &attrs);
     feed_dir_attrs(ctx, &attrs);
-  return status;
+  }
 }
 
 // Feeds one subdirectory unless it is empty: its name, its inner hash and, under
-// CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones.
-fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_str_buf *dir, const char *name,
+// CONTROL_ATTRS, its attributes. `kept` counts the non-empty ones. A subdirectory on
+// another mount is not entered and counts as empty.
+fsic_status hash_subdir(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, const char *name,
                         char *const *masks, uint32_t flags, int *kept) noexcept {
-  uint32_t len = _fs_str_buf_len(dir);
-  fsic_status status = _fs_str_buf_append(dir, "/", name, (char *)nullptr);
+  int sub;
+  struct stat st;
+  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_DIRECTORY, &sub, &st);
+  if (status == FSIC_ERR_UNAVAILABLE)
+    return FSIC_OK;
   if (status != FSIC_OK)
     return status;
 
+  const uint32_t len = _fs_str_buf_len(&w->name);
   uint8_t hash[FS_OCL_HASH_SIZE];
   int empty = 0;
-  status = _create_dir_hash(dir, masks, flags, hash, &empty);
+  status = _fs_str_buf_append(&w->name, "/", name, nullptr);
+  if (status == FSIC_OK) {
+    status = _create_dir_hash(w, sub, masks, flags, hash, &empty);
+    _fs_str_buf_setlen(&w->name, len);
+  }
+  close(sub);
   if (status == FSIC_OK && !empty) {
     feed_name(ctx, name);
-    status = feed_hash_and_attrs(ctx, hash, dir->data, flags);
-    if (status == FSIC_OK)
-      ++*kept;
+    feed_hash_and_attrs(ctx, hash, &st, flags);
+    ++*kept;
   }
-  _fs_str_buf_setlen(dir, len);
   return status;
 }
 
-fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_str_buf *dir, char *const *names, int count,
-                         char *const *masks, uint32_t flags, int *kept) noexcept {
-  for (int i = 0; i < count; ++i) {
-    fsic_status status = hash_subdir(ctx, dir, names[i], masks, flags, kept);
-    if (status != FSIC_OK)
-      return status;
-  }
+fsic_status hash_subdirs(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, char *const *names,
+                         int count, char *const *masks, uint32_t flags, int *kept) noexcept {
+  for (int i = 0; i < count; ++i)
+    FSIC_TRY(hash_subdir(ctx, w, dir, names[i], masks, flags, kept));
   return FSIC_OK;
 }
 
 // The inner hash of one level: its non-empty subdirectories (RECURSIVE), then its files.
 // `empty` receives 1 when neither contributed anything.
-fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+fsic_status _create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
                              uint8_t hash[FS_OCL_HASH_SIZE], int *empty) noexcept {
   gost_r3411_94_ctx *ctx = new_context();
   if (!ctx)
@@ -193,12 +219,12 @@ fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags
   int file_count = 0, subdir_count = 0, kept = 0;
   bool recursive = (flags & RECURSIVE) != 0;
   fsic_status status =
-      _fs_ocl_scan_dir(dir->data, masks, &files, &file_count, recursive ? &subdirs : nullptr,
+      _fs_ocl_scan_dir(w, dir, masks, &files, &file_count, recursive ? &subdirs : nullptr,
                        recursive ? &subdir_count : nullptr);
   if (status == FSIC_OK && recursive)
-    status = hash_subdirs(ctx, dir, subdirs, subdir_count, masks, flags, &kept);
+    status = hash_subdirs(ctx, w, dir, subdirs, subdir_count, masks, flags, &kept);
   if (status == FSIC_OK)
-    status = hash_files(ctx, dir, files, file_count, flags);
+    status = hash_files(ctx, w, dir, files, file_count, flags);
   if (status == FSIC_OK) {
     gost_r3411_94_final(ctx, hash);
     *empty = file_count + kept == 0;
@@ -213,33 +239,35 @@ fsic_status _create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags
 
 extern "C" {
 
-fsic_status _fs_ocl_file_hash_attrs(const char *path, uint8_t hash[FS_OCL_HASH_SIZE],
-                                    fs_ocl_file_attrs *attrs) noexcept {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
+fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) noexcept {
+  gost_r3411_94_ctx *ctx = gost_r3411_94_create_context();
+  if (!ctx)
     return FSIC_ERR_FAILED;
-  fsic_status status = fd_hash(fd, hash);
-  if (status == FSIC_OK && attrs) {
-    struct stat st;
-    if (fstat(fd, &st) == 0)
-      _fs_ocl_stat_to_file_attrs(&st, attrs);
-    else
+  fsic_status status = FSIC_ERR_CHANGED;
+  for (int attempt = 0; attempt <= max_rereads; ++attempt) {
+    struct stat before, after;
+    uint64_t total = 0;
+    if (fstat(fd, &before) != 0) {
       status = FSIC_ERR_FAILED;
+      break;
+    }
+    status = read_into(fd, ctx, &total);
+    if (status == FSIC_OK && fstat(fd, &after) != 0)
+      status = FSIC_ERR_FAILED;
+    if (status != FSIC_OK)
+      break;
+    if (unchanged(before, after) && total == (uint64_t)before.st_size) {
+      gost_r3411_94_final(ctx, hash);
+      *st = after;
+      break;
+    }
+    status = FSIC_ERR_CHANGED;
   }
-  close(fd);
+  gost_r3411_94_free_context(ctx);
   return status;
 }
 
-fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
-  return _fs_ocl_file_hash_attrs(path, hash, nullptr);
-}
-
-fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) noexcept {
-  return fsic::detail::make_block(
-      FS_OCL_HASH_SIZE, [&](uint8_t *hash) noexcept { return _fs_ocl_file_hash(path, hash); }, out);
-}
-
-fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+fsic_status _fs_ocl_create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
                                     uint8_t hash[FS_OCL_HASH_SIZE]) noexcept {
   gost_r3411_94_ctx *ctx = new_context();
   if (!ctx)
@@ -248,11 +276,14 @@ fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_
   // The root always has a hash, so its empty indicator is not consulted.
   uint8_t inner[FS_OCL_HASH_SIZE];
   int empty = 0;
-  fsic_status status = _create_dir_hash(dir, masks, flags, inner, &empty);
-  if (status == FSIC_OK)
-    status = feed_hash_and_attrs(ctx, inner, dir->data, flags);
-  if (status == FSIC_OK)
+  struct stat st = {};
+  fsic_status status = _create_dir_hash(w, dir, masks, flags, inner, &empty);
+  if (status == FSIC_OK && (flags & CONTROL_ATTRS) && fstat(dir, &st) != 0)
+    status = FSIC_ERR_FAILED;
+  if (status == FSIC_OK) {
+    feed_hash_and_attrs(ctx, inner, &st, flags);
     gost_r3411_94_final(ctx, hash);
+  }
   gost_r3411_94_free_context(ctx);
   return status;
 }

@@ -12,56 +12,81 @@
 
 FSIC_BEGIN_DECLS
 
+// ---- resolution under the base ----
+
+// Where the paths of one add resolve, and the full name of what is being worked on.
+// With a base every path, link and ".." resolves with the base as the root and mounts
+// inside it are not crossed; without one the running system's root is the root.
+typedef struct fs_ocl_walk {
+  fs_str_buf name;   // full name: the base, the object's path, the names below it
+  uint32_t base_len; // leading bytes of `name` that are the base (0 without one)
+  int root_fd;       // the base (O_PATH), or AT_FDCWD without one
+  int confined;      // 1 with a base
+} fs_ocl_walk;
+
+// Starts a walk for the object `path` under `base` (nullptr: the running system).
+// 0, 3, or 7 when the base cannot be opened.
+fsic_status _fs_ocl_walk_init(fs_ocl_walk *w, const char *base, const char *path) FSIC_NOEXCEPT;
+void _fs_ocl_walk_free(fs_ocl_walk *w) FSIC_NOEXCEPT;
+
+// Opens the object whose full name `w` holds with `flags` and gives its stat: 0; 3; 7
+// when it cannot be resolved on the volume (missing, dangling, a loop, across a mount)
+// or is not of the file type `type` (S_IFREG, S_IFDIR); 1 when it is there but cannot be
+// opened with `flags`.
+fsic_status _fs_ocl_open_object(fs_ocl_walk *w, int flags, mode_t type, int *fd,
+                                struct stat *st) FSIC_NOEXCEPT;
+
+// Opens the entry `name` of the directory open on `dir`, whose full name `w` holds,
+// following links within the volume, and gives its stat: 0; 1 (cannot be resolved:
+// vanished, dangling, unreadable); 7 (it lies on another mount); 11 (a link loop,
+// logged); 12 (the full name reaches PATH_MAX); 3. `w` ends as it began.
+fsic_status _fs_ocl_open_entry(fs_ocl_walk *w, int dir, const char *name, int flags, int *fd,
+                               struct stat *st) FSIC_NOEXCEPT;
+// The stat of that entry (links followed within the volume) without opening it for
+// reading; the same statuses.
+fsic_status _fs_ocl_stat_entry(fs_ocl_walk *w, int dir, const char *name,
+                               struct stat *st) FSIC_NOEXCEPT;
+
 // ---- attributes ----
 
-// Copies the five fields (cannot fail).
+// Copy the fields of a stat (cannot fail).
 void _fs_ocl_stat_to_file_attrs(const struct stat *st, fs_ocl_file_attrs *attrs) FSIC_NOEXCEPT;
-// stat (following links) and convert: 0, or 1 when stat fails.
-fsic_status _fs_ocl_init_file_attrs(const char *path, fs_ocl_file_attrs *attrs) FSIC_NOEXCEPT;
-fsic_status _fs_ocl_init_dir_attrs(const char *path, fs_ocl_dir_attrs *attrs) FSIC_NOEXCEPT;
-// One new record: 0, 1, 3.
-fsic_status _fs_ocl_create_dir_attrs(const char *path, fs_ocl_dir_attrs **out) FSIC_NOEXCEPT;
+void _fs_ocl_stat_to_dir_attrs(const struct stat *st, fs_ocl_dir_attrs *attrs) FSIC_NOEXCEPT;
 void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) FSIC_NOEXCEPT;
-// One record per name of the directory held in `dir` (nullptr array for count 0).
-fsic_status _fs_ocl_create_file_attrs_array(fs_str_buf *dir, char *const *names, int count,
+// One record per name of the directory open on `dir` (nullptr array for count 0).
+fsic_status _fs_ocl_create_file_attrs_array(fs_ocl_walk *w, int dir, char *const *names, int count,
                                             fs_ocl_file_attrs **out) FSIC_NOEXCEPT;
-fsic_status _fs_ocl_create_subdir_attrs_array(fs_str_buf *dir, char *const *names, int count,
-                                              fs_ocl_dir_attrs **out) FSIC_NOEXCEPT;
 
 // ---- directory scanning ----
 
-// The directory's regular files admitted by `masks` and, when `subdirs` is not nullptr,
-// its subdirectories, each as a byte-sorted array of names (no terminating nullptr) with
-// its count. Links are followed. 0, 1, 3, 11 (link loop, logged), 12 (path too long).
-fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files, int *file_count,
-                             char ***subdirs, int *subdir_count) FSIC_NOEXCEPT;
+// The regular files admitted by `masks` of the directory open on `dir` (whose full
+// name `w` holds) and, when `subdirs` is not nullptr, its subdirectories, each as a
+// byte-sorted array of names (no terminating nullptr) with its count. Links are
+// followed within the volume; entries on another mount are passed over. 0, 1, 3, 11
+// (link loop, logged), 12 (path too long).
+fsic_status _fs_ocl_scan_dir(fs_ocl_walk *w, int dir, char *const *masks, char ***files,
+                             int *file_count, char ***subdirs, int *subdir_count) FSIC_NOEXCEPT;
 // Frees `count` names and the array (nullptr with 0 allowed).
 void _fs_ocl_free_str_array(char **names, int count) FSIC_NOEXCEPT;
-// stat with the scanner's statuses: 0, 11 (ELOOP, logged on "fs_ocl"), 12
-// (ENAMETOOLONG), 1.
-fsic_status _fs_ocl_stat(const char *path, struct stat *st) FSIC_NOEXCEPT;
 
 // ---- hashing (GOST R 34.11-94, parameter set 1) ----
 
-fsic_status _fs_ocl_file_hash(const char *path, uint8_t hash[FS_OCL_HASH_SIZE]) FSIC_NOEXCEPT;
-// The content hash and, when `attrs` is not nullptr, the attributes of a file, both taken
-// from one open descriptor (the file that a stat of the path follows links to): one
-// path lookup instead of two. 0 or 1.
-fsic_status _fs_ocl_file_hash_attrs(const char *path, uint8_t hash[FS_OCL_HASH_SIZE],
-                                    fs_ocl_file_attrs *attrs) FSIC_NOEXCEPT;
-// A new 32-byte block with the file's hash: 0, 1, 3.
-fsic_status _fs_ocl_create_file_hash(const char *path, uint8_t **out) FSIC_NOEXCEPT;
-// The directory hash of the directory held in `dir` (the buffer is extended and cut back
-// while descending, and ends as it began).
-fsic_status _fs_ocl_create_dir_hash(fs_str_buf *dir, char *const *masks, uint32_t flags,
+// The hash of the regular file open on `fd`; `st` receives the stat that describes the
+// bytes hashed. A file whose size, mtime or ctime change while it is read, or that
+// yields more or fewer bytes than its size, is read again, up to 3 times. 0, 1 (no
+// context, a read error), 13 (it kept changing).
+fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) FSIC_NOEXCEPT;
+// The directory hash of the directory open on `dir`, whose full name `w` holds (the
+// name is extended and cut back while descending, and ends as it began).
+fsic_status _fs_ocl_create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
                                     uint8_t hash[FS_OCL_HASH_SIZE]) FSIC_NOEXCEPT;
 
 // ---- directory control info ----
 
-// The info of the directory held in `dir`; `root` 0 gives nullptr (and 0) for an empty
-// subdirectory. Nothing is left behind on failure.
-fsic_status _fs_ocl_create_dir_info(fs_str_buf *dir, char *const *masks, uint32_t flags, int root,
-                                    fs_ocl_dir_info **out) FSIC_NOEXCEPT;
+// The info of the directory open on `dir`, whose full name `w` holds; `root` 0 gives
+// nullptr (and 0) for an empty subdirectory. Nothing is left behind on failure.
+fsic_status _fs_ocl_create_dir_info(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
+                                    int root, fs_ocl_dir_info **out) FSIC_NOEXCEPT;
 // Frees an info tree, also a partly built one: the counts say how many entries the
 // name and info arrays hold, and null entries and arrays are passed over. Accepts
 // nullptr.

@@ -1,21 +1,21 @@
 // The directory scanner of object control lists: the regular files of a directory that
 // the masks admit and its subdirectories, each as a byte-sorted array of names, with
-// symbolic links followed. Hashes and stored trees depend on this order and filter.
+// symbolic links followed within the volume. Hashes and stored trees depend on this order
+// and filter.
 #include <dirent.h>
 #include <errno.h>
 #include <fnmatch.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <memory>
-
-#include <fsic/log.h>
+#include <unistd.h>
 
 #include "fs/ocl_internal.h"
 #include "util/dir_iter.h"
 #include "util/owner.h"
 
 namespace {
+
+using namespace fsic::detail;
 
 // A growable array of owned names, freed with them unless handed out.
 struct str_array {
@@ -28,10 +28,6 @@ struct str_array {
   str_array &operator=(const str_array &) = delete;
   ~str_array() { _fs_ocl_free_str_array(items, static_cast<int>(count)); }
 };
-
-// Where the log records of this file say they come from.
-constexpr const char *log_source = "scan_dir";
-constexpr int stat_log_line = 197;
 
 fsic_status str_array_expand(str_array *a) noexcept {
   uint32_t capacity = a->capacity ? a->capacity * 2 : 8;
@@ -95,10 +91,6 @@ void str_array_hand_out(str_array *a, char ***names, int *count) noexcept {
   a->capacity = a->count = 0;
 }
 
-struct closedir_deleter {
-  void operator()(DIR *d) const noexcept { closedir(d); }
-};
-
 // 1 when some mask admits `name`. Flags 0: "*" and "?" also match a leading "." and
 // "/", and matching is case-sensitive. An empty array admits nothing.
 int match_fn(char *const *masks, const char *name) noexcept {
@@ -108,98 +100,85 @@ int match_fn(char *const *masks, const char *name) noexcept {
   return 0;
 }
 
-// The type (DT_REG, DT_DIR, DT_LNK or 0) of the path in `path` after following links.
-// `path` holds the scanned directory; the name is appended and cut back.
-fsic_status get_entry_type(fs_str_buf *path, const char *name, int *type) noexcept {
-  uint32_t len = _fs_str_buf_len(path);
-  fsic_status status = _fs_str_buf_append(path, "/", name, (char *)nullptr);
-  if (status != FSIC_OK)
-    return status;
-
+// The type (DT_REG, DT_DIR or 0) of the entry `name` of `dir` after following links
+// within the volume; 0 also for an entry on another mount, which is passed over.
+fsic_status get_entry_type(fs_ocl_walk *w, int dir, const char *name, int *type) noexcept {
   struct stat st;
-  status = _fs_ocl_stat(path->data, &st);
-  _fs_str_buf_setlen(path, len);
+  fsic_status status = _fs_ocl_stat_entry(w, dir, name, &st);
+  if (status == FSIC_ERR_UNAVAILABLE) {
+    *type = 0;
+    return FSIC_OK;
+  }
   if (status != FSIC_OK)
     return status;
-
-  if (S_ISREG(st.st_mode))
-    *type = DT_REG;
-  else if (S_ISDIR(st.st_mode))
-    *type = DT_DIR;
-  else if (S_ISLNK(st.st_mode))
-    *type = DT_LNK;
-  else
-    *type = 0;
+  *type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : 0;
   return FSIC_OK;
 }
 
-// Reads the open stream into the two arrays (a nullptr array is not collected).
-fsic_status collect(DIR *stream, const char *dir, char *const *masks, str_array *files,
-                    str_array *subdirs) noexcept {
-  // The buffer for resolving links is made on the first entry that needs it.
-  fs_str_buf path = {nullptr, 0, 0};
-  fsic_status status = FSIC_OK;
-
-  for (;;) {
-    // readdir64_r is deprecated in glibc; readdir is safe here since the stream belongs
-    // to this call alone. nullptr is the end unless errno was set, hence the reset.
-    errno = 0;
-    struct dirent *entry = readdir(stream);
-    if (!entry) {
-      if (errno != 0)
-        status = FSIC_ERR_FAILED;
-      break;
-    }
-    const char *name = entry->d_name;
-    if (fsic::detail::is_dot_or_dotdot(name))
-      continue;
-
-    int type = entry->d_type;
-    if (type == DT_UNKNOWN || type == DT_LNK) {
-      if (!path.data && (status = _fs_str_buf_init(&path, dir, (char *)nullptr)) != FSIC_OK) {
-        path.data = nullptr;
-        break;
-      }
-      if ((status = get_entry_type(&path, name, &type)) != FSIC_OK)
-        break;
-    }
-
-    if (type == DT_REG) {
-      if (!files || (masks && !match_fn(masks, name)))
-        continue;
-      if ((status = str_array_add(files, name)) != FSIC_OK)
-        break;
-    } else if (type == DT_DIR) {
-      if (!subdirs)
-        continue;
-      if ((status = str_array_add(subdirs, name)) != FSIC_OK)
-        break;
-    }
-    // Anything else (devices, FIFOs, sockets, links to them) is skipped.
+// Files one entry into the two arrays (a nullptr array is not collected).
+fsic_status collect_entry(fs_ocl_walk *w, int dir, const char *name, int type, char *const *masks,
+                          str_array *files, str_array *subdirs) noexcept {
+  if (is_dot_or_dotdot(name))
+    return FSIC_OK;
+  if (type == DT_UNKNOWN || type == DT_LNK)
+    FSIC_TRY(get_entry_type(w, dir, name, &type));
+  if (type == DT_REG) {
+    if (!files || (masks && !match_fn(masks, name)))
+      return FSIC_OK;
+    return str_array_add(files, name);
   }
+  if (type == DT_DIR && subdirs)
+    return str_array_add(subdirs, name);
+  // Anything else (devices, FIFOs, sockets, links to them) is passed over.
+  return FSIC_OK;
+}
 
-  if (path.data)
-    _fs_str_buf_free(&path);
-  return status;
+// The directory entries of the kernel's getdents64 records.
+struct dirent64_record {
+  uint64_t ino;
+  int64_t off;
+  unsigned short reclen;
+  unsigned char type;
+  char name[];
+};
+
+// Entries are read in blocks of this size.
+constexpr size_t entry_buffer_size = 32768;
+
+// Reads the directory open on `dir` into the two arrays.
+fsic_status collect(fs_ocl_walk *w, int dir, char *const *masks, str_array *files,
+                    str_array *subdirs) noexcept {
+  heap_ptr<char> buf(static_cast<char *>(malloc(entry_buffer_size)));
+  if (!buf)
+    return FSIC_ERR_NO_MEMORY;
+  // From the start, however often the descriptor was read before.
+  if (lseek(dir, 0, SEEK_SET) != 0)
+    return FSIC_ERR_FAILED;
+  for (;;) {
+    ssize_t n = getdents64(dir, buf.get(), entry_buffer_size);
+    if (n < 0)
+      return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
+    if (n == 0)
+      return FSIC_OK;
+    for (ssize_t pos = 0; pos < n;) {
+      const auto *entry = reinterpret_cast<const dirent64_record *>(buf.get() + pos);
+      FSIC_TRY(collect_entry(w, dir, entry->name, entry->type, masks, files, subdirs));
+      pos += entry->reclen;
+    }
+  }
 }
 
 } // namespace
 
 extern "C" {
 
-fsic_status _fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files, int *file_count,
-                             char ***subdirs, int *subdir_count) noexcept {
+fsic_status _fs_ocl_scan_dir(fs_ocl_walk *w, int dir, char *const *masks, char ***files,
+                             int *file_count, char ***subdirs, int *subdir_count) noexcept {
   const bool want_files = files && file_count;
   const bool want_subdirs = subdirs && subdir_count;
 
-  // The stream's own buffer is allocated here: running out of memory is reported as
-  // such, any other failure to open as a general one.
-  std::unique_ptr<DIR, closedir_deleter> stream(opendir(dir));
-  if (!stream)
-    return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
-
   str_array file_array, subdir_array;
-  FSIC_TRY(collect(stream.get(), dir, masks, want_files ? &file_array : nullptr,
+  FSIC_TRY(collect(w, dir, masks, want_files ? &file_array : nullptr,
                    want_subdirs ? &subdir_array : nullptr));
   // Both are made ready before either is handed out: a failure hands out nothing.
   if (want_files)
@@ -217,22 +196,6 @@ void _fs_ocl_free_str_array(char **names, int count) noexcept {
   for (int i = 0; i < count; ++i)
     free(names[i]);
   free(names);
-}
-
-fsic_status _fs_ocl_stat(const char *path, struct stat *st) noexcept {
-  if (stat(path, st) == 0)
-    return FSIC_OK;
-  switch (errno) {
-    case ELOOP:
-      if (IC_LOG_ENABLED(&__ic_log_fs_ocl, IC_LOG_ERROR))
-        ic_log(&__ic_log_fs_ocl, IC_LOG_ERROR, log_source, "_fs_ocl_stat", stat_log_line,
-               "loop path: '%s'\n", path);
-      return FSIC_ERR_LINK_LOOP;
-    case ENAMETOOLONG:
-      return FSIC_ERR_NAME_TOO_LONG;
-    default:
-      return FSIC_ERR_FAILED;
-  }
 }
 
 } // extern "C"

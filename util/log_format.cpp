@@ -393,4 +393,27 @@ void log_failed_call(const char *source, const char *func, int line, const char 
   errno = saved;
 }
 
+size_t escape_controls(const char *text, char *out, size_t cap) noexcept {
+  static const char digits[] = "0123456789abcdef";
+  size_t n = 0;
+  if (cap == 0)
+    return 0;
+  for (const unsigned char *p = (const unsigned char *)text; *p; ++p) {
+    const bool plain = *p >= 0x20 && *p != 0x7f && *p != '\\';
+    const size_t need = plain ? 1 : 4;
+    if (n + need >= cap)
+      break;
+    if (plain) {
+      out[n++] = (char)*p;
+    } else {
+      out[n++] = '\\';
+      out[n++] = 'x';
+      out[n++] = digits[*p >> 4];
+      out[n++] = digits[*p & 15];
+    }
+  }
+  out[n] = '\0';
+  return n;
+}
+
 } // namespace fsic::detail

@@ -80,6 +80,12 @@ format_desc *get_format(void) noexcept;
 // strerror(errno); errno is left as it was. `source` names the source file.
 void log_failed_call(const char *source, const char *func, int line, const char *call) noexcept;
 
+// Copies `text` into `out` (`cap` bytes, NUL included) with every control character and
+// backslash written as \xNN, so that text taken from a volume (a file name) stays on one
+// line of a record and cannot pass for one of its own. Text that does not fit is cut
+// between characters, never inside an escape. Returns the length written.
+size_t escape_controls(const char *text, char *out, size_t cap) noexcept;
+
 } // namespace fsic::detail
 
 // A DEBUG record that `call` (a text naming the failed call) failed here; the source

@@ -7,6 +7,8 @@
 #include <fsic/list.h>
 #include <fsic/util.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -34,6 +36,23 @@ struct destroy_with {
 // A record owned through its destroy function.
 template <typename T, auto Destroy>
 using owner = std::unique_ptr<T, destroy_with<Destroy>>;
+
+// Owns a file descriptor; closes it when it goes out of scope.
+class fd_owner {
+public:
+  explicit fd_owner(int fd) noexcept : fd_(fd) {}
+  fd_owner(const fd_owner &) = delete;
+  fd_owner &operator=(const fd_owner &) = delete;
+  ~fd_owner() {
+    if (fd_ >= 0)
+      close(fd_);
+  }
+  int get() const noexcept { return fd_; }
+  bool ok() const noexcept { return fd_ >= 0; }
+
+private:
+  int fd_;
+};
 
 inline void free_block(void *p) noexcept { std::free(p); }
 

@@ -12,8 +12,8 @@
 
 using namespace ocltest;
 
-extern "C" fsic_status __real__fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
-                                               int *file_count, char ***subdirs,
+extern "C" fsic_status __real__fs_ocl_scan_dir(fs_ocl_walk *w, int dir, char *const *masks,
+                                               char ***files, int *file_count, char ***subdirs,
                                                int *subdir_count) noexcept;
 
 namespace {
@@ -21,13 +21,13 @@ namespace {
 std::function<void(const std::string &)> after_scan;
 } // namespace
 
-extern "C" fsic_status __wrap__fs_ocl_scan_dir(const char *dir, char *const *masks, char ***files,
-                                               int *file_count, char ***subdirs,
+extern "C" fsic_status __wrap__fs_ocl_scan_dir(fs_ocl_walk *w, int dir, char *const *masks,
+                                               char ***files, int *file_count, char ***subdirs,
                                                int *subdir_count) noexcept {
   fsic_status status =
-      __real__fs_ocl_scan_dir(dir, masks, files, file_count, subdirs, subdir_count);
+      __real__fs_ocl_scan_dir(w, dir, masks, files, file_count, subdirs, subdir_count);
   if (status == 0 && after_scan)
-    after_scan(dir);
+    after_scan(std::string(w->name.data, w->name.len));
   return status;
 }
 
@@ -49,17 +49,17 @@ protected:
   }
 
   static fsic_status dir_hash(const std::string &dir, uint32_t flags) {
-    PathBuf buf(dir);
+    Walk buf(dir);
     uint8_t h[32];
-    fsic_status status = _fs_ocl_create_dir_hash(buf.get(), nullptr, flags, h);
+    fsic_status status = _fs_ocl_create_dir_hash(buf.get(), buf.fd(), nullptr, flags, h);
     EXPECT_EQ(buf.text(), dir);
     return status;
   }
 
   static fsic_status dir_info(const std::string &dir, uint32_t flags) {
-    PathBuf buf(dir);
+    Walk buf(dir);
     fs_ocl_dir_info *info = reinterpret_cast<fs_ocl_dir_info *>(uintptr_t{8});
-    fsic_status status = _fs_ocl_create_dir_info(buf.get(), nullptr, flags, 1, &info);
+    fsic_status status = _fs_ocl_create_dir_info(buf.get(), buf.fd(), nullptr, flags, 1, &info);
     EXPECT_EQ(buf.text(), dir);
     if (status == 0)
       _fs_ocl_destroy_dir_info(info);
@@ -136,23 +136,26 @@ TEST_F(OclAfterScan, AFailureAfterKeptAndDroppedSubdirectoriesReleasesThem) {
     t.dir("d");
     t.file("d/f", "d");
     once_after_scan_of(t.path("c"), [&] { t.remove("c/f"); });
-    PathBuf buf(t.root());
+    Walk buf(t.root());
     fs_ocl_dir_info *info = nullptr;
-    EXPECT_EQ(_fs_ocl_create_dir_info(buf.get(), nullptr, RECURSIVE | CONTROL_ATTRS, 1, &info), 1u);
+    EXPECT_EQ(
+        _fs_ocl_create_dir_info(buf.get(), buf.fd(), nullptr, RECURSIVE | CONTROL_ATTRS, 1, &info),
+        1u);
     EXPECT_EQ(info, nullptr);
     EXPECT_EQ(buf.text(), t.root());
     once_after_scan_of(t.path("c"), [&] { t.remove("c/g"); });
     t.file("c/g", "g");
     uint8_t h[32];
-    EXPECT_EQ(_fs_ocl_create_dir_hash(buf.get(), nullptr, RECURSIVE | CONTROL_DATA, h), 1u);
+    EXPECT_EQ(_fs_ocl_create_dir_hash(buf.get(), buf.fd(), nullptr, RECURSIVE | CONTROL_DATA, h),
+              1u);
     EXPECT_EQ(buf.text(), t.root());
   }
 }
 
-// The attributes of a level's kept subdirectories are read after all their infos are
-// built: a subdirectory removed at that point (after the scan of its later sibling) fails
-// the info under CONTROL_ATTRS, and goes unnoticed without it.
-TEST_F(OclAfterScan, ASubdirectoryGoneBeforeItsAttributesAreReadFails) {
+// A subdirectory's attributes are taken from the descriptor it is entered with, when its
+// info is built: removing it after its later sibling's scan changes nothing, with or
+// without CONTROL_ATTRS.
+TEST_F(OclAfterScan, ASubdirectorysAttributesAreTakenWhenItIsEntered) {
   for (uint32_t flags : {RECURSIVE | CONTROL_ATTRS, RECURSIVE | 0u}) {
     SCOPED_TRACE(flags);
     TempTree t;
@@ -161,11 +164,24 @@ TEST_F(OclAfterScan, ASubdirectoryGoneBeforeItsAttributesAreReadFails) {
     t.file("s/inner/g");
     t.dir("s/later");
     t.file("s/later/h");
+    const struct stat inner = t.stat_of("s/inner");
     once_after_scan_of(t.path("s/later"), [&] {
       t.remove("s/inner/g");
       t.remove("s/inner");
     });
-    EXPECT_EQ(dir_info(t.root(), flags), (flags & CONTROL_ATTRS) ? 1u : 0u);
+    Walk buf(t.root());
+    fs_ocl_dir_info *info = nullptr;
+    ASSERT_EQ(_fs_ocl_create_dir_info(buf.get(), buf.fd(), nullptr, flags, 1, &info), 0u);
+    ASSERT_EQ(info->subdir_count, 1);
+    const fs_ocl_dir_info *s = info->subdir_infos[0];
+    ASSERT_EQ(s->subdir_count, 2);
+    EXPECT_STREQ(s->subdir_names[0], "inner");
+    if (flags & CONTROL_ATTRS) {
+      EXPECT_EQ(s->subdir_attrs[0].mode, inner.st_mode);
+    } else {
+      EXPECT_EQ(s->subdir_attrs, nullptr);
+    }
+    _fs_ocl_destroy_dir_info(info);
   }
 }
 

@@ -199,9 +199,10 @@ TEST_F(OclAllocFault, ScanDir) {
     exercise({"scan", [&](std::string *result) {
                 char **files = nullptr, **subdirs = nullptr;
                 int nf = 0, ns = 0;
+                Walk w(t_.root());
                 arm();
                 fsic_status s =
-                    _fs_ocl_scan_dir(t_.root().c_str(), masks.get(), &files, &nf, &subdirs, &ns);
+                    _fs_ocl_scan_dir(w.get(), w.fd(), masks.get(), &files, &nf, &subdirs, &ns);
                 disarm();
                 if (s == 0) {
                   for (int i = 0; i < nf; ++i)
@@ -218,12 +219,11 @@ TEST_F(OclAllocFault, ScanDir) {
 
 TEST_F(OclAllocFault, AttributesAndFileHash) {
   char *names[] = {const_cast<char *>("f1.dll"), const_cast<char *>("f2.txt")};
-  char *dirs[] = {const_cast<char *>("sub"), const_cast<char *>("to_sub")};
   exercise({"file attrs", [&](std::string *result) {
-              PathBuf buf(t_.root());
+              Walk buf(t_.root());
               fs_ocl_file_attrs *a = nullptr;
               arm();
-              fsic_status s = _fs_ocl_create_file_attrs_array(buf.get(), names, 2, &a);
+              fsic_status s = _fs_ocl_create_file_attrs_array(buf.get(), buf.fd(), names, 2, &a);
               disarm();
               EXPECT_EQ(buf.text(), t_.root());
               if (s == 0)
@@ -231,35 +231,15 @@ TEST_F(OclAllocFault, AttributesAndFileHash) {
               free(a);
               return s;
             }});
-  exercise({"subdir attrs", [&](std::string *result) {
-              PathBuf buf(t_.root());
-              fs_ocl_dir_attrs *a = nullptr;
-              arm();
-              fsic_status s = _fs_ocl_create_subdir_attrs_array(buf.get(), dirs, 2, &a);
-              disarm();
-              if (s == 0)
-                *result = std::to_string(a[0].mode) + " " + std::to_string(a[1].mode);
-              free(a);
-              return s;
-            }});
-  exercise({"dir attrs", [&](std::string *result) {
-              fs_ocl_dir_attrs *a = nullptr;
-              arm();
-              fsic_status s = _fs_ocl_create_dir_attrs(t_.path("sub").c_str(), &a);
-              disarm();
-              if (s == 0)
-                *result = std::to_string(a->mode);
-              _fs_ocl_destroy_dir_attrs(a);
-              return s;
-            }});
   exercise({"file hash", [&](std::string *result) {
-              uint8_t *h = nullptr;
+              Walk w(t_.path("f9.dll"), nullptr, O_RDONLY);
+              uint8_t h[32];
+              struct stat st;
               arm();
-              fsic_status s = _fs_ocl_create_file_hash(t_.path("f9.dll").c_str(), &h);
+              fsic_status s = _fs_ocl_fd_hash(w.fd(), h, &st);
               disarm();
               if (s == 0)
                 *result = hex(bytes(h));
-              free(h);
               return s;
             }});
 }
@@ -269,10 +249,11 @@ TEST_F(OclAllocFault, DirHashAndDirInfoForEveryFlag) {
     for (uint32_t flags = 0; flags < 16; ++flags) {
       SCOPED_TRACE(flags);
       exercise({"dir hash", [&](std::string *result) {
-                  PathBuf buf(t_.root());
+                  Walk buf(t_.root());
                   uint8_t h[32];
                   arm();
-                  fsic_status s = _fs_ocl_create_dir_hash(buf.get(), masks.get(), flags, h);
+                  fsic_status s =
+                      _fs_ocl_create_dir_hash(buf.get(), buf.fd(), masks.get(), flags, h);
                   disarm();
                   EXPECT_EQ(buf.text(), t_.root());
                   if (s == 0)
@@ -280,10 +261,11 @@ TEST_F(OclAllocFault, DirHashAndDirInfoForEveryFlag) {
                   return s;
                 }});
       exercise({"dir info", [&](std::string *result) {
-                  PathBuf buf(t_.root());
+                  Walk buf(t_.root());
                   fs_ocl_dir_info *info = nullptr;
                   arm();
-                  fsic_status s = _fs_ocl_create_dir_info(buf.get(), masks.get(), flags, 1, &info);
+                  fsic_status s =
+                      _fs_ocl_create_dir_info(buf.get(), buf.fd(), masks.get(), flags, 1, &info);
                   disarm();
                   EXPECT_EQ(buf.text(), t_.root());
                   if (s == 0) {

@@ -32,9 +32,10 @@ public:
 
   // Builds the info of `dir`; the buffer must end as it began, a failure hands out nothing.
   fsic_status build(const std::string &dir, const Masks &masks, uint32_t flags, int root = 1) {
-    PathBuf buf(dir);
+    Walk buf(dir);
     p_ = unset;
-    fsic_status status = _fs_ocl_create_dir_info(buf.get(), masks.get(), flags, root, &p_);
+    fsic_status status =
+        _fs_ocl_create_dir_info(buf.get(), buf.fd(), masks.get(), flags, root, &p_);
     EXPECT_EQ(buf.text(), dir);
     if (status != 0) {
       EXPECT_EQ(p_, unset);
@@ -210,9 +211,9 @@ TEST(OclDirInfo, AnUnreadableFileFailsTheWholeInfoUnderControlData) {
   for (uint32_t flags = 0; flags < 16; ++flags) {
     SCOPED_TRACE(flags);
     int code = run_unprivileged([&] {
-      PathBuf buf(t.root());
+      Walk buf(t.root());
       fs_ocl_dir_info *info = nullptr;
-      fsic_status status = _fs_ocl_create_dir_info(buf.get(), nullptr, flags, 1, &info);
+      fsic_status status = _fs_ocl_create_dir_info(buf.get(), buf.fd(), nullptr, flags, 1, &info);
       if (status == 0)
         _fs_ocl_destroy_dir_info(info);
       return static_cast<int>(status);

@@ -33,7 +33,8 @@ Listing scan(const std::string &dir, const Masks &masks = Masks(), bool want_fil
   char **subdirs = reinterpret_cast<char **>(uintptr_t{8});
   int nfiles = -7, nsubdirs = -7;
   Listing l;
-  l.status = _fs_ocl_scan_dir(dir.c_str(), masks.get(), want_files ? &files : nullptr,
+  Walk w(dir);
+  l.status = _fs_ocl_scan_dir(w.get(), w.fd(), masks.get(), want_files ? &files : nullptr,
                               want_files ? &nfiles : nullptr, want_subdirs ? &subdirs : nullptr,
                               want_subdirs ? &nsubdirs : nullptr);
   if (l.status != 0) {
@@ -217,11 +218,35 @@ TEST(OclScanDir, OnlyTheAskedListsAreCollected) {
   EXPECT_EQ(scan(t.root(), Masks(), false, false).status, 0u);
 }
 
+// The scanner reads an open directory; one that could not be opened (no descriptor), or a
+// file's descriptor, fails with 1.
 TEST(OclScanDir, ADirectoryThatCannotBeOpenedFailsWithOne) {
   TempTree t;
   t.file("plain");
   EXPECT_EQ(scan(t.path("missing")).status, 1u);
   EXPECT_EQ(scan(t.path("plain")).status, 1u);
+  Walk file(t.path("plain"), nullptr, O_RDONLY);
+  ASSERT_GE(file.fd(), 0);
+  char **files = nullptr;
+  int n = 0;
+  EXPECT_EQ(_fs_ocl_scan_dir(file.get(), file.fd(), nullptr, &files, &n, nullptr, nullptr), 1u);
+}
+
+// The same directory descriptor scanned twice gives the same names.
+TEST(OclScanDir, ADescriptorIsScannedFromItsStart) {
+  TempTree t;
+  t.file("a");
+  t.dir("b");
+  Walk w(t.root());
+  for (int round = 0; round < 2; ++round) {
+    char **files = nullptr, **subdirs = nullptr;
+    int nf = 0, ns = 0;
+    ASSERT_EQ(_fs_ocl_scan_dir(w.get(), w.fd(), nullptr, &files, &nf, &subdirs, &ns), 0u);
+    EXPECT_EQ(nf, 1);
+    EXPECT_EQ(ns, 1);
+    _fs_ocl_free_str_array(files, nf);
+    _fs_ocl_free_str_array(subdirs, ns);
+  }
 }
 
 TEST(OclScanDir, ALoopInsideTheScannedDirectoryFailsWithEleven) {
@@ -234,6 +259,7 @@ TEST(OclScanDir, ALoopInsideTheScannedDirectoryFailsWithEleven) {
   EXPECT_NE(err.find(loop_record(t.path("self"))), std::string::npos) << err;
 }
 
+// The entry stat of the scanners (links followed) and its statuses.
 TEST(OclScanDir, StatStatuses) {
   reset_logging();
   TempTree t;
@@ -241,17 +267,25 @@ TEST(OclScanDir, StatStatuses) {
   t.link("loop_a", "loop_b");
   t.link("loop_b", "loop_a");
   struct stat st {};
-  EXPECT_EQ(_fs_ocl_stat(t.path("f").c_str(), &st), 0u);
+  EXPECT_EQ(stat_entry(t.path("f"), &st), 0u);
   EXPECT_EQ(st.st_size, 3);
-  EXPECT_EQ(_fs_ocl_stat(t.path("missing").c_str(), &st), 1u);
+  EXPECT_EQ(stat_entry(t.path("missing"), &st), 1u);
 
-  std::string err =
-      capture_stderr([&] { EXPECT_EQ(_fs_ocl_stat(t.path("loop_a").c_str(), &st), 11u); });
+  std::string err = capture_stderr([&] { EXPECT_EQ(stat_entry(t.path("loop_a"), &st), 11u); });
   EXPECT_NE(err.find(loop_record(t.path("loop_a"))), std::string::npos) << err;
   EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
 
   std::string too_long = t.path(std::string(300, 'n'));
-  err = capture_stderr([&] { EXPECT_EQ(_fs_ocl_stat(too_long.c_str(), &st), 12u); });
+  err = capture_stderr([&] { EXPECT_EQ(stat_entry(too_long, &st), 12u); });
+  EXPECT_EQ(err, "");
+  // A full name of PATH_MAX bytes or more is too long, whatever the entry.
+  std::string deep = t.root();
+  while (deep.size() < 4096 - 200)
+    deep += "/" + std::string(150, 'd');
+  Walk w(deep);
+  std::string name(4096 - deep.size(), 'n');
+  err = capture_stderr(
+      [&] { EXPECT_EQ(_fs_ocl_stat_entry(w.get(), w.fd(), name.c_str(), &st), 12u); });
   EXPECT_EQ(err, "");
 }
 
@@ -260,8 +294,7 @@ TEST(OclScanDir, TheLoopRecordFollowsTheChannelsLevel) {
   TempTree t;
   t.link("self", "self");
   struct stat st {};
-  std::string err =
-      capture_stderr([&] { EXPECT_EQ(_fs_ocl_stat(t.path("self").c_str(), &st), 11u); });
+  std::string err = capture_stderr([&] { EXPECT_EQ(stat_entry(t.path("self"), &st), 11u); });
   EXPECT_EQ(err, "");
   reset_logging();
 }

@@ -85,9 +85,9 @@ TEST_F(OclTreeModel, DirHashEqualsTheModelForEveryFlagAndMaskSet) {
     std::set<std::string> distinct;
     for (uint32_t flags = 0; flags < 16; ++flags) {
       SCOPED_TRACE(describe(masks) + ", flags " + std::to_string(flags));
-      PathBuf buf(tree_.root());
+      Walk buf(tree_.root());
       uint8_t h[32];
-      ASSERT_EQ(_fs_ocl_create_dir_hash(buf.get(), masks.get(), flags, h), 0u);
+      ASSERT_EQ(_fs_ocl_create_dir_hash(buf.get(), buf.fd(), masks.get(), flags, h), 0u);
       EXPECT_EQ(buf.text(), tree_.root());
       EXPECT_EQ(hex(bytes(h)), hex(bytes(model_dir_hash(tree_.root(), masks, flags))));
       distinct.insert(bytes(h));
@@ -104,9 +104,9 @@ TEST_F(OclTreeModel, DirInfoEqualsTheModelForEveryFlagAndMaskSet) {
   for (const Masks &masks : mask_sets()) {
     for (uint32_t flags = 0; flags < 16; ++flags) {
       SCOPED_TRACE(describe(masks) + ", flags " + std::to_string(flags));
-      PathBuf buf(tree_.root());
+      Walk buf(tree_.root());
       fs_ocl_dir_info *info = nullptr;
-      ASSERT_EQ(_fs_ocl_create_dir_info(buf.get(), masks.get(), flags, 1, &info), 0u);
+      ASSERT_EQ(_fs_ocl_create_dir_info(buf.get(), buf.fd(), masks.get(), flags, 1, &info), 0u);
       EXPECT_EQ(buf.text(), tree_.root());
       auto model = model_dir_info(tree_.root(), masks, flags, true);
       expect_info_matches(info, *model, flags, ".");
@@ -120,10 +120,12 @@ TEST_F(OclTreeModel, DirInfoEqualsTheModelForEveryFlagAndMaskSet) {
 TEST_F(OclTreeModel, StartingBelowTheRoot) {
   const std::string dir = tree_.path("sub1");
   const uint32_t flags = RECURSIVE | CONTROL_DATA | CONTROL_ATTRS;
-  PathBuf buf(dir + std::string(300, 'x'));
-  _fs_str_buf_setlen(buf.get(), static_cast<uint32_t>(dir.size()));
+  Walk buf(dir);
+  fs_str_buf *name = &buf.get()->name;
+  ASSERT_EQ(_fs_str_buf_append(name, std::string(300, 'x').c_str(), (char *)NULL), 0u);
+  _fs_str_buf_setlen(name, static_cast<uint32_t>(dir.size()));
   uint8_t h[32];
-  ASSERT_EQ(_fs_ocl_create_dir_hash(buf.get(), nullptr, flags, h), 0u);
+  ASSERT_EQ(_fs_ocl_create_dir_hash(buf.get(), buf.fd(), nullptr, flags, h), 0u);
   EXPECT_EQ(buf.text(), dir);
   EXPECT_EQ(hex(bytes(h)), hex(bytes(model_dir_hash(dir, Masks(), flags))));
 }

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "fs/ocl_internal.h"
 #include "tests/support/hex.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -147,22 +148,64 @@ private:
   support::temp_dir dir_;
 };
 
-// Owns a path buffer started with `text`.
-class PathBuf {
+// A walk of the library positioned on `path` (under `base`, or on the running system
+// without one), with that path opened as the library opens a directory (or with
+// `flags`); fd() is -1 when it cannot be opened.
+class Walk {
 public:
-  explicit PathBuf(const std::string &text) {
-    if (_fs_str_buf_init(&buf_, text.c_str(), (char *)NULL) != 0)
-      throw std::runtime_error("_fs_str_buf_init failed");
+  explicit Walk(const std::string &path, const char *base = nullptr,
+                int flags = O_RDONLY | O_DIRECTORY) {
+    if (_fs_ocl_walk_init(&w_, base, path.c_str()) != 0)
+      throw std::runtime_error("_fs_ocl_walk_init failed");
+    const std::string full = base ? std::string(base) + path : path;
+    fd_ = open(full.c_str(), flags | O_CLOEXEC);
   }
-  ~PathBuf() { _fs_str_buf_free(&buf_); }
-  PathBuf(const PathBuf &) = delete;
-  PathBuf &operator=(const PathBuf &) = delete;
-  fs_str_buf *get() { return &buf_; }
-  std::string text() const { return std::string(buf_.data, buf_.len); }
+  ~Walk() {
+    if (fd_ >= 0)
+      close(fd_);
+    _fs_ocl_walk_free(&w_);
+  }
+  Walk(const Walk &) = delete;
+  Walk &operator=(const Walk &) = delete;
+  fs_ocl_walk *get() { return &w_; }
+  int fd() const { return fd_; }
+  std::string text() const { return std::string(w_.name.data, w_.name.len); }
 
 private:
-  fs_str_buf buf_;
+  fs_ocl_walk w_;
+  int fd_ = -1;
 };
+
+inline std::string dir_part(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+inline std::string name_part(const std::string &path) { return path.substr(path.rfind('/') + 1); }
+
+// The stat of the file or directory `path` as the scanners take it: the entry of its
+// directory, links followed.
+inline fsic_status stat_entry(const std::string &path, struct stat *st) {
+  Walk w(dir_part(path));
+  return _fs_ocl_stat_entry(w.get(), w.fd(), name_part(path).c_str(), st);
+}
+
+// The content hash of the file `path` as the scanners take it: opened as an entry of
+// its directory without blocking, refused unless regular, hashed from the descriptor.
+inline fsic_status file_hash_of(const std::string &path, uint8_t hash[32],
+                                struct stat *st = nullptr) {
+  Walk w(dir_part(path));
+  int fd;
+  struct stat s;
+  fsic_status status = _fs_ocl_open_entry(w.get(), w.fd(), name_part(path).c_str(),
+                                          O_RDONLY | O_NONBLOCK | O_NOCTTY, &fd, &s);
+  if (status != 0)
+    return status == 7 ? 1 : status;
+  status = S_ISREG(s.st_mode) ? _fs_ocl_fd_hash(fd, hash, &s) : 1;
+  close(fd);
+  if (status == 0 && st)
+    *st = s;
+  return status;
+}
 
 // A NULL-terminated mask array for the library, or NULL when `present` is false.
 class Masks {
