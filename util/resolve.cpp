@@ -101,13 +101,13 @@ int walk_follow(walk_state *w, int dir, const char *name, const char *after) noe
     return -ENAMETOOLONG;
   if (n == 0)
     return -ENOENT;
+  // The target and what follows it ("" for the last component, else "/...").
   size_t after_len = strlen(after);
-  if ((size_t)n + 1 + after_len >= sizeof w->rest)
+  if ((size_t)n + after_len >= sizeof w->rest)
     return -ENAMETOOLONG;
-  // `after` lies inside w->rest: it moves first.
-  memmove(w->rest + n + 1, after, after_len + 1);
+  // `after` may lie inside w->rest: it moves first.
+  memmove(w->rest + n, after, after_len + 1);
   memcpy(w->rest, target, (size_t)n);
-  w->rest[n] = '/';
   if (target[0] == '/')
     walk_pop_all(w);
   return 0;

@@ -135,6 +135,32 @@ int run_unprivileged(const std::function<int()> &body) {
   return code == 255 ? -1 : code;
 }
 
+int run_in_child(const std::function<int()> &body, int timeout_seconds) {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0)
+    throw std::runtime_error("fork failed");
+  if (pid == 0)
+    _exit(body() & 0xFF);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
+  int wstatus = 0;
+  for (;;) {
+    const pid_t done = waitpid(pid, &wstatus, WNOHANG);
+    if (done == pid)
+      break;
+    if (done < 0)
+      return -1;
+    if (std::chrono::steady_clock::now() >= deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &wstatus, 0);
+      return kTimedOut;
+    }
+    struct timespec pause = {0, 20 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
+  }
+  return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+}
+
 int thread_count() {
   DIR *d = opendir("/proc/self/task");
   if (d == nullptr)

@@ -39,6 +39,13 @@ proc_result run(const std::vector<std::string> &argv, const env_list &env = {},
 // (the body's result, 0-255), or -1 when the child could not drop privileges.
 int run_unprivileged(const std::function<int()> &body);
 
+// Runs `body` in a child process with a time limit, so that a call that would block for
+// ever fails the test instead of hanging it. Returns the child's exit code (the body's
+// result, 0-255), kTimedOut when the limit passed (the child is then killed), or -1
+// when the child died otherwise.
+inline constexpr int kTimedOut = -2;
+int run_in_child(const std::function<int()> &body, int timeout_seconds);
+
 // The number of threads of this process (-1 when /proc cannot tell).
 int thread_count();
 
