@@ -9,6 +9,7 @@
 
 #include "fs/ocl_internal.h"
 #include "ocl_test_support.h"
+#include "tests/support/process.h"
 
 using namespace ocltest;
 
@@ -149,6 +150,36 @@ TEST_F(OclAfterScan, AFailureAfterKeptAndDroppedSubdirectoriesReleasesThem) {
     EXPECT_EQ(_fs_ocl_create_dir_hash(buf.get(), buf.fd(), nullptr, RECURSIVE | CONTROL_DATA, h),
               1u);
     EXPECT_EQ(buf.text(), t.root());
+  }
+}
+
+// A FIFO swapped in for a scanned file is opened without blocking and not read: the
+// add fails with 1 at once. Run in a child with a time limit, so that a blocking open
+// fails the test instead of hanging it.
+TEST_F(OclAfterScan, AFifoSwappedInForAFileDoesNotBlock) {
+  t_.dir("s");
+  for (uint32_t flags : {CONTROL_DATA, CONTROL_DATA | CONTROL_ATTRS, EACH_FILE | CONTROL_DATA,
+                         EACH_FILE | CONTROL_ATTRS, CONTROL_ATTRS}) {
+    SCOPED_TRACE(flags);
+    t_.file("s/f", "a file");
+    once_after_scan_of(t_.path("s"), [&] {
+      t_.remove("s/f");
+      t_.fifo("s/f");
+    });
+    int code = support::run_in_child(
+        [&] {
+          fs_ocl *ocl = nullptr;
+          if (fs_ocl_create(&ocl) != 0)
+            return 100;
+          fsic_status status =
+              fs_ocl_add_dir(ocl, t_.root().c_str(), "/s", nullptr, flags, nullptr);
+          fs_ocl_destroy(ocl);
+          return static_cast<int>(status);
+        },
+        10);
+    EXPECT_EQ(code, 1) << (code == support::kTimedOut ? "timed out" : "");
+    after_scan = nullptr;
+    t_.remove("s/f");
   }
 }
 

@@ -289,6 +289,23 @@ TEST(OclScanDir, StatStatuses) {
   EXPECT_EQ(err, "");
 }
 
+// A name with control characters in the loop record is written with them escaped: the
+// record stays one line and cannot pass for a record of its own.
+TEST(OclScanDir, TheLoopRecordEscapesControlCharacters) {
+  reset_logging();
+  TempTree t;
+  const std::string name = "a\n2026-01-01 [fs_ocl] ERROR: forged\tb\\c";
+  t.link(name, name);
+  Listing l;
+  std::string err = capture_stderr([&] { l = scan(t.root()); });
+  EXPECT_EQ(l.status, 11u);
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  EXPECT_NE(
+      err.find(loop_record(t.root() + "/a\\x0a2026-01-01 [fs_ocl] ERROR: forged\\x09b\\x5cc")),
+      std::string::npos)
+      << err;
+}
+
 TEST(OclScanDir, TheLoopRecordFollowsTheChannelsLevel) {
   reset_logging("FATAL");
   TempTree t;
