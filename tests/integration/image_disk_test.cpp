@@ -138,6 +138,13 @@ protected:
     ASSERT_TRUE(support::write_text(src + kImage, pattern(256 << 10, 1)));
     ASSERT_TRUE(support::write_text(src + kSecond, pattern(128 << 10, 2)));
     ASSERT_TRUE(support::write_text(src + kLongImage, pattern(64 << 10, 3)));
+    // Links that lead out of the volume to a file of the host, or climb above its root
+    // back to one of its own images, and a FIFO.
+    host_image_ = work_ / "host.img";
+    ASSERT_TRUE(support::write_text(host_image_, pattern(64 << 10, 4)));
+    ASSERT_EQ(symlink(host_image_.c_str(), (src + "/images/host.lnk").c_str()), 0);
+    ASSERT_EQ(symlink("../../../../images/disk.img", (src + "/images/inside.lnk").c_str()), 0);
+    ASSERT_EQ(mkfifo((src + "/images/fifo").c_str(), 0644), 0);
 
     const std::string outer = work_ / "outer.img";
     ASSERT_TRUE(support::make_ext4_image(outer, 16 << 20, src));
@@ -201,6 +208,7 @@ protected:
   support::test_disk_list holder_;
   std::unique_ptr<support::test_volume> storing_;
   fs_disk_list *list_ = nullptr;
+  std::string host_image_;
 };
 
 TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
@@ -408,6 +416,29 @@ TEST_F(ImageDiskTest, AMissingFileFailsAndLeavesNothingAttachedOrHeld) {
   EXPECT_TRUE(guard_.made_since().empty());
   // The name is free for a later attempt.
   EXPECT_EQ(add(kImage, "missing", nullptr), FSIC_OK);
+}
+
+// The image's path resolves inside the storing volume: a link to a file of the host is
+// a link to nothing there, and one that climbs above the volume's root stays in it.
+TEST_F(ImageDiskTest, AnImagePathResolvesInsideItsVolume) {
+  const auto before = bound_loops();
+  fs_image_disk *image = nullptr;
+  EXPECT_EQ(add("/images/host.lnk", "host", &image), FSIC_ERR_FAILED);
+  EXPECT_EQ(bound_loops(), before);
+  for (const auto &[dev, file] : bound_loops())
+    EXPECT_NE(file, host_image_) << dev;
+  EXPECT_EQ(storing()->mount_count, 0);
+
+  ASSERT_EQ(add("/images/inside.lnk", "inside", &image), FSIC_OK);
+  EXPECT_EQ(read_device(image->devnode, 4096), pattern(256 << 10, 1).substr(0, 4096));
+}
+
+// A FIFO given as the image is refused at once, not waited on (in a child with a time
+// limit, so that a blocking open fails the test instead of hanging it).
+TEST_F(ImageDiskTest, AFifoIsRefusedWithoutBlocking) {
+  int code = support::run_in_child(
+      [&] { return static_cast<int>(add("/images/fifo", "fifo", nullptr)); }, 20);
+  EXPECT_EQ(code, 1) << (code == support::kTimedOut ? "timed out" : "");
 }
 
 TEST_F(ImageDiskTest, AStoringVolumeThatCannotBeMountedFailsWithItsStatus) {
