@@ -116,10 +116,13 @@ FSIC_API fsic_status fs_disk_list_add_lvm_groups(fs_disk_list *list) FSIC_NOEXCE
  * it) read-only to the first free loop device and appends it to the list's image disks
  * under `name`; its partitions become volumes of the image-partition kind. The storing
  * volume stays mounted (one hold) while the image is attached. *out, when `out` is not
- * NULL, receives the new record. 0; 2 when `path` does not begin with "/"; 10 when an
- * image disk of that name is already in the list (no loop device is touched then); 7
- * when no loop device is free; 8 when udev does not settle in time; 1 when the loop
- * device, the file, udev or sysfs fails; 3 when memory is exhausted; a failure to mount
+ * NULL, receives the new record. `path` resolves inside the storing volume, links
+ * included, as object paths do under a base (see fs_ocl_add_file); anything but a
+ * regular file is refused without being read. 0; 2 when `path` does not begin with "/";
+ * 10 when an image disk of that name is already in the list (no loop device is touched
+ * then); 7 when no loop device is free; 8 when udev does not settle in time; 1 when the
+ * loop device, the file (missing, not regular, a link out of the volume), udev or sysfs
+ * fails; 3 when memory is exhausted; a failure to mount
  * the storing volume passes through. A failure leaves nothing attached or held.
  */
 FSIC_API fsic_status fs_disk_list_add_image_disk(fs_disk_list *list, fs_volume *volume,

@@ -99,18 +99,23 @@ FSIC_API void fs_ocl_destroy(fs_ocl *ocl) FSIC_NOEXCEPT;
 
 /*
  * Adds the regular file `path` (must begin with "/"), found under the directory `base`
- * (a volume's mount point; NULL: `path` as it stands), with the given flags. `out`,
- * when not NULL, receives the new object. 0; 2 relative path; 3 memory; 7 the file
- * cannot be stat'ed or is not a regular file; 1 it cannot be read. A failed add leaves
- * the list as it was.
- */
-FSIC_API fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
-                                     uint32_t flags, fs_ocl_object **out) FSIC_NOEXCEPT;
-
-/*
- * Adds the directory `path` with the file-name masks (NULL-terminated array, copied;
- * NULL admits every file) and flags. Statuses as for files (7: not a directory), and
- * 11 (symbolic-link loop) or 12 (path too long) from scanning the tree.
+ * (a volume's mount point; NULL: `path` as it stands on the running system), with the
+ * given flags. `out`, when not NULL, receives the new object.
+ *
+ * Under a base every path resolves with the base as the root, as for a system booted
+ * from that volume: ".." never climbs above it, a symbolic link met on the way,
+ * absolute or relative, is followed within it (an absolute link /etc/x means the
+ * volume's own /etc/x), and mounts inside it are not crossed. A link that leads nowhere
+ * inside the volume is a dangling link. Files are opened without blocking and anything
+ * but a regular file is not read. The size, mtime and ctime of a file are taken before
+ * and after it is hashed; a file that changes meanwhile is read again, up to 3 times,
+ * so that the size and mtime stored with a hash always describe the bytes hashed.
+ *
+ * 0; 2 `path` is relative or has a "." or ".." component (empty components are allowed:
+ * "/a/" and "/a" are different objects); 3 memory; 7 the file cannot be resolved under
+ * the base (missing, dangling, a link loop, across a mount) or is not a regular file;
+ * 1 it cannot be read; 13 it kept changing while it was read. A failed add leaves the
+ * list as it was.
  */
 FSIC_API fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path,
                                     char *const *masks, uint32_t flags,
