@@ -122,8 +122,8 @@ FSIC_API fsic_status fs_disk_list_add_lvm_groups(fs_disk_list *list) FSIC_NOEXCE
  * 10 when an image disk of that name is already in the list (no loop device is touched
  * then); 7 when no loop device is free; 8 when udev does not settle in time; 1 when the
  * loop device, the file (missing, not regular, a link out of the volume), udev or sysfs
- * fails; 3 when memory is exhausted; a failure to mount
- * the storing volume passes through. A failure leaves nothing attached or held.
+ * fails; 3 when memory is exhausted; a failure to mount the storing volume passes
+ * through. A failure leaves nothing attached or held.
  */
 FSIC_API fsic_status fs_disk_list_add_image_disk(fs_disk_list *list, fs_volume *volume,
                                                  const char *path, const char *name,
