@@ -117,6 +117,18 @@ FSIC_API void fs_ocl_destroy(fs_ocl *ocl) FSIC_NOEXCEPT;
  * 1 it cannot be read; 13 it kept changing while it was read. A failed add leaves the
  * list as it was.
  */
+FSIC_API fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path,
+                                     uint32_t flags, fs_ocl_object **out) FSIC_NOEXCEPT;
+
+/*
+ * Adds the directory `path` with the file-name masks (NULL-terminated array, copied;
+ * NULL admits every file) and flags. Paths resolve as for files, every scanned name and
+ * link included; a subdirectory on which another file system is mounted counts as an
+ * empty one and a link across a mount is passed over. Statuses as for files (7: not a
+ * directory; 1 also for a link inside the tree that leads nowhere, or a file on another
+ * mount), and 11 (symbolic-link loop) or 12 (a full name of PATH_MAX bytes or more)
+ * from scanning the tree.
+ */
 FSIC_API fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path,
                                     char *const *masks, uint32_t flags,
                                     fs_ocl_object **out) FSIC_NOEXCEPT;
