@@ -1,5 +1,6 @@
 // Internal interfaces of the object control list: attributes, directory scanning,
-// hashing, directory control info, and the list's blob records.
+// hashing, directory control info, the list's blob records, and the rules for paths
+// and names.
 #ifndef FSIC_FS_OCL_INTERNAL_H
 #define FSIC_FS_OCL_INTERNAL_H
 
@@ -80,6 +81,16 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) FSIC_NOEXCEPT;
 fsic_status _fs_ocl_write_to_wbuf(const fs_ocl *ocl, wb *buf) FSIC_NOEXCEPT;
 // Reads one list at the buffer's position, leaving the position after it.
 fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) FSIC_NOEXCEPT;
+
+// ---- names ----
+
+// Whether the `len` bytes at `path` are an object path: 1 or 0. A path begins with "/",
+// holds no NUL and has no "." or ".." component; empty components ("//", a "/" at the
+// end) are allowed.
+int _fs_ocl_path_is_valid(const char *path, size_t len) FSIC_NOEXCEPT;
+// Whether the `len` bytes at `name` are the name of a file or subdirectory in a
+// directory control info: 1 or 0. Not empty, not "." or "..", and neither "/" nor NUL.
+int _fs_ocl_name_is_valid(const char *name, size_t len) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS
 
