@@ -6,6 +6,7 @@
 // bytes and its allocation hook are used instead.
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 
 namespace {
 size_t g_largest = 0; // the largest block asked for since the last reset
@@ -17,7 +18,8 @@ void note_request(size_t size) {
 
 #if defined(__SANITIZE_ADDRESS__)
 // The sanitizer runtime's own count and hooks (declared here: the compiler ships no
-// header for them). The hook sees the blocks that were handed out.
+// header for them). The hook sees the blocks that were handed out; the runtime installs
+// no malloc hook without a free hook beside it.
 extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void *,
                                                                              size_t),
@@ -25,7 +27,8 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(con
 
 namespace {
 void on_malloc(const volatile void *, size_t size) { note_request(size); }
-[[maybe_unused]] const int g_hooks = __sanitizer_install_malloc_and_free_hooks(on_malloc, nullptr);
+void on_free(const volatile void *) {}
+const int g_hooks = __sanitizer_install_malloc_and_free_hooks(on_malloc, on_free);
 } // namespace
 
 namespace ocltest {
@@ -82,6 +85,12 @@ long heap_in_use() { return g_live; }
 #endif
 
 namespace ocltest {
-size_t largest_block_since_reset() { return g_largest; }
+size_t largest_block_since_reset() {
+#if defined(__SANITIZE_ADDRESS__)
+  if (!g_hooks)
+    throw std::runtime_error("the sanitizer's allocation hook could not be installed");
+#endif
+  return g_largest;
+}
 void reset_largest_block() { g_largest = 0; }
 } // namespace ocltest
