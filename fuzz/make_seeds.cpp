@@ -34,7 +34,7 @@ using fuzz::Writer;
 
 fsys::path g_out;
 
-void die(const std::string &what) {
+[[noreturn]] void die(const std::string &what) {
   fprintf(stderr, "make_seeds: %s\n", what.c_str());
   exit(1);
 }
