@@ -1,7 +1,8 @@
 // Writes the seed corpora of the fuzz targets: the worked examples of the formats,
 // blobs that the library writes for lists built from a real directory tree (every
-// combination of flags, masks, nesting), identifier records of every kind, and
-// configuration files and format strings from the logging tests.
+// combination of flags, masks, nesting), blobs of each kind that the readers refuse,
+// identifier records of every kind, and configuration files and format strings from
+// the logging tests.
 //
 //   fuzz_make_seeds <dir>   writes <dir>/<target>/<name> for every target
 //
@@ -239,7 +240,8 @@ void write_ocl_seeds(const fsys::path &root) {
   }
 
   // By hand: masks before the directory's flags, two objects with one path (the later
-  // one wins), objects out of order, a NUL inside a path, trailing bytes, a bad type.
+  // one wins), objects out of order, trailing bytes, a bad type, and what the reader
+  // refuses.
   Writer w;
   w.u32(3);
   w.u16(1);
