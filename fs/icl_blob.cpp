@@ -8,6 +8,10 @@
 
 namespace {
 
+// The smallest entry: the shortest identifier record (kind, an empty string and the
+// number, or two empty strings) and the smallest list record.
+constexpr uint32_t kMinEntrySize = 6 + FS_OCL_MIN_LIST_SIZE;
+
 // Reads one entry and puts it at the front of the list.
 fsic_status read_volume(rb *buf, fs_icl *list) noexcept {
   fs_volume_id *id;
@@ -66,6 +70,8 @@ extern "C" fsic_status fs_icl_read_from_rbuf(rb *buf, fs_icl **out) noexcept {
     return status;
   uint16_t count;
   status = rb_read_uint16(buf, &count);
+  if (status == FSIC_OK && !_fs_rb_count_fits(buf, count, kMinEntrySize))
+    status = FSIC_ERR_FAILED;
   for (uint32_t i = 0; status == FSIC_OK && i < count; i++)
     status = read_volume(buf, list);
   if (status != FSIC_OK) {
@@ -76,11 +82,19 @@ extern "C" fsic_status fs_icl_read_from_rbuf(rb *buf, fs_icl **out) noexcept {
   return FSIC_OK;
 }
 
+// The list is the whole blob: bytes after its last entry are refused.
 extern "C" fsic_status fs_icl_read_from_mem(const uint8_t *blob, uint32_t length,
                                             fs_icl **out) noexcept {
   rb buf;
   rb_init(&buf, blob, length);
-  fsic_status status = fs_icl_read_from_rbuf(&buf, out);
+  fs_icl *list;
+  fsic_status status = fs_icl_read_from_rbuf(&buf, &list);
+  if (status == FSIC_OK && buf.pos != buf.size) {
+    fs_icl_destroy(list);
+    status = FSIC_ERR_FAILED;
+  }
   rb_finalize(&buf, 0);
+  if (status == FSIC_OK)
+    *out = list;
   return status;
 }

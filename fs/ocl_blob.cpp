@@ -103,6 +103,29 @@ fsic_status write_object(wb *buf, const fs_ocl_object *obj) noexcept {
 
 namespace {
 
+// The smallest encodings, in bytes, against which a count read from a blob is checked
+// before anything is allocated for its entries. A name or a path is a string (u16
+// length, then its bytes) of at least one byte; a mask may be empty.
+constexpr uint32_t kMinNameSize = 3;
+constexpr uint32_t kMinMaskSize = 2;
+constexpr uint32_t kFileAttrsSize = 16;
+constexpr uint32_t kDirAttrsSize = 8;
+// An info record with both counts 0.
+constexpr uint32_t kMinInfoSize = 8;
+// The type, the path "/" and the smallest body, a file object's flags.
+constexpr uint32_t kMinObjectSize = 2 + kMinNameSize + 2;
+
+// A file entry of an info record: its name, and its hash and attributes by the flags.
+uint32_t min_file_entry_size(uint32_t flags) noexcept {
+  return kMinNameSize + ((flags & CONTROL_DATA) ? FS_OCL_HASH_SIZE : 0) +
+         ((flags & CONTROL_ATTRS) ? kFileAttrsSize : 0);
+}
+
+// A subdirectory entry: its name, its info record and, by the flags, its attributes.
+uint32_t min_subdir_entry_size(uint32_t flags) noexcept {
+  return kMinNameSize + kMinInfoSize + ((flags & CONTROL_ATTRS) ? kDirAttrsSize : 0);
+}
+
 // `count` elements of `size` bytes, or nullptr when that cannot be had (including a
 // product that size_t cannot hold, as on 32-bit targets).
 void *alloc_array(uint32_t count, size_t size, bool zero) noexcept {
@@ -136,6 +159,31 @@ fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
   return rb_read(buf, hash, FS_OCL_HASH_SIZE);
 }
 
+// A mask may be anything but a string with a NUL, which its copy would cut short.
+int mask_is_valid(const char *mask, size_t len) noexcept { return !memchr(mask, '\0', len); }
+
+// A NUL-terminated copy of the `len` bytes at `view`, which *out receives.
+fsic_status alloc_str(const char *view, uint16_t len, char **out) noexcept {
+  char *copy = static_cast<char *>(malloc((size_t)len + 1));
+  if (!copy)
+    return FSIC_ERR_NO_MEMORY;
+  memcpy(copy, view, len);
+  copy[len] = '\0';
+  *out = copy;
+  return FSIC_OK;
+}
+
+// The next string of the blob as a new copy; 1 when `valid` refuses its bytes.
+fsic_status read_valid_str(rb *buf, int (*valid)(const char *, size_t) noexcept,
+                           char **out) noexcept {
+  const char *view;
+  uint16_t len;
+  FSIC_TRY(rb_read_str(buf, &view, &len));
+  if (!valid(view, len))
+    return FSIC_ERR_FAILED;
+  return alloc_str(view, len, out);
+}
+
 // Count 0 gives null masks; otherwise a nullptr-terminated array of copies, which *out
 // receives at once: it is filled in order, so it is nullptr-terminated at every step.
 fsic_status read_masks(rb *buf, char ***out) noexcept {
@@ -143,19 +191,34 @@ fsic_status read_masks(rb *buf, char ***out) noexcept {
   FSIC_TRY(rb_read_uint16(buf, &count));
   if (count == 0)
     return FSIC_OK;
+  if (!_fs_rb_count_fits(buf, count, kMinMaskSize))
+    return FSIC_ERR_FAILED;
   char **masks = *out = static_cast<char **>(calloc((size_t)count + 1, sizeof(char *)));
   if (!masks)
     return FSIC_ERR_NO_MEMORY;
   for (uint16_t i = 0; i < count; i++)
-    FSIC_TRY(rb_read_and_alloc_zstr(buf, &masks[i]));
+    FSIC_TRY(read_valid_str(buf, mask_is_valid, &masks[i]));
   return FSIC_OK;
 }
 
-// A count read from the blob; the record holds it as a signed 32-bit number, so a
-// larger one cannot be held (as its arrays cannot be allocated).
-fsic_status read_count(rb *buf, uint32_t *out) noexcept {
+// A count read from the blob; 1 when that many entries of `entry_size` bytes or more
+// cannot fit in what remains of the blob. The record holds counts as signed 32-bit
+// numbers: as no entry is shorter than a name and a blob is shorter than 2^32 bytes,
+// every count that fits is below INT32_MAX as well.
+static_assert(UINT32_MAX / kMinNameSize <= (uint32_t)INT32_MAX);
+fsic_status read_count(rb *buf, uint32_t entry_size, uint32_t *out) noexcept {
   FSIC_TRY(rb_read_uint32(buf, out));
-  return *out > (uint32_t)INT32_MAX ? FSIC_ERR_NO_MEMORY : FSIC_OK;
+  return _fs_rb_count_fits(buf, *out, entry_size) ? FSIC_OK : FSIC_ERR_FAILED;
+}
+
+// The name of entry `i` of a level's files or subdirectories into names[i]: 1 when it
+// is no valid name, or when it does not come strictly after the name before it (the
+// arrays are in ascending byte order, each name once).
+fsic_status read_entry_name(rb *buf, char **names, uint32_t i) noexcept {
+  FSIC_TRY(read_valid_str(buf, _fs_ocl_name_is_valid, &names[i]));
+  if (i > 0 && strcmp(names[i - 1], names[i]) >= 0)
+    return FSIC_ERR_FAILED;
+  return FSIC_OK;
 }
 
 } // namespace
@@ -165,18 +228,19 @@ fsic_status read_count(rb *buf, uint32_t *out) noexcept {
 // nested deeper than the stack can hold would crash the process: a few bytes per level
 // suffice (70000 levels, some 770 KB, overflow an 8 MB stack). A scanned tree stays far
 // below this, as every path in it is shorter than PATH_MAX (4096 bytes, at least two
-// per level); a deeper blob is treated like a count too large to allocate: status 3.
+// per level); a deeper blob is refused with status 3, as a tree that cannot be held.
 #define MAX_INFO_DEPTH 4096u
 
 namespace {
 
 fsic_status read_dir_info(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_info **out) noexcept;
 
-// The counts grow as entries are read, so that a failure part-way frees (and touches)
-// only what was read; a huge count costs no more than the blob that backs it.
+// The arrays are allocated at the full count, which the blob has been checked to be able
+// to back; the counts in the record grow as entries are read, so that a failure
+// part-way frees (and touches) only what was read.
 fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_info *info) noexcept {
   uint32_t count;
-  FSIC_TRY(read_count(buf, &count));
+  FSIC_TRY(read_count(buf, min_subdir_entry_size(flags), &count));
   if (count == 0)
     return FSIC_OK;
   info->subdir_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));
@@ -190,8 +254,8 @@ fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_inf
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    FSIC_TRY(rb_read_and_alloc_zstr(buf, &info->subdir_names[i]));
     info->subdir_count = (int32_t)i + 1;
+    FSIC_TRY(read_entry_name(buf, info->subdir_names, i));
     // Kept even when empty: the blob is taken as it is.
     FSIC_TRY(read_dir_info(buf, flags, depth + 1, &info->subdir_infos[i]));
     if (flags & CONTROL_ATTRS)
@@ -202,7 +266,7 @@ fsic_status read_subdirs(rb *buf, uint32_t flags, unsigned depth, fs_ocl_dir_inf
 
 fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept {
   uint32_t count;
-  FSIC_TRY(read_count(buf, &count));
+  FSIC_TRY(read_count(buf, min_file_entry_size(flags), &count));
   if (count == 0)
     return FSIC_OK;
   info->file_names = static_cast<char **>(alloc_array(count, sizeof(char *), true));
@@ -217,8 +281,8 @@ fsic_status read_files(rb *buf, uint32_t flags, fs_ocl_dir_info *info) noexcept 
     return FSIC_ERR_NO_MEMORY;
 
   for (uint32_t i = 0; i < count; i++) {
-    FSIC_TRY(rb_read_and_alloc_zstr(buf, &info->file_names[i]));
     info->file_count = (int32_t)i + 1;
+    FSIC_TRY(read_entry_name(buf, info->file_names, i));
     if (flags & CONTROL_DATA)
       FSIC_TRY(rb_read(buf, info->file_hashes[i], FS_OCL_HASH_SIZE));
     if (flags & CONTROL_ATTRS)
@@ -258,6 +322,8 @@ fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
   uint16_t path_len;
   uint16_t flags;
   FSIC_TRY(rb_read_str(buf, &path_view, &path_len));
+  if (!_fs_ocl_path_is_valid(path_view, path_len))
+    return FSIC_ERR_FAILED;
   FSIC_TRY(rb_read_uint16(buf, &flags));
   object_owner obj = start_object(sizeof(fs_ocl_file_object), FS_OCL_FILE, flags);
   if (!obj)
@@ -267,11 +333,7 @@ fsic_status read_file_object(rb *buf, fs_ocl_object **out) noexcept {
     FSIC_TRY(read_new(buf, &file->hash, FS_OCL_HASH_SIZE, read_hash));
   if (flags & CONTROL_ATTRS)
     FSIC_TRY(read_new(buf, &file->attrs, sizeof(fs_ocl_file_attrs), read_file_attrs));
-  obj->path = static_cast<char *>(malloc((size_t)path_len + 1));
-  if (!obj->path)
-    return FSIC_ERR_NO_MEMORY;
-  memcpy(obj->path, path_view, path_len);
-  obj->path[path_len] = '\0';
+  FSIC_TRY(alloc_str(path_view, path_len, &obj->path));
   *out = obj.release();
   return FSIC_OK;
 }
@@ -282,7 +344,7 @@ fsic_status read_dir_object(rb *buf, fs_ocl_object **out) noexcept {
   if (!obj)
     return FSIC_ERR_NO_MEMORY;
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
-  FSIC_TRY(rb_read_and_alloc_zstr(buf, &obj->path));
+  FSIC_TRY(read_valid_str(buf, _fs_ocl_path_is_valid, &obj->path));
   FSIC_TRY(read_masks(buf, &dir->masks));
   uint16_t flags;
   FSIC_TRY(rb_read_uint16(buf, &flags));
@@ -338,7 +400,10 @@ fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) noexcept {
 
   uint32_t count;
   fsic_status status = rb_read_uint32(buf, &count);
-  // No allocation depends on the count: a false one runs out of blob.
+  // No allocation depends on the count, but a count that the blob cannot back is as
+  // wrong as one that it backs in part.
+  if (status == FSIC_OK && !_fs_rb_count_fits(buf, count, kMinObjectSize))
+    status = FSIC_ERR_FAILED;
   for (uint32_t i = 0; status == FSIC_OK && i < count; i++) {
     fs_ocl_object *obj;
     status = read_object(buf, &obj);
@@ -354,10 +419,22 @@ fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) noexcept {
   return FSIC_OK;
 }
 
+// A list on its own is the whole blob: bytes after it are refused.
 fsic_status fs_ocl_read_from_mem(const uint8_t *data, uint32_t size, fs_ocl **out) noexcept {
   rb buf;
   rb_init(&buf, data, size);
-  return _fs_ocl_read_from_rbuf(&buf, out);
+  fs_ocl *ocl;
+  FSIC_TRY(_fs_ocl_read_from_rbuf(&buf, &ocl));
+  if (buf.pos != buf.size) {
+    fs_ocl_destroy(ocl);
+    return FSIC_ERR_FAILED;
+  }
+  *out = ocl;
+  return FSIC_OK;
+}
+
+int _fs_rb_count_fits(const rb *buf, uint32_t count, uint32_t entry_size) noexcept {
+  return count <= (buf->size - buf->pos) / entry_size;
 }
 
 } // extern "C"

@@ -1,5 +1,6 @@
 // Internal interfaces of the object control list: attributes, directory scanning,
-// hashing, directory control info, and the list's blob records.
+// hashing, directory control info, the list's blob records, and the rules for paths
+// and names.
 #ifndef FSIC_FS_OCL_INTERNAL_H
 #define FSIC_FS_OCL_INTERNAL_H
 
@@ -103,8 +104,25 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) FSIC_NOEXCEPT;
 
 // Appends the list to a write buffer; the first failing write's status.
 fsic_status _fs_ocl_write_to_wbuf(const fs_ocl *ocl, wb *buf) FSIC_NOEXCEPT;
-// Reads one list at the buffer's position, leaving the position after it.
+// Reads one list at the buffer's position, leaving the position after it; what follows
+// the list is left unread.
 fsic_status _fs_ocl_read_from_rbuf(rb *buf, fs_ocl **out) FSIC_NOEXCEPT;
+// Whether `count` entries of at least `entry_size` bytes each (not 0) fit in the bytes
+// that remain in the buffer: 1 or 0. Readers ask before they allocate anything for a
+// count, so that a count read from a blob costs no more memory than the blob can back.
+int _fs_rb_count_fits(const rb *buf, uint32_t count, uint32_t entry_size) FSIC_NOEXCEPT;
+// The smallest list record: its object count alone.
+#define FS_OCL_MIN_LIST_SIZE 4u
+
+// ---- names ----
+
+// Whether the `len` bytes at `path` are an object path: 1 or 0. A path begins with "/",
+// holds no NUL and has no "." or ".." component; empty components ("//", a "/" at the
+// end) are allowed.
+int _fs_ocl_path_is_valid(const char *path, size_t len) FSIC_NOEXCEPT;
+// Whether the `len` bytes at `name` are the name of a file or subdirectory in a
+// directory control info: 1 or 0. Not empty, not "." or "..", and neither "/" nor NUL.
+int _fs_ocl_name_is_valid(const char *name, size_t len) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS
 

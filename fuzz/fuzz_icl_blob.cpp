@@ -1,17 +1,20 @@
-// Fuzz target: the integrity control list blob (fs_icl_read_from_mem and its writer).
+// Fuzz target: the integrity control list blob (fs_icl_read_from_rbuf,
+// fs_icl_read_from_mem and the writer).
 //
 // Properties, for every input b (model and normal form in blob_model.h):
-//  1. The reader's status is the model's (3 also accepted after a request of 1 MiB or
-//     more); on failure the out-pointer is untouched and nothing leaks.
+//  1. The reader's status from a buffer is the model's; on failure the out-pointer is
+//     untouched and nothing leaks.
 //  2. On success the reader stops where the model's last entry ends; the list holds as
 //     many entries as the u16 count says, `count` agrees, and every entry has an
 //     identifier and an object control list.
 //  3. W1 = write(read(b)) is the count followed by the entries' normal forms in the
 //     reverse of their blob order (each entry read goes to the front).
 //  4. W2 = write(read(W1)) is the count followed by the entries' normal forms in blob
-//     order; with no NUL in any string and every embedded list in normal form (sorted,
-//     unique paths, count exact) that is exactly the consumed prefix of b.
+//     order; with no NUL in any identifier string and every embedded list in normal
+//     form (sorted, unique paths, count exact) that is exactly the consumed prefix of b.
 //  5. Saving and restoring alternates: write(read(W2)) == W1.
+//  6. Read on its own (fs_icl_read_from_mem), b gives the same status, except that a
+//     list followed by more bytes is refused with 1.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -58,7 +61,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   rb_init(&buf, data, static_cast<uint32_t>(size));
   fs_icl *list = kUntouched;
   const fsic_status status = fs_icl_read_from_rbuf(&buf, &list);
-  FUZZ_CHECK(fuzz::status_matches(status, want));
+  FUZZ_CHECK(status == want.status);
+
+  fs_icl *whole = kUntouched;
+  const fsic_status whole_status = fs_icl_read_from_mem(data, static_cast<uint32_t>(size), &whole);
+  FUZZ_CHECK(whole_status == fuzz::whole_status(want, size));
+  if (whole_status == FSIC_OK)
+    fs_icl_destroy(whole);
+  else
+    FUZZ_CHECK(whole == kUntouched);
+
   if (status != FSIC_OK) {
     FUZZ_CHECK(list == kUntouched);
     return 0;

@@ -1,18 +1,24 @@
-// Fuzz target: the object control list blob (fs_ocl_read_from_mem and its writer).
+// Fuzz target: the object control list blob (_fs_ocl_read_from_rbuf,
+// fs_ocl_read_from_mem and the writer).
 //
 // Properties, for every input b:
-//  1. The reader's status is the model's (blob_model.h): 0, 1 for a short blob or an
-//     unknown object type, 3 for a count above INT32_MAX or too deep a tree; 3 is also
-//     accepted after the reader asked for a block of at least 1 MiB. On failure the
-//     out-pointer is untouched (and, with LeakSanitizer, nothing stays allocated).
+//  1. The reader's status from a buffer is the model's (blob_model.h): 0; 1 for a short
+//     blob, an unknown object type, a path or name that no list may hold, names out of
+//     order, a mask with a NUL, or a count that the rest of the blob cannot back; 3 for
+//     too deep a tree. On failure the out-pointer is untouched (and, with
+//     LeakSanitizer, nothing stays allocated).
 //  2. On success the reader stops exactly where the model's list ends (trailing bytes
 //     are left unread), and the list is well formed: `count` is the number of objects,
 //     paths strictly ascending by strcmp and found by fs_ocl_find_object, every hash,
-//     attribute record, mask array and info record present exactly as the flags say.
+//     attribute record, mask array and info record present exactly as the flags say,
+//     and the names of every level strictly ascending.
 //  3. write(read(b)) is the model's normal form of the consumed prefix of b: objects
-//     sorted by path, the later of two equal paths kept, the count recomputed, strings
-//     cut at a NUL, everything else byte for byte.
+//     sorted by path, the later of two equal paths kept, the count recomputed,
+//     everything else byte for byte.
 //  4. The normal form is a fixed point: it reads back whole and writes back identical.
+//  5. Read on its own (fs_ocl_read_from_mem), b gives the same status, except that a
+//     list followed by more bytes is refused with 1; a list that is all of b reads as
+//     from a buffer.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,6 +43,7 @@ void check_info(const fs_ocl_dir_info *info, uint32_t flags, unsigned depth) {
     FUZZ_CHECK(((flags & CONTROL_ATTRS) != 0) == (info->subdir_attrs != nullptr));
     for (int32_t i = 0; i < info->subdir_count; i++) {
       FUZZ_CHECK(info->subdir_names[i] != nullptr);
+      FUZZ_CHECK(i == 0 || strcmp(info->subdir_names[i - 1], info->subdir_names[i]) < 0);
       check_info(info->subdir_infos[i], flags, depth + 1);
     }
   } else {
@@ -46,8 +53,10 @@ void check_info(const fs_ocl_dir_info *info, uint32_t flags, unsigned depth) {
     FUZZ_CHECK(info->file_names != nullptr);
     FUZZ_CHECK(((flags & CONTROL_DATA) != 0) == (info->file_hashes != nullptr));
     FUZZ_CHECK(((flags & CONTROL_ATTRS) != 0) == (info->file_attrs != nullptr));
-    for (int32_t i = 0; i < info->file_count; i++)
+    for (int32_t i = 0; i < info->file_count; i++) {
       FUZZ_CHECK(info->file_names[i] != nullptr);
+      FUZZ_CHECK(i == 0 || strcmp(info->file_names[i - 1], info->file_names[i]) < 0);
+    }
   } else {
     FUZZ_CHECK(!info->file_names && !info->file_hashes && !info->file_attrs);
   }
@@ -58,7 +67,7 @@ void check_list(fs_ocl *ocl) {
   const char *prev = nullptr;
   for (fs_ocl_object *obj = fs_ocl_first_object(ocl); obj; obj = fs_ocl_next_object(obj)) {
     n++;
-    FUZZ_CHECK(obj->path != nullptr);
+    FUZZ_CHECK(obj->path != nullptr && obj->path[0] == '/');
     FUZZ_CHECK(!prev || strcmp(prev, obj->path) < 0);
     FUZZ_CHECK(fs_ocl_find_object(ocl, obj->path) == obj);
     prev = obj->path;
@@ -107,7 +116,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   rb_init(&buf, data, static_cast<uint32_t>(size));
   fs_ocl *ocl = kUntouched;
   const fsic_status status = _fs_ocl_read_from_rbuf(&buf, &ocl);
-  FUZZ_CHECK(fuzz::status_matches(status, want));
+  FUZZ_CHECK(status == want.status);
+
+  fs_ocl *whole = kUntouched;
+  const fsic_status whole_status = fs_ocl_read_from_mem(data, static_cast<uint32_t>(size), &whole);
+  FUZZ_CHECK(whole_status == fuzz::whole_status(want, size));
+  if (whole_status == FSIC_OK) {
+    FUZZ_CHECK(write_list(whole) == want.normal);
+    fs_ocl_destroy(whole);
+  } else {
+    FUZZ_CHECK(whole == kUntouched);
+  }
+
   if (status != FSIC_OK) {
     FUZZ_CHECK(ocl == kUntouched);
     return 0;

@@ -1,7 +1,8 @@
 // Writes the seed corpora of the fuzz targets: the worked examples of the formats,
 // blobs that the library writes for lists built from a real directory tree (every
-// combination of flags, masks, nesting), identifier records of every kind, and
-// configuration files and format strings from the logging tests.
+// combination of flags, masks, nesting), blobs of each kind that the readers refuse,
+// identifier records of every kind, and configuration files and format strings from
+// the logging tests.
 //
 //   fuzz_make_seeds <dir>   writes <dir>/<target>/<name> for every target
 //
@@ -34,7 +35,7 @@ using fuzz::Writer;
 
 fsys::path g_out;
 
-void die(const std::string &what) {
+[[noreturn]] void die(const std::string &what) {
   fprintf(stderr, "make_seeds: %s\n", what.c_str());
   exit(1);
 }
@@ -122,6 +123,101 @@ std::vector<fs_ocl *> ocl_seeds(const fsys::path &root) {
   return lists;
 }
 
+// One file object at `path` (flags 0) as a list of its own.
+Bytes file_list(const std::string &path) {
+  Writer w;
+  w.u32(1);
+  w.u16(0);
+  w.str(path);
+  w.u16(0);
+  return w.b;
+}
+
+// One EACH_FILE | RECURSIVE directory /d whose root level holds these files and (empty)
+// subdirectories, in this order.
+Bytes level_list(const std::vector<std::string> &files, const std::vector<std::string> &subdirs) {
+  Writer w;
+  w.u32(1);
+  w.u16(1);
+  w.str("/d");
+  w.u16(0);
+  w.u16(3);
+  w.u32(static_cast<uint32_t>(subdirs.size()));
+  for (const std::string &name : subdirs) {
+    w.str(name);
+    w.u32(0);
+    w.u32(0);
+  }
+  w.u32(static_cast<uint32_t>(files.size()));
+  for (const std::string &name : files)
+    w.str(name);
+  return w.b;
+}
+
+// A directory /d with these flags whose root info record starts with the counts (the
+// file count only when there are no subdirectories), followed by `filler` zero bytes.
+Bytes counts_list(uint32_t subdirs, uint32_t files, uint16_t flags, size_t filler) {
+  Writer w;
+  w.u32(1);
+  w.u16(1);
+  w.str("/d");
+  w.u16(0);
+  w.u16(flags);
+  w.u32(subdirs);
+  if (subdirs == 0)
+    w.u32(files);
+  w.b.resize(w.b.size() + filler, 0);
+  return w.b;
+}
+
+// Blobs that the reader refuses with 1: paths and names that no list may hold, names
+// out of order, masks with a NUL, counts that the rest of the blob cannot back.
+void write_ocl_refusal_seeds() {
+  const std::string nul_path("/a\0x", 4), nul_name("a\0b", 3);
+  save("ocl_blob", "path-relative", file_list("../../etc/shadow"));
+  save("ocl_blob", "path-up", file_list("/../../.."));
+  save("ocl_blob", "path-dot", file_list("/a/./b"));
+  save("ocl_blob", "path-dot-dot-last", file_list("/a/.."));
+  save("ocl_blob", "path-nul", file_list(nul_path));
+  save("ocl_blob", "name-empty", level_list({""}, {}));
+  save("ocl_blob", "name-dot", level_list({"."}, {}));
+  save("ocl_blob", "name-dot-dot", level_list({}, {".."}));
+  save("ocl_blob", "name-slash", level_list({"a/b"}, {}));
+  save("ocl_blob", "name-nul", level_list({}, {nul_name}));
+  save("ocl_blob", "files-unsorted", level_list({"b", "a"}, {}));
+  save("ocl_blob", "subdirs-unsorted", level_list({}, {"b", "a"}));
+  save("ocl_blob", "names-equal", level_list({"a", "a"}, {"a"}));
+  save("ocl_blob", "names-ascending", level_list({"A", "a", "b", "\xc3\xa9"}, {"a", "b"}));
+
+  Writer masks;
+  masks.u32(1);
+  masks.u16(1);
+  masks.str("/d");
+  masks.u16(2);
+  masks.str("");
+  masks.str(std::string("*.exe\0.dll", 10));
+  masks.u16(0);
+  masks.b.resize(masks.b.size() + 32, 0xAB);
+  save("ocl_blob", "mask-nul", masks.b);
+
+  save("ocl_blob", "object-count-too-large", Bytes{0xFF, 0xFF, 0, 0, 0, 0, 1, 0, '/', 0, 0});
+  Writer mask_count;
+  mask_count.u32(1);
+  mask_count.u16(1);
+  mask_count.str("/d");
+  mask_count.u16(0xFFFF);
+  save("ocl_blob", "mask-count-too-large", mask_count.b);
+  // The 18-byte blob of 2^31 - 1 subdirectories with attributes.
+  save("ocl_blob", "subdir-count-too-large", counts_list(0x7FFFFFFF, 0, 0x0F, 0));
+  save("ocl_blob", "file-count-too-large", counts_list(0, 0x7FFFFFFF, 0x0D, 0));
+  // Counts whose smallest entries exactly fill the rest (taken, then the entries are
+  // refused), and one more (refused at once).
+  save("ocl_blob", "file-count-at-limit", counts_list(0, 20, 0x0D, 20 * 51));
+  save("ocl_blob", "file-count-over-limit", counts_list(0, 21, 0x0D, 20 * 51));
+  save("ocl_blob", "subdir-count-at-limit", counts_list(20, 0, 0x0B, 20 * 19));
+  save("ocl_blob", "subdir-count-over-limit", counts_list(21, 0, 0x0B, 20 * 19));
+}
+
 void write_ocl_seeds(const fsys::path &root) {
   // Worked examples: the empty list, one file /a with flags 12 (60 bytes), one
   // EACH_FILE directory /d holding the file f (25 bytes).
@@ -144,7 +240,8 @@ void write_ocl_seeds(const fsys::path &root) {
   }
 
   // By hand: masks before the directory's flags, two objects with one path (the later
-  // one wins), objects out of order, a NUL inside a path, trailing bytes, a bad type.
+  // one wins), objects out of order, trailing bytes, a bad type, and what the reader
+  // refuses.
   Writer w;
   w.u32(3);
   w.u16(1);
@@ -165,21 +262,23 @@ void write_ocl_seeds(const fsys::path &root) {
     w.b.push_back(static_cast<uint8_t>(i));
   save("ocl_blob", "masks-and-repeated-path", w.b);
 
+  // Objects out of order and bytes after the list: read from a buffer, the list ends
+  // before them; read on its own, the blob is refused.
   Writer order;
   order.u32(2);
   order.u16(0);
   order.str("/z");
   order.u16(0);
   order.u16(0);
-  order.u16(2);
-  order.b.insert(order.b.end(), {'/', 'a', 0, 'x'}); // /a with a NUL inside
+  order.str("/a");
   order.u16(0);
   order.b.insert(order.b.end(), {0xDE, 0xAD}); // trailing bytes
-  save("ocl_blob", "unsorted-nul-trailing", order.b);
+  save("ocl_blob", "unsorted-trailing", order.b);
   save("ocl_blob", "unknown-type", Bytes{1, 0, 0, 0, 2, 0, 2, 0, '/', 'x'});
   // An info record whose counts ask for far more than the blob holds.
   save("ocl_blob", "huge-counts",
        Bytes{1, 0, 0, 0, 1, 0, 2, 0, '/', 'd', 0, 0, 0x0F, 0, 0xFF, 0xFF, 0xFF, 0x0F});
+  write_ocl_refusal_seeds();
 }
 
 void write_id_seeds() {
@@ -227,6 +326,51 @@ void write_icl_seeds(const fsys::path &root) {
   // A count of two with one entry; an unknown kind.
   save("icl_blob", "count-two-one-entry", Bytes{2, 0, 0, 0, 1, 0, 'A', 1, 0, 0, 0, 0, 0});
   save("icl_blob", "unknown-kind", Bytes{1, 0, 7, 0});
+
+  // Refused with 1: a count of one over two entries (the second is left over), bytes
+  // after the last entry, more entries than the blob can hold (10 bytes each at
+  // least), and an entry whose list holds a path or a name out of the volume or a
+  // file count of 2^31 - 1 with hashes and attributes.
+  const Bytes entry{0, 0, 1, 0, 'A', 1, 0, 0, 0, 0, 0};
+  save("icl_blob", "count-lower-than-entries", concat(concat(Bytes{1, 0}, entry), entry));
+  save("icl_blob", "trailing-byte", concat(concat(Bytes{1, 0}, entry), Bytes{0}));
+  save("icl_blob", "entry-count-too-large",
+       concat(Bytes{2, 0}, Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  const Bytes id{0, 0, 1, 0, 'S', 1, 0};
+  Writer path;
+  path.u32(1);
+  path.u16(0);
+  path.str("../../etc/shadow");
+  path.u16(0);
+  save("icl_blob", "path-relative", concat(concat(Bytes{1, 0}, id), path.b));
+  Writer up;
+  up.u32(1);
+  up.u16(1);
+  up.str("/../../..");
+  up.u16(0);
+  up.u16(0);
+  up.b.resize(up.b.size() + 32, 0);
+  save("icl_blob", "path-up", concat(concat(Bytes{1, 0}, id), up.b));
+  Writer name;
+  name.u32(1);
+  name.u16(1);
+  name.str("/d");
+  name.u16(0);
+  name.u16(1);
+  name.u32(0);
+  name.u32(2);
+  name.str("a/b");
+  name.str("..");
+  save("icl_blob", "names-not-file-names", concat(concat(Bytes{1, 0}, id), name.b));
+  Writer huge;
+  huge.u32(1);
+  huge.u16(1);
+  huge.str("/d");
+  huge.u16(0);
+  huge.u16(0x0D);
+  huge.u32(0);
+  huge.u32(0x7FFFFFFF);
+  save("icl_blob", "file-count-too-large", concat(concat(Bytes{1, 0}, id), huge.b));
 }
 
 void write_log_seeds() {

@@ -2,11 +2,17 @@
 // options, and the one-time loading of LOG_LEVEL and the LOG_CONFIG file.
 //
 // Nothing here reports errors: a bad value, a malformed line or a missing file is
-// ignored and every setting stays as it was.
+// ignored and every setting stays as it was. The LOG_CONFIG file is read only when it is
+// a regular file, and only its first 1 MiB.
 #include "util/log_internal.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace fsic::detail;
 
@@ -292,15 +298,52 @@ void set_level_from_env(void) noexcept {
     default_flags = configured_mask(level);
 }
 
+// At most this much of the LOG_CONFIG file is read; a line cut there ends the file.
+constexpr size_t config_size_limit = 1u << 20;
+
+// A descriptor read through a stream, up to a number of bytes.
+struct limited_input {
+  int fd;
+  size_t left;
+};
+
+ssize_t read_limited(void *cookie, char *buf, size_t size) noexcept {
+  auto *in = static_cast<limited_input *>(cookie);
+  if (size > in->left)
+    size = in->left;
+  if (size == 0)
+    return 0;
+  ssize_t n;
+  do
+    n = read(in->fd, buf, size);
+  while (n < 0 && errno == EINTR);
+  if (n > 0)
+    in->left -= (size_t)n;
+  return n;
+}
+
+// Only a regular file is read: anything else (a FIFO or terminal that would block, a
+// device without end such as /dev/zero, a directory) counts as a file that cannot be
+// opened. The descriptor is opened without blocking, so that a FIFO without a writer
+// is seen for what it is instead of waited for.
 void load_config_from_file(void) noexcept {
   const char *path = getenv("LOG_CONFIG");
   if (!path)
     return;
-  FILE *file = fopen(path, "r");
-  if (!file)
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0)
     return;
-  load_config_from_stream(file);
-  fclose(file);
+  struct stat st;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    limited_input in = {fd, config_size_limit};
+    cookie_io_functions_t io = {read_limited, nullptr, nullptr, nullptr};
+    FILE *file = fopencookie(&in, "r", io);
+    if (file) {
+      load_config_from_stream(file);
+      fclose(file);
+    }
+  }
+  close(fd);
 }
 
 void load_config(void) noexcept {

@@ -80,10 +80,20 @@ FSIC_API fsic_status fs_icl_write_to_mem(const fs_icl *list, uint8_t **blob,
 /* Appends the list to a write buffer: the first failing write's status. */
 FSIC_API fsic_status fs_icl_write_to_wbuf(const fs_icl *list, wb *buf) FSIC_NOEXCEPT;
 
-/* Reads a list from a blob that stays the caller's: 0; 1 blob too short, unknown
- * identifier kind or object type; 3. Bytes after the last entry are ignored. */
+/*
+ * Reads a list from a blob that stays the caller's: 0; 3 memory exhausted; 1 when the
+ * blob is not a list:
+ *  - it ends inside a field, or bytes follow the last entry;
+ *  - an unknown identifier kind;
+ *  - an entry count whose entries, each at its smallest (10 bytes: an identifier of 6
+ *    and an empty object list of 4), could not fit in the bytes that remain;
+ *  - any refusal of an entry's object control list (fs_ocl_read_from_mem: object
+ *    types, paths, names and their order, masks, counts).
+ */
 FSIC_API fsic_status fs_icl_read_from_mem(const uint8_t *blob, uint32_t length,
                                           fs_icl **out) FSIC_NOEXCEPT;
+/* The same at the buffer's position, which ends after the last entry: what follows it
+ * is left unread. */
 FSIC_API fsic_status fs_icl_read_from_rbuf(rb *buf, fs_icl **out) FSIC_NOEXCEPT;
 
 FSIC_END_DECLS

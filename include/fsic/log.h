@@ -12,7 +12,9 @@
  * Configuration, loaded once per process on the first resolution of any channel:
  * the environment variable LOG_LEVEL (a class name or a number) sets the default
  * level; LOG_CONFIG names a file with "[channel]" sections and the keys "level" and
- * "format". Records go to standard error, laid out by the current format (default
+ * "format" (read only when it is a regular file, and at most its first 1 MiB; anything
+ * else counts as a file that cannot be opened). Records go to standard error, laid out
+ * by the current format (default
  * "%{timestamp} [%{channel}] %{class}: %{source} %{message}").
  */
 #ifndef FSIC_LOG_H

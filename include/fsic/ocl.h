@@ -147,8 +147,21 @@ FSIC_API fs_ocl_object *fs_ocl_next_object(fs_ocl_object *obj) FSIC_NOEXCEPT;
 FSIC_API fsic_status fs_ocl_write_to_mem(const fs_ocl *ocl, uint8_t **data,
                                          uint32_t *size) FSIC_NOEXCEPT;
 
-/* Reads a list from a blob that stays the caller's: 0; 1 blob too short or an unknown
- * object type; 3. Bytes after the list are ignored. */
+/*
+ * Reads a list from a blob that stays the caller's: 0; 3 memory exhausted (or info
+ * records nested deeper than 4096 levels); 1 when the blob is not a list:
+ *  - it ends inside a field, or bytes follow the list;
+ *  - an object type other than FS_OCL_FILE and FS_OCL_DIR;
+ *  - an object path that does not begin with "/", has a "." or ".." component, or
+ *    holds a NUL;
+ *  - a file or subdirectory name that is empty, "." or "..", or holds "/" or a NUL;
+ *  - within one level, file names (or subdirectory names) that do not strictly ascend
+ *    in byte order (strcmp);
+ *  - a mask that holds a NUL (an empty mask is read);
+ *  - a count whose entries, each at its smallest, could not fit in the bytes that
+ *    remain; it is refused before anything is allocated for it.
+ * A repeated object path keeps the later object.
+ */
 FSIC_API fsic_status fs_ocl_read_from_mem(const uint8_t *data, uint32_t size,
                                           fs_ocl **out) FSIC_NOEXCEPT;
 

@@ -1,6 +1,7 @@
 // Allocations of the logging library. It allocates nothing of its own: its tables are
-// static. The configuration loader's only allocations are libc's (fopen's FILE and the
-// stream's buffer), which the process scope fails: the loader reports nothing by design,
+// static. The configuration loader's only allocations are libc's (the FILE of the
+// stream over the file's descriptor, and the stream's buffer), which the process scope
+// fails: the loader reports nothing by design,
 // so a configuration file whose stream cannot be made counts as missing (nothing is
 // applied), and a stream without a buffer is read unbuffered (everything is applied).
 // Either way nothing is left allocated and no half-applied configuration remains.
@@ -152,7 +153,7 @@ TEST_F(FaultLog, LibcsAllocationsOfTheLoader) {
   int nothing_applied = 0;
   const operation load = load_op(fault::scope::process, &nothing_applied);
   const fault::outcome o = fault::run(load);
-  EXPECT_GT(o.points, 0) << "fopen makes its FILE";
+  EXPECT_GT(o.points, 0) << "the stream's FILE is allocated";
   std::printf("  runs that ended with nothing applied (the stream could not be made): %d\n",
               nothing_applied);
   EXPECT_GT(nothing_applied, 0);

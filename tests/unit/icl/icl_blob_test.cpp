@@ -1,6 +1,7 @@
 // Blob format of the integrity control list: exact bytes, the alternating order of
 // entries on save and restore, round trips of random lists of all identifier kinds,
-// truncated and padded blobs, duplicates, and the 16-bit entry count.
+// truncated and padded blobs, duplicates, the 16-bit entry count, and the refusal of
+// paths and names that no list may hold and of counts that the blob cannot back.
 #include <sys/stat.h>
 
 #include <string>
@@ -17,6 +18,7 @@ namespace {
 using namespace icltest;
 using ocltest::FileAttrs;
 using ocltest::Hash;
+using ocltest::reset_largest_block;
 using ocltest::TempDir;
 
 fs_icl *const kUntouched = reinterpret_cast<fs_icl *>(0x4321);
@@ -120,26 +122,124 @@ TEST(IclBlob, TwoEntriesAreWrittenNewestFirstAndReadBackReversed) {
   EXPECT_EQ(Bytes(again.begin(), again.begin() + 11), a_first);
 }
 
-TEST(IclBlob, BytesAfterTheLastEntryAreIgnored) {
+TEST(IclBlob, BytesAfterTheLastEntryAreRefusedWith1) {
   Entry a{Id{1, "image", 3, ""}, {file_obj("/f", 12, 9)}};
   Bytes b = encode_list({a});
-  const size_t exact = b.size();
   for (const Bytes &tail : {Bytes{0x00}, Bytes{0xFF, 0xFF, 0xFF}, encode_list({a})}) {
     Bytes padded = b;
     padded.insert(padded.end(), tail.begin(), tail.end());
-    IclPtr back;
-    ASSERT_EQ(read_icl(padded, &back), FSIC_OK);
-    expect_list(back.get(), {a});
-    EXPECT_EQ(blob_of(back.get()).size(), exact);
+    EXPECT_EQ(read_fails(padded), FSIC_ERR_FAILED) << tail.size() << " bytes more";
+
+    // Read from a buffer, the list ends where its last entry does.
+    rb in;
+    rb_init(&in, padded.data(), static_cast<uint32_t>(padded.size()));
+    fs_icl *list = nullptr;
+    ASSERT_EQ(fs_icl_read_from_rbuf(&in, &list), FSIC_OK);
+    EXPECT_EQ(in.pos, b.size());
+    IclPtr owned(list);
+    expect_list(owned.get(), {a});
   }
-  IclPtr empty;
-  ASSERT_EQ(read_icl(Bytes{0x00, 0x00, 0x12, 0x34}, &empty), FSIC_OK);
-  EXPECT_EQ(empty->count, 0u);
+  EXPECT_EQ(read_fails(Bytes{0x00, 0x00, 0x12, 0x34}), FSIC_ERR_FAILED);
+  EXPECT_EQ(read_fails(Bytes{0x00, 0x00, 0x00}), FSIC_ERR_FAILED);
+}
+
+TEST(IclBlob, ACountLowerThanTheEntriesPresentIsRefusedWith1) {
+  Entry a{Id{0, "ABC", 1, ""}, {file_obj("/a", 12, 1)}};
+  Entry b{Id{2, "vg", 0, "lv"}, {file_obj("/b", 0, 2)}};
+  EXPECT_EQ(read_fails(encode_list({a, b}, 1)), FSIC_ERR_FAILED);
+  EXPECT_EQ(read_fails(encode_list({a, b}, 0)), FSIC_ERR_FAILED);
+  IclPtr back;
+  ASSERT_EQ(read_icl(encode_list({a, b}, 2), &back), FSIC_OK);
+}
+
+// Blobs of one entry whose object list holds one object, as encoded.
+Bytes one_object(const Bytes &object) {
+  Enc e;
+  e.u16(1).u16(0).str("S").u16(1).u32(1).raw(object);
+  return e.b;
+}
+
+TEST(IclBlob, PathsOutsideTheVolumeAndPathsWithANulAreRefusedWith1) {
+  for (const std::string path :
+       {"../../etc/shadow", "/../../..", "/a/./b", "/a/..", "relative", ""}) {
+    Obj f = file_obj(path, 12, 1);
+    EXPECT_EQ(read_fails(one_object(ocltest::encode_object(f))), FSIC_ERR_FAILED) << path;
+    Obj d;
+    d.type = FS_OCL_DIR;
+    d.path = path;
+    EXPECT_EQ(read_fails(one_object(ocltest::encode_object(d))), FSIC_ERR_FAILED) << path;
+  }
+  // Once cut at the NUL and read as "/etc".
+  Obj cut = file_obj(std::string("/etc\0/passwd", 12), 0, 1);
+  EXPECT_EQ(read_fails(one_object(ocltest::encode_object(cut))), FSIC_ERR_FAILED);
+}
+
+TEST(IclBlob, NamesThatAreNoFileNamesAndNamesOutOfOrderAreRefusedWith1) {
+  const std::vector<std::vector<std::string>> refused{
+      {".."},     {"."},     {""}, {"a/b"}, {"../../etc"}, {std::string("a\0b", 3)},
+      {"b", "a"}, {"a", "a"}};
+  for (const auto &names : refused) {
+    for (bool as_subdirs : {false, true}) {
+      SCOPED_TRACE(names[0] + (as_subdirs ? " as subdirectories" : " as files"));
+      Obj d;
+      d.type = FS_OCL_DIR;
+      d.path = "/d";
+      d.flags = EACH_FILE | RECURSIVE;
+      for (const std::string &name : names) {
+        if (as_subdirs)
+          d.info.subs.push_back(ocltest::Sub{name, {}, {}});
+        else
+          d.info.files.push_back(ocltest::FileEnt{name, {}, {}});
+      }
+      EXPECT_EQ(read_fails(one_object(ocltest::encode_object(d))), FSIC_ERR_FAILED);
+    }
+  }
+}
+
+TEST(IclBlob, AHugeFileCountAllocatesNothingLargeAndIsRefusedWith1) {
+  // An info record of 2^31 - 1 files with hashes and attributes: once some 110 GB of
+  // arrays asked for by a 30-byte blob.
+  Enc e;
+  e.u16(1).u16(0).str("").u16(1);                         // one entry, partition "" 1
+  e.u32(1).u16(FS_OCL_DIR).str("/d").u16(0);              // one directory, no masks
+  e.u16(EACH_FILE | CONTROL_DATA | CONTROL_ATTRS).u32(0); // flags, no subdirectories
+  e.u32(0x7FFFFFFFu);                                     // the file count
+  ASSERT_EQ(e.b.size(), 30u);
+  EXPECT_EQ(read_fails(e.b), FSIC_ERR_FAILED);
+  reset_largest_block();
+  fs_icl *out = nullptr;
+  EXPECT_EQ(fs_icl_read_from_mem(e.b.data(), static_cast<uint32_t>(e.b.size()), &out),
+            FSIC_ERR_FAILED);
+  EXPECT_LT(ocltest::largest_block_since_reset(), 1024u);
+}
+
+TEST(IclBlob, AnEntryCountTooLargeForTheBlobIsRefusedWith1) {
+  // The smallest entry is 10 bytes: an identifier of 6 and an empty list of 4. Refused
+  // before the first entry is read: that entry would end the read with 3.
+  Enc entry;
+  entry.u16(0).str("S").u16(1).u32(1).raw(ocltest::deep_dir_object(4097));
+  EXPECT_EQ(read_fails(Enc().u16(1).raw(entry.b).b), FSIC_ERR_NO_MEMORY);
+  EXPECT_EQ(read_fails(Enc().u16(0xFFFF).raw(entry.b).b), FSIC_ERR_FAILED);
+  const uint16_t too_many = static_cast<uint16_t>(entry.b.size() / 10 + 1);
+  EXPECT_EQ(read_fails(Enc().u16(too_many).raw(entry.b).b), FSIC_ERR_FAILED);
+
+  // Three smallest entries fill 30 bytes: read; a count of 4 over them is refused.
+  Enc three;
+  three.u16(3);
+  for (int i = 0; i < 3; i++)
+    three.u16(2).str("").str("").u32(0);
+  ASSERT_EQ(three.b.size(), 32u);
+  IclPtr back;
+  ASSERT_EQ(read_icl(three.b, &back), FSIC_OK);
+  EXPECT_EQ(back->count, 3u);
+  three.b[0] = 4;
+  EXPECT_EQ(read_fails(three.b), FSIC_ERR_FAILED);
 }
 
 TEST(IclBlob, ACountAbove65535IsStoredInSixteenBits) {
-  // 65536 entries: N is written as 0 and all entries follow; read back, the list is
-  // empty. This is the defined behaviour of the 16-bit count.
+  // 65536 entries: N is written as 0 and all entries follow. This is the defined
+  // behaviour of the 16-bit count. As a blob of its own the list is refused (bytes
+  // follow its end); read from a buffer, it is empty and ends after the count.
   IclPtr list = new_icl();
   const uint32_t n = 65536;
   for (uint32_t i = 0; i < n; i++)
@@ -170,7 +270,13 @@ TEST(IclBlob, ACountAbove65535IsStoredInSixteenBits) {
   }
 
   IclPtr back;
-  ASSERT_EQ(read_icl(b, &back), FSIC_OK);
+  EXPECT_EQ(read_icl(b, &back), FSIC_ERR_FAILED);
+  rb in;
+  rb_init(&in, b.data(), static_cast<uint32_t>(b.size()));
+  fs_icl *raw = nullptr;
+  ASSERT_EQ(fs_icl_read_from_rbuf(&in, &raw), FSIC_OK);
+  back.reset(raw);
+  EXPECT_EQ(in.pos, 2u);
   EXPECT_EQ(back->count, 0u);
   EXPECT_EQ(fs_icl_first_volume(back.get()), nullptr);
 
@@ -180,7 +286,11 @@ TEST(IclBlob, ACountAbove65535IsStoredInSixteenBits) {
   EXPECT_EQ(b2[0], 0x01);
   EXPECT_EQ(b2[1], 0x00);
   IclPtr back2;
-  ASSERT_EQ(read_icl(b2, &back2), FSIC_OK);
+  EXPECT_EQ(read_icl(b2, &back2), FSIC_ERR_FAILED);
+  rb_init(&in, b2.data(), static_cast<uint32_t>(b2.size()));
+  ASSERT_EQ(fs_icl_read_from_rbuf(&in, &raw), FSIC_OK);
+  back2.reset(raw);
+  EXPECT_EQ(in.pos, 2u + 12u); // N, the identifier of 8 bytes and the empty list
   expect_list(back2.get(), {Entry{Id{2, "g", 0, "v"}, {}}});
 }
 

@@ -1,6 +1,6 @@
 // Shared helpers of the integrity control list tests: owning pointers, identifiers,
 // entries made by hand, an encoder of list blobs of its own (built on the object list
-// encoder), a model of whole lists, and a measure of the heap in use.
+// encoder) and a model of whole lists.
 #ifndef FSIC_TESTS_UNIT_ICL_ICL_TEST_UTIL_H
 #define FSIC_TESTS_UNIT_ICL_ICL_TEST_UTIL_H
 
@@ -30,11 +30,7 @@ using ocltest::Enc;
 using ocltest::Obj;
 using ocltest::OclPtr;
 
-// The heap in use by the program right now (heap_count.cpp; blocks, or bytes under the
-// sanitizers). Comparing two readings around a call shows whether the call left
-// anything allocated: the test programs are single-threaded, so nothing else allocates
-// in between.
-long heap_in_use();
+using ocltest::heap_in_use;
 
 // ---------------------------------------------------------------- owning pointers
 

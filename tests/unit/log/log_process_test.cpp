@@ -5,6 +5,10 @@
 #include <fsic/log.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <utility>
@@ -33,8 +37,8 @@ protected:
   }
 
   // Runs the probe with this process's environment minus LOG_LEVEL and LOG_CONFIG,
-  // plus `env`.
-  static ProbeRun probe(const Env &env, const Args &args) {
+  // plus `env`; it is killed after `timeout_seconds`.
+  static ProbeRun probe(const Env &env, const Args &args, int timeout_seconds = 60) {
     support::env_list changes = {{"LOG_LEVEL", std::nullopt}, {"LOG_CONFIG", std::nullopt}};
     for (const auto &[name, value] : env)
       changes.emplace_back(name, value);
@@ -43,7 +47,7 @@ protected:
       argv.push_back(LOG_PROBE_EMULATOR);
     argv.push_back(LOG_PROBE_PATH);
     argv.insert(argv.end(), args.begin(), args.end());
-    return support::run(argv, changes, /*system_path=*/false);
+    return support::run(argv, changes, /*system_path=*/false, timeout_seconds);
   }
 
   support::temp_dir dir_{"fsic-log-test", std::nothrow};
@@ -162,6 +166,68 @@ TEST_F(LogProcess, MissingConfigFileChangesNothing) {
   const ProbeRun r = probe({{"LOG_CONFIG", dir_ / "none"}}, all_classes("fs"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1)}));
+}
+
+// Files that are no regular files count as files that cannot be opened: nothing of
+// them is read, and reading them never blocks. A probe that hangs is killed after
+// kNoWait seconds and fails the test.
+constexpr int kNoWait = 20;
+
+TEST_F(LogProcess, ConfigFromDevZeroReturnsAndChangesNothing) {
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", "/dev/zero"}}, all_classes("fs") + Args{"flags", "fs"}, kNoWait);
+  ASSERT_FALSE(r.timed_out) << "reading /dev/zero as the configuration did not end";
+  ASSERT_EQ(r.status, 0) << r.describe();
+  EXPECT_TRUE(HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1)}));
+  EXPECT_EQ(r.out, "fs 0x3\n");
+}
+
+TEST_F(LogProcess, ConfigFromAFifoWithoutWriterReturnsAndChangesNothing) {
+  const std::string fifo = dir_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0) << strerror(errno);
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", fifo}}, all_classes("fs") + Args{"flags", "fs"}, kNoWait);
+  ASSERT_FALSE(r.timed_out) << "opening a FIFO without a writer as the configuration blocked";
+  ASSERT_EQ(r.status, 0) << r.describe();
+  EXPECT_TRUE(HasRecords(r.err, {rest("fs", "FATAL", 0), rest("fs", "ERROR", 1)}));
+  EXPECT_EQ(r.out, "fs 0x3\n");
+}
+
+TEST_F(LogProcess, ConfigThatIsADirectoryChangesNothing) {
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", dir_.path()}}, Args{"flags", "fs", "entry", "own"}, kNoWait);
+  ASSERT_FALSE(r.timed_out);
+  ASSERT_EQ(r.status, 0) << r.describe();
+  EXPECT_EQ(r.out, "fs 0x3\nentry own none\n");
+}
+
+TEST_F(LogProcess, OnlyTheFirstMebibyteOfTheConfigFileIsRead) {
+  const size_t limit = 1 << 20;
+  // Applied: sections at the start; then comment lines up to the limit, where the
+  // line "level=23" is cut after "level=2" and read as that; then a section beyond it.
+  std::string text = "[fs]\nlevel=4\n[own]\n";
+  const std::string cut_line = "level=2";
+  const std::string comment = "# " + std::string(61, 'c') + "\n";
+  while (text.size() + comment.size() <= limit - cut_line.size())
+    text += comment;
+  text += std::string(limit - cut_line.size() - text.size() - 1, '#') + "\n";
+  text += cut_line;
+  ASSERT_EQ(text.size(), limit);
+  text += "3\n[late]\nlevel=5\nformat='%{class}: %{message}'\n";
+
+  const ProbeRun r =
+      probe({{"LOG_CONFIG", config(text)}},
+            Args{"flags", "fs", "flags", "own", "entry", "late"} + rec("fs", 1, "e\n"), kNoWait);
+  ASSERT_EQ(r.status, 0) << r.describe();
+  EXPECT_EQ(r.out, "fs 0x1f\nown 0x7\nentry late none\n");
+  EXPECT_TRUE(HasRecords(r.err, {" [fs] ERROR: mount:run_cmd:135 e\n"})) << r.err;
+
+  // The same lines in a small file apply whole.
+  const ProbeRun whole = probe({{"LOG_CONFIG", config("[fs]\nlevel=4\n[own]\nlevel=23\n"
+                                                      "[late]\nlevel=5\n")}},
+                               Args{"flags", "fs", "flags", "own", "entry", "late"}, kNoWait);
+  ASSERT_EQ(whole.status, 0) << whole.describe();
+  EXPECT_EQ(whole.out, "fs 0x1f\nown 0xffffff\nentry late 0x3f\n");
 }
 
 TEST_F(LogProcess, SectionsAndGlobalLevels) {

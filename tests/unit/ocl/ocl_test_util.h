@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -47,6 +48,19 @@ inline Hash gost(const std::string &data) {
   gost_r3411_94_free_context(ctx);
   return h;
 }
+
+// ---------------------------------------------------------------- the heap
+
+// Defined in heap_count.cpp, which only the tests that use them link.
+//
+// The heap in use by the program right now (blocks, or bytes under the sanitizers).
+// Comparing two readings around a call shows whether the call left anything allocated:
+// the test programs are single-threaded, so nothing else allocates in between.
+long heap_in_use();
+// The largest single block asked for since the last reset (under the sanitizers: the
+// largest one handed out).
+size_t largest_block_since_reset();
+void reset_largest_block();
 
 // ---------------------------------------------------------------- the list itself
 
@@ -227,6 +241,20 @@ inline Bytes encode_object(const Obj &o) {
   return e.b;
 }
 
+// A directory object /d (EACH_FILE | RECURSIVE) whose info records nest `levels` deep:
+// each holds one subdirectory "a" but the deepest, which is empty. The reader refuses
+// more than 4096 levels with 3, before it reads anything after them.
+inline Bytes deep_dir_object(unsigned levels) {
+  Enc e;
+  e.u16(FS_OCL_DIR).str("/d").u16(0).u16(EACH_FILE | RECURSIVE);
+  for (unsigned i = 1; i < levels; i++)
+    e.u32(1).str("a");
+  e.u32(0).u32(0);
+  for (unsigned i = 1; i < levels; i++)
+    e.u32(0);
+  return e.b;
+}
+
 // ---------------------------------------------------------------- checks against the model
 
 inline void expect_fattrs(const fs_ocl_file_attrs &a, const FileAttrs &m) {
@@ -338,7 +366,8 @@ public:
   uint32_t below(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng_); }
   bool chance(uint32_t percent) { return below(100) < percent; }
 
-  // 1 to 12 bytes, mostly printable, sometimes bytes above 0x7f (unsigned order).
+  // 1 to 12 bytes, mostly printable, sometimes bytes above 0x7f (unsigned order); never
+  // "." or "..", which no list may hold.
   std::string name() {
     static const char alpha[] = "abcAZ09._-~ x";
     std::string s;
@@ -346,6 +375,8 @@ public:
     for (uint32_t i = 0; i < len; i++)
       s.push_back(chance(10) ? static_cast<char>(0x80 + below(0x80))
                              : alpha[below(sizeof(alpha) - 1)]);
+    if (s == "." || s == "..")
+      s += "x";
     return s;
   }
   std::string path() {
@@ -378,7 +409,8 @@ public:
                     static_cast<uint16_t>(rng_())};
   }
 
-  // Any shape the blob can hold, empty subdirectories included.
+  // Any shape the blob can hold, empty subdirectories included; the names of each array
+  // strictly ascending, as the blob must have them.
   Info info(int depth) {
     Info in;
     uint32_t nsub = depth > 0 ? below(4) : 0;
@@ -387,6 +419,8 @@ public:
     uint32_t nfile = below(5);
     for (uint32_t i = 0; i < nfile; i++)
       in.files.push_back(FileEnt{name(), hash(), fattrs()});
+    sort_unique(&in.subs);
+    sort_unique(&in.files);
     return in;
   }
 
@@ -416,6 +450,16 @@ public:
   }
 
 private:
+  // Sorted by name (std::string orders bytes as unsigned, as strcmp does), the first of
+  // equal names kept.
+  template <class T>
+  static void sort_unique(std::vector<T> *entries) {
+    auto by_name = [](const T &a, const T &b) { return a.name < b.name; };
+    std::stable_sort(entries->begin(), entries->end(), by_name);
+    auto same = [](const T &a, const T &b) { return a.name == b.name; };
+    entries->erase(std::unique(entries->begin(), entries->end(), same), entries->end());
+  }
+
   std::mt19937 rng_;
 };
 
