@@ -45,25 +45,11 @@ using namespace fsic::detail;
 
 using object_owner = owner<fs_ocl_object, _fs_ocl_destroy_object>;
 
-// Whether an object path has a "." or ".." component (empty ones are allowed: "/a/"
-// and "/a" are different objects).
-bool has_dot_component(const char *path) noexcept {
-  for (const char *p = path; *p;) {
-    while (*p == '/')
-      ++p;
-    size_t len = strcspn(p, "/");
-    if ((len == 1 && p[0] == '.') || (len == 2 && p[0] == '.' && p[1] == '.'))
-      return true;
-    p += len;
-  }
-  return false;
-}
-
 // Starts an object of the given size: zero-filled, with its own copy of the path, which
 // must be absolute and free of "." and ".." components.
 fsic_status start_object(size_t size, const char *path, uint32_t type, uint32_t flags,
                          object_owner *out) noexcept {
-  if (!path || path[0] != '/' || has_dot_component(path))
+  if (!path || !_fs_ocl_path_is_valid(path, strlen(path)))
     return FSIC_ERR_RELATIVE_PATH;
   object_owner obj(static_cast<fs_ocl_object *>(ic_util_zalloc(size)));
   if (!obj)
