@@ -58,7 +58,7 @@ bool is_mount_root(const struct statx &sx) noexcept {
 
 // statx of `name` in `dir` (AT_EMPTY_PATH for "") without following a link.
 int statx_at(int dir, const char *name, struct stat *st, bool *mount_root) noexcept {
-  struct statx sx;
+  struct statx sx = {};
   int at = AT_SYMLINK_NOFOLLOW | (name[0] ? 0 : AT_EMPTY_PATH);
   if (statx(dir, name, at, STATX_BASIC_STATS, &sx) != 0)
     return fail_errno();
@@ -118,7 +118,7 @@ int walk_follow(walk_state *w, int dir, const char *name, const char *after) noe
 int walk_open_last(walk_state *w, const char *name, int flags, int *out) noexcept {
   const int dir = w->fds[w->depth];
   int fd = openat(dir, name, flags | O_NOFOLLOW | O_CLOEXEC);
-  struct stat st;
+  struct stat st = {};
   bool mount_root = false;
   if (fd < 0) {
     // A link shows as ELOOP, or as ENOTDIR with O_DIRECTORY.
@@ -149,7 +149,7 @@ int walk_enter(walk_state *w, const char *name, const char *after) noexcept {
   int fd = openat(dir, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0)
     return fail_errno();
-  struct stat st;
+  struct stat st = {};
   bool mount_root = false;
   int rc = statx_at(fd, "", &st, &mount_root);
   if (rc == 0 && S_ISLNK(st.st_mode)) {

@@ -8,10 +8,13 @@
 // in each round and in an order that rotates from round to round:
 //   - in-memory: the GOST R 34.11-94 hash (parameter set 1) of every file's bytes,
 //     already in memory, one context per file as the list makes them;
-//   - fs_ocl_add_dir of the tree with EACH_FILE|RECURSIVE|CONTROL_DATA|CONTROL_ATTRS;
+//   - fs_ocl_add_dir of the tree with EACH_FILE|RECURSIVE|CONTROL_DATA|CONTROL_ATTRS,
+//     once by its full name and once as a volume's tree: under the scratch directory as
+//     the base, where every path resolves with the base as the root;
 //   - the rhash program (`rhash -r --gost94-cryptopro`) over the same tree, run as a
 //     child process and timed from start to exit.
-// The small tree is also added with EACH_FILE|RECURSIVE|CONTROL_ATTRS (no contents).
+// The small tree is also added with EACH_FILE|RECURSIVE|CONTROL_ATTRS (no contents),
+// both ways.
 // All three must give the same digest for every file, or the program fails.
 //
 // Memory: a list of 1,000,000 file objects with hash and attributes is built by
@@ -88,15 +91,16 @@ void collect(const fs_ocl_dir_info *info, const std::string &prefix, Digests &ou
   }
 }
 
-// Adds the tree to a new list and times the add alone; a negative wall time on
+// Adds the tree `path` under `base` (nullptr: `path` is the tree's full name on the
+// running system) to a new list and times the add alone; a negative wall time on
 // failure. With `digests`, the per-file hashes that the list recorded go there.
-Sample time_add_dir(const std::string &root, uint32_t flags, Digests *digests) {
+Sample time_add_dir(const char *base, const std::string &path, uint32_t flags, Digests *digests) {
   fs_ocl *ocl;
   if (fs_ocl_create(&ocl) != FSIC_OK)
     return Sample{-1, 0};
   fs_ocl_object *obj = nullptr;
   Stopwatch sw;
-  fsic_status s = fs_ocl_add_dir(ocl, nullptr, root.c_str(), nullptr, flags, &obj);
+  fsic_status s = fs_ocl_add_dir(ocl, base, path.c_str(), nullptr, flags, &obj);
   Sample t = sw.stop();
   if (s == FSIC_OK && digests)
     collect(reinterpret_cast<fs_ocl_dir_object *>(obj)->info, "", *digests);
@@ -174,13 +178,19 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
   for (const auto &kv : files)
     paths.push_back(root + "/" + kv.first);
   const std::string rhash_out = scratch + "/rhash.out";
-  std::vector<Sample> t_mem, t_add, t_rhash, t_sys;
-  Digests d_mem, d_add, d_rhash;
+  // The tree as a volume's: under the scratch directory as the base, where every path
+  // resolves with the base as the root.
+  const std::string in_base = std::string("/") + shape.name;
+  std::vector<Sample> t_mem, t_add, t_rhash, t_sys, t_base;
+  Digests d_mem, d_add, d_rhash, d_base;
   bool ok = true;
-  const unsigned kinds = rhash.empty() ? 3 : 4;
+  const unsigned kinds = rhash.empty() ? 4 : 5;
   for (unsigned r = 0; r < o.rounds && ok; r++) {
     for (unsigned k = 0; k < kinds && ok; k++) {
-      switch ((r + k) % kinds) {
+      unsigned kind = (r + k) % kinds;
+      if (rhash.empty() && kind == 3)
+        kind = 4; // no rhash: its turn goes to the add under a base
+      switch (kind) {
         case 0: {
           Stopwatch sw;
           Digests d = hash_in_memory(files);
@@ -190,11 +200,20 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
         }
         case 1: {
           Digests d;
-          Sample t = time_add_dir(root, kAllFlags, r == 0 ? &d : nullptr);
+          Sample t = time_add_dir(nullptr, root, kAllFlags, r == 0 ? &d : nullptr);
           ok = t.wall >= 0;
           t_add.push_back(t);
           if (r == 0)
             d_add = std::move(d);
+          break;
+        }
+        case 4: {
+          Digests d;
+          Sample t = time_add_dir(scratch.c_str(), in_base, kAllFlags, r == 0 ? &d : nullptr);
+          ok = t.wall >= 0;
+          t_base.push_back(t);
+          if (r == 0)
+            d_base = std::move(d);
           break;
         }
         case 2: {
@@ -221,8 +240,12 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
     return false;
 
   const Sample m_mem = medians(t_mem), m_add = medians(t_add), m_sys = medians(t_sys);
+  const Sample m_base = medians(t_base);
   print_line("in-memory GOST (library, set 1)", m_mem, mb);
   print_line("fs_ocl_add_dir, all four flags", m_add, mb);
+  print_line("the same under a base (confined)", m_base, mb);
+  printf("    = %.3fx the add without a base (by CPU time %.3fx)\n", m_base.wall / m_add.wall,
+         m_base.cpu / m_add.cpu);
   const double ratio = m_add.wall / m_mem.wall;
   printf("    = %.2fx the in-memory hashing (target <= %.2fx: %s; by CPU time %.2fx)\n", ratio,
          mem_target, verdict(ratio <= mem_target), m_add.cpu / m_mem.cpu);
@@ -240,24 +263,29 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
          (m_mem.wall + m_sys.wall) / m_mem.wall);
 
   // Every file, the same digest everywhere.
-  bool agree =
-      d_add == d_mem && d_add.size() == files.size() && (rhash.empty() || d_rhash == d_mem);
+  bool agree = d_add == d_mem && d_base == d_mem && d_add.size() == files.size() &&
+               (rhash.empty() || d_rhash == d_mem);
   printf("  digests of all %zu files: add_dir = in-memory%s: %s\n", files.size(),
          rhash.empty() ? "" : " = rhash", agree ? "agree" : "DISAGREE");
   ok = agree;
 
   if (attrs_only_too) {
-    std::vector<Sample> t_attrs;
+    const uint32_t flags = EACH_FILE | RECURSIVE | CONTROL_ATTRS;
+    std::vector<Sample> t_attrs, t_attrs_base;
     for (unsigned r = 0; r < o.rounds && ok; r++) {
-      Sample t = time_add_dir(root, EACH_FILE | RECURSIVE | CONTROL_ATTRS, nullptr);
-      ok = t.wall >= 0;
+      Sample t = time_add_dir(nullptr, root, flags, nullptr);
+      Sample tb = time_add_dir(scratch.c_str(), in_base, flags, nullptr);
+      ok = t.wall >= 0 && tb.wall >= 0;
       t_attrs.push_back(t);
+      t_attrs_base.push_back(tb);
     }
     if (ok) {
-      Sample m = medians(t_attrs);
+      Sample m = medians(t_attrs), mbase = medians(t_attrs_base);
       printf("  fs_ocl_add_dir, EACH_FILE|RECURSIVE|CONTROL_ATTRS (no data): %.3f s "
              "(CPU %.3f s), %.0f files/s\n",
              m.wall, m.cpu, double(files.size()) / m.wall);
+      printf("  the same under a base (confined): %.3f s (CPU %.3f s) = %.3fx\n", mbase.wall,
+             mbase.cpu, mbase.wall / m.wall);
     }
   }
   std::error_code ec;
