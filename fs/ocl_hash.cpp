@@ -64,12 +64,15 @@ void feed_name(gost_r3411_94_ctx *ctx, const char *name) noexcept {
 }
 
 // Reads the file open on `fd` from its start into the context (initialised here);
-// `total` receives the bytes read. 0, or 1 on a read error (no retry, EINTR included).
-fsic_status read_into(int fd, gost_r3411_94_ctx *ctx, uint64_t *total) noexcept {
+// `total` receives the bytes read. A file of `size` bytes (by its stat) is read up to
+// that size, where the stat taken after the reads tells whether it grew; an empty one
+// is read to its end, as files of some file systems say 0 and still have contents.
+// 0, or 1 on a read error (no retry, EINTR included).
+fsic_status read_into(int fd, uint64_t size, gost_r3411_94_ctx *ctx, uint64_t *total) noexcept {
   gost_r3411_94_init(ctx, param_set);
   uint8_t buf[read_size];
   uint64_t off = 0;
-  for (;;) {
+  while (size == 0 || off < size) {
     ssize_t n = pread(fd, buf, sizeof buf, (off_t)off);
     if (n < 0)
       return FSIC_ERR_FAILED;
@@ -243,25 +246,25 @@ fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat 
   gost_r3411_94_ctx *ctx = gost_r3411_94_create_context();
   if (!ctx)
     return FSIC_ERR_FAILED;
+  // Each pass is framed by two stats of the descriptor: the caller's, or the previous
+  // pass's closing one, and its own.
   fsic_status status = FSIC_ERR_CHANGED;
-  for (int attempt = 0; attempt <= max_rereads; ++attempt) {
-    struct stat before, after;
+  struct stat before = *st;
+  for (int pass = 0; pass <= max_rereads; ++pass) {
+    struct stat after;
     uint64_t total = 0;
-    if (fstat(fd, &before) != 0) {
-      status = FSIC_ERR_FAILED;
-      break;
-    }
-    status = read_into(fd, ctx, &total);
+    status = read_into(fd, (uint64_t)before.st_size, ctx, &total);
     if (status == FSIC_OK && fstat(fd, &after) != 0)
       status = FSIC_ERR_FAILED;
     if (status != FSIC_OK)
       break;
-    if (unchanged(before, after) && total == (uint64_t)before.st_size) {
+    if (unchanged(before, after) && total == (uint64_t)after.st_size) {
       gost_r3411_94_final(ctx, hash);
       *st = after;
       break;
     }
     status = FSIC_ERR_CHANGED;
+    before = after;
   }
   gost_r3411_94_free_context(ctx);
   return status;

@@ -72,10 +72,11 @@ void _fs_ocl_free_str_array(char **names, int count) FSIC_NOEXCEPT;
 
 // ---- hashing (GOST R 34.11-94, parameter set 1) ----
 
-// The hash of the regular file open on `fd`; `st` receives the stat that describes the
-// bytes hashed. A file whose size, mtime or ctime change while it is read, or that
-// yields more or fewer bytes than its size, is read again, up to 3 times. 0, 1 (no
-// context, a read error), 13 (it kept changing).
+// The hash of the regular file open on `fd`. `st` holds a stat of the descriptor taken
+// after it was opened and receives the one that describes the bytes hashed. A file
+// whose size, mtime or ctime change while it is read, or that yields more or fewer bytes
+// than its size, is read again, up to 3 times. 0, 1 (no context, a read error), 13 (it
+// kept changing).
 fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) FSIC_NOEXCEPT;
 // The directory hash of the directory open on `dir`, whose full name `w` holds (the
 // name is extended and cut back while descending, and ends as it began).

@@ -235,6 +235,8 @@ TEST_F(OclAllocFault, AttributesAndFileHash) {
               Walk w(t_.path("f9.dll"), nullptr, O_RDONLY);
               uint8_t h[32];
               struct stat st;
+              if (fstat(w.fd(), &st) != 0)
+                return 100u;
               arm();
               fsic_status s = _fs_ocl_fd_hash(w.fd(), h, &st);
               disarm();
