@@ -115,9 +115,9 @@ const mount_entry *find_mount_entry(const char *fs_type) noexcept {
   return nullptr;
 }
 
-// Read-only, without device nodes, execution or access-time updates, so that control
-// never changes what it controls.
-constexpr unsigned long kMountFlags = MS_RDONLY | MS_NODEV | MS_NOEXEC | MS_NOATIME;
+// Read-only, without device nodes, execution, set-user-id or access-time updates, so
+// that control never changes what it controls and nothing on the volume acts.
+constexpr unsigned long kMountFlags = MS_RDONLY | MS_NODEV | MS_NOEXEC | MS_NOSUID | MS_NOATIME;
 
 fsic_status mount_volume(const char *devnode, const char *dir, const char *fs_type) noexcept {
   if (const mount_entry *e = find_mount_entry(fs_type))
@@ -138,26 +138,49 @@ int umount_volume(const char *dir, const char *fs_type) noexcept {
   return rc;
 }
 
+// How many names, a millisecond apart, the base directory may take before giving up.
+constexpr int kBaseDirTries = 1000;
+
+// The base directory's name for the local time `ms` milliseconds after the epoch.
+void base_dir_name(char (&name)[64], long long ms) noexcept {
+  const time_t seconds = static_cast<time_t>(ms / 1000);
+  struct tm local;
+  localtime_r(&seconds, &local);
+  snprintf(name, sizeof name, "/tmp/fs.%04d%02d%02d%02d%02d%02d%03d.%d", local.tm_year + 1900,
+           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+           static_cast<int>(ms % 1000), static_cast<int>(getpid()));
+}
+
+// Makes a new base directory. A name that exists already (whatever it is: a directory,
+// a link, another user's) is never used: the next millisecond's name is tried instead,
+// so that names made in advance can neither block the call nor redirect the mounts.
+fsic_status make_base_dir(fs_disk_list *list) noexcept {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  const long long start = static_cast<long long>(now.tv_sec) * 1000 + now.tv_usec / 1000;
+  for (int i = 0; i < kBaseDirTries; ++i) {
+    char name[64];
+    base_dir_name(name, start + i);
+    if (mkdir(name, 0755) == 0) {
+      list->base_dir = strdup(name);
+      if (list->base_dir)
+        return FSIC_OK;
+      rmdir(name);
+      return FSIC_ERR_NO_MEMORY;
+    }
+    if (errno != EEXIST)
+      break;
+  }
+  FSIC_LOG_FAILED("mkdir of the base mount directory");
+  return FSIC_ERR_FAILED;
+}
+
 // One hold on the list's base directory, created with the first hold.
 fsic_status get_base_mount_dir(fs_disk_list *list) noexcept {
   if (list->base_dir_count < 1) {
-    struct timeval now;
-    struct tm local;
-    gettimeofday(&now, nullptr);
-    localtime_r(&now.tv_sec, &local);
-    char name[64];
-    snprintf(name, sizeof name, "/tmp/fs.%04d%02d%02d%02d%02d%02d%03d.%d", local.tm_year + 1900,
-             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-             static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()));
-    list->base_dir = strdup(name);
-    if (!list->base_dir)
-      return FSIC_ERR_NO_MEMORY;
-    if (mkdir(list->base_dir, 0755) != 0) {
-      FSIC_LOG_FAILED("mkdir of the base mount directory");
-      free(list->base_dir);
-      list->base_dir = nullptr;
-      return FSIC_ERR_FAILED;
-    }
+    fsic_status status = make_base_dir(list);
+    if (status != FSIC_OK)
+      return status;
   }
   list->base_dir_count++;
   return FSIC_OK;

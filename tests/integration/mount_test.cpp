@@ -27,6 +27,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -345,6 +346,60 @@ TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
   EXPECT_FALSE(exists(base));
 }
 
+// Names of the base directory made in advance (as another local user could make them in
+// /tmp), one of them a link to a directory elsewhere, neither stop the hold nor are
+// used: the next free millisecond's name is taken, and nothing lands in the link's
+// target.
+TEST_F(MountTest, BaseDirectoryNamesMadeInAdvanceAreNeverUsed) {
+  auto &[dev, list, vol] = volume_on_new_image();
+  ASSERT_FALSE(dev.empty());
+  const std::string target = work_ / "elsewhere";
+  ASSERT_EQ(mkdir(target.c_str(), 0777), 0);
+
+  // The names of the next half second, this process's pid.
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  const std::string pid = std::to_string(getpid());
+  std::vector<std::string> taken;
+  for (int i = 0; i < 500; ++i) {
+    timeval t = now;
+    const long long ms = static_cast<long long>(t.tv_sec) * 1000 + t.tv_usec / 1000 + i;
+    t.tv_sec = static_cast<time_t>(ms / 1000);
+    t.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
+    std::string name = "/tmp/fs.";
+    name += stamp_of(t);
+    name += ".";
+    name += pid;
+    const int made = i == 0 ? symlink(target.c_str(), name.c_str()) : mkdir(name.c_str(), 0777);
+    ASSERT_EQ(made, 0) << name << ": " << strerror(errno);
+    taken.push_back(name);
+  }
+  struct cleanup {
+    std::vector<std::string> &names;
+    ~cleanup() {
+      for (const std::string &n : names)
+        if (unlink(n.c_str()) != 0)
+          rmdir(n.c_str());
+    }
+  } remove_taken{taken};
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string base = list.list.base_dir;
+  EXPECT_EQ(std::find(taken.begin(), taken.end(), base), taken.end()) << base;
+  EXPECT_GT(base, taken.back()) << "the first free name after those made in advance";
+  struct stat st {};
+  ASSERT_EQ(lstat(base.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(support::read_text(std::string(mp) + "/hello.txt"), kHello);
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  // Nothing was made in the link's target, and the names made in advance are intact.
+  EXPECT_EQ(rmdir(target.c_str()), 0) << "the link's target is not empty";
+  ASSERT_EQ(lstat(taken[0].c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
 TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
   const std::string dev = attach_image();
   ASSERT_FALSE(dev.empty());
@@ -367,7 +422,7 @@ TEST_F(MountTest, ALongMountDirectoryNameIsCut) {
 
 // ---- what the mount allows ----------------------------------------------------------
 
-TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
+TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesSetUidOrAccessTimes) {
   auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
 
@@ -383,7 +438,7 @@ TEST_F(MountTest, TheMountIsReadOnlyWithoutExecDevicesOrAccessTimes) {
   for (const char *o : {"ro", "nodev", "noexec", "noatime"})
     EXPECT_TRUE(opts.count(o)) << o << " missing from " << line->options;
   EXPECT_FALSE(opts.count("rw")) << line->options;
-  EXPECT_FALSE(opts.count("nosuid")) << "nosuid is deliberately not asked for: " << line->options;
+  EXPECT_TRUE(opts.count("nosuid")) << "nosuid missing from " << line->options;
   EXPECT_TRUE(support::split_options(line->super_options).count("ro")) << line->super_options;
 
   // The files are there and readable.
