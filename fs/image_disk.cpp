@@ -81,16 +81,41 @@ bool loop_device_is_free(const char *devnode) noexcept {
   return ioctl(fd.get(), LOOP_GET_STATUS, &info) == -1 && errno == ENXIO;
 }
 
-// The first free loop device, loop0, loop1, ... up to the first name that sysfs does
-// not have (7 then). The udev device of the result goes to *out.
+// Asks the kernel for a free loop device, made for the purpose when none is: its
+// number, or -1.
+int request_loop_device() noexcept {
+  fd_owner ctl(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  if (!ctl.ok()) {
+    FSIC_LOG_FAILED("open of /dev/loop-control");
+    return -1;
+  }
+  const int n = ioctl(ctl.get(), LOOP_CTL_GET_FREE);
+  if (n < 0)
+    FSIC_LOG_FAILED("ioctl LOOP_CTL_GET_FREE");
+  return n;
+}
+
+// How often a search may ask the kernel for a new loop device.
+constexpr int kLoopRequests = 4;
+
+// The first free loop device, loop0, loop1, ...; past the last one that sysfs has, the
+// kernel is asked for a free one (7 when it gives none). The udev device of the result
+// goes to *out.
 fsic_status find_unused_loop_device(struct udev *udev, udev_device_ptr *out) noexcept {
   char path[1024];
+  int requests = 0;
   for (int n = 0;; n++) {
     snprintf(path, sizeof path, "%s/loop%d", kSysClassBlock, n);
     struct stat st;
     if (stat(path, &st) != 0) {
-      FSIC_LOG_FAILED("stat of the next loop device (no free one)");
-      return FSIC_ERR_UNAVAILABLE;
+      const int made = requests < kLoopRequests ? request_loop_device() : -1;
+      if (made < 0) {
+        FSIC_LOG_FAILED("stat of the next loop device (no free one)");
+        return FSIC_ERR_UNAVAILABLE;
+      }
+      requests++;
+      n = made - 1; // the search goes on at the device the kernel named
+      continue;
     }
     // An entry that cannot be resolved is passed over; a later one may be free.
     if (ic_util_resolve_link(path, sizeof path) != 0)
@@ -156,7 +181,7 @@ int open_image_file(const char *mount_point, const char *path) noexcept {
 // Binds the whole file, read-only, to the loop device; `file_name` is the name the
 // device reports for it. The binding outlives both descriptors.
 fsic_status _set_loop(const char *devnode, const char *mount_point, const char *path,
-                      const char *file_name) noexcept {
+                      const char *file_name, bool *busy) noexcept {
   fd_owner file(open_image_file(mount_point, path));
   if (!file.ok()) {
     FSIC_LOG_FAILED("open of the image file");
@@ -168,6 +193,8 @@ fsic_status _set_loop(const char *devnode, const char *mount_point, const char *
     return FSIC_ERR_FAILED;
   }
   if (ioctl(loop.get(), LOOP_SET_FD, file.get()) != 0) {
+    // EBUSY: another process bound the device since it was found free.
+    *busy = errno == EBUSY;
     FSIC_LOG_FAILED("ioctl LOOP_SET_FD");
     return FSIC_ERR_FAILED;
   }
@@ -226,13 +253,13 @@ fsic_status clear_loop(const char *devnode, fs_volume *volume) noexcept {
 
 // Binds "<mount point><path>" to the loop device and waits until udev has seen the new
 // device and its partitions; a loop device bound here is unbound again on failure.
-fsic_status attach_file(struct udev_device *loop, const char *mount_point,
-                        const char *path) noexcept {
+fsic_status attach_file(struct udev_device *loop, const char *mount_point, const char *path,
+                        bool *busy) noexcept {
   const char *devnode = udev_device_get_devnode(loop);
   str_ptr file_name(ic_util_dupstrs(mount_point, path, nullptr));
   if (!file_name)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = _set_loop(devnode, mount_point, path, file_name.get());
+  fsic_status status = _set_loop(devnode, mount_point, path, file_name.get(), busy);
   if (status != FSIC_OK)
     return status;
   status = _sync_udev(udev_device_get_udev(loop));
@@ -242,12 +269,13 @@ fsic_status attach_file(struct udev_device *loop, const char *mount_point,
 }
 
 // Mounts the storing volume (one hold, kept on success) and attaches the image file.
-fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *path) noexcept {
+fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *path,
+                     bool *busy) noexcept {
   const char *mount_point;
   fsic_status status = fs_volume_get_mount_point(volume, &mount_point);
   if (status != FSIC_OK)
     return status;
-  status = attach_file(loop, mount_point, path);
+  status = attach_file(loop, mount_point, path, busy);
   if (status != FSIC_OK)
     fs_volume_release_mount_point(volume);
   return status;
@@ -337,6 +365,10 @@ fsic_status start_image_disk(struct udev_device *loop, const char *path, const c
 
 // Attaches the image file `path` of `volume` to a free loop device and makes its record
 // with its partitions. Whatever fails undoes the rest through the record's destroyer.
+// How many loop devices an attach may find taken by another process, between the
+// look-up and the binding, before it gives up.
+constexpr int kAttachTries = 16;
+
 fsic_status create_image_disk(fs_volume *volume, const char *path, const char *name,
                               fs_image_disk **out) noexcept {
   udev_ptr udev(udev_new());
@@ -344,21 +376,23 @@ fsic_status create_image_disk(fs_volume *volume, const char *path, const char *n
     FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
   }
-  udev_device_ptr loop;
-  fsic_status status = find_unused_loop_device(udev.get(), &loop);
-  if (status != FSIC_OK)
-    return status;
-  image_owner image;
-  if ((status = start_image_disk(loop.get(), path, name, &image)) != FSIC_OK)
-    return status;
-  if ((status = set_loop(loop.get(), volume, path)) != FSIC_OK)
-    return status;
-  // Attached: from here on the destroyer detaches it and gives the hold back.
-  image->volume = volume;
-  if ((status = create_partitions(udev.get(), image.get())) != FSIC_OK)
-    return status;
-  *out = image.release();
-  return FSIC_OK;
+  for (int attempt = 1;; attempt++) {
+    udev_device_ptr loop;
+    FSIC_TRY(find_unused_loop_device(udev.get(), &loop));
+    image_owner image;
+    FSIC_TRY(start_image_disk(loop.get(), path, name, &image));
+    bool busy = false;
+    fsic_status status = set_loop(loop.get(), volume, path, &busy);
+    if (status != FSIC_OK && busy && attempt < kAttachTries)
+      continue; // taken meanwhile: the next free one
+    if (status != FSIC_OK)
+      return status;
+    // Attached: from here on the destroyer detaches it and gives the hold back.
+    image->volume = volume;
+    FSIC_TRY(create_partitions(udev.get(), image.get()));
+    *out = image.release();
+    return FSIC_OK;
+  }
 }
 
 fs_image_disk *find_image_disk(fs_disk_list *list, const char *name) noexcept {

@@ -23,12 +23,14 @@
 #include "tests/support/temp_dir.h"
 #include "tests/support/volume_records.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <libudev.h>
 #include <linux/loop.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -439,6 +441,73 @@ TEST_F(ImageDiskTest, AFifoIsRefusedWithoutBlocking) {
   int code = support::run_in_child(
       [&] { return static_cast<int>(add("/images/fifo", "fifo", nullptr)); }, 20);
   EXPECT_EQ(code, 1) << (code == support::kTimedOut ? "timed out" : "");
+}
+
+// With every loop device there taken, the kernel is asked for a new one (loop-control)
+// instead of the add failing with 7.
+TEST_F(ImageDiskTest, WithNoFreeLoopDeviceTheKernelIsAskedForOne) {
+  // Every free loop device that exists gets a file of the test's bound to it.
+  const std::string filler = work_ / "filler.img";
+  ASSERT_TRUE(support::write_text(filler, pattern(4096, 5)));
+  std::vector<std::string> filled;
+  struct unbind {
+    std::vector<std::string> &devs;
+    ~unbind() {
+      for (const std::string &d : devs)
+        support::run({"losetup", "-d", d});
+    }
+  } unbind_filled{filled};
+  std::vector<std::string> existing;
+  for (int n = 0; exists("/sys/class/block/loop" + std::to_string(n)); ++n) {
+    const std::string dev = "/dev/loop" + std::to_string(n);
+    existing.push_back(dev);
+    if (bound(dev))
+      continue;
+    ASSERT_EQ(support::run({"losetup", "-r", dev, filler}).status, 0) << dev;
+    filled.push_back(dev);
+  }
+  fs_image_disk *image = nullptr;
+  ASSERT_EQ(add(kImage, "beyond", &image), FSIC_OK);
+  EXPECT_EQ(std::find(existing.begin(), existing.end(), std::string(image->devnode)),
+            existing.end())
+      << image->devnode << " existed before";
+  EXPECT_EQ(read_device(image->devnode, 4096), pattern(256 << 10, 1).substr(0, 4096));
+  EXPECT_EQ(fs_disk_list_remove_image_disk(list_, image), FSIC_OK);
+}
+
+// Two processes attaching the same image at once (both find the same free device, one
+// of them binds it first): both succeed, round after round.
+TEST_F(ImageDiskTest, TwoProcessesAttachingAtOnceBothSucceed) {
+  for (int round = 0; round < 20; ++round) {
+    SCOPED_TRACE(round);
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    pid_t kids[2];
+    for (pid_t &kid : kids) {
+      fflush(nullptr);
+      kid = fork();
+      ASSERT_GE(kid, 0);
+      if (kid == 0) {
+        close(go[1]);
+        char c;
+        if (read(go[0], &c, 1) != 0)
+          _exit(100);
+        fs_image_disk *image = nullptr;
+        const fsic_status status = add(kImage, "same", &image);
+        if (status == FSIC_OK)
+          fs_disk_list_remove_image_disk(list_, image);
+        _exit(static_cast<int>(status));
+      }
+    }
+    close(go[0]);
+    close(go[1]); // both start now
+    for (pid_t kid : kids) {
+      int wstatus = 0;
+      ASSERT_EQ(waitpid(kid, &wstatus, 0), kid);
+      EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0)
+          << "exit " << (WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1);
+    }
+  }
 }
 
 TEST_F(ImageDiskTest, AStoringVolumeThatCannotBeMountedFailsWithItsStatus) {
