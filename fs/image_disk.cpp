@@ -142,16 +142,20 @@ fsic_status find_unused_loop_device(struct udev *udev, udev_device_ptr *out) noe
 }
 
 // Records the file name in the loop device's status (cut to the 64-byte field), with
-// the 64-bit request first and the legacy one when that is refused.
+// the 64-bit request first and the legacy one when that is refused. Partition scanning
+// is asked for, so that an image's partitions appear whatever the loop driver's
+// max_part says (0 by default).
 int set_loop_status(int loop_fd, const char *file_name) noexcept {
   struct loop_info64 info64;
   memset(&info64, 0, sizeof info64);
+  info64.lo_flags = LO_FLAGS_PARTSCAN;
   ic_util_strscpyl(reinterpret_cast<char *>(info64.lo_file_name), sizeof info64.lo_file_name,
                    file_name, nullptr);
   if (ioctl(loop_fd, LOOP_SET_STATUS64, &info64) == 0)
     return 0;
   struct loop_info info;
   memset(&info, 0, sizeof info);
+  info.lo_flags = LO_FLAGS_PARTSCAN;
   ic_util_strscpyl(info.lo_name, sizeof info.lo_name, file_name, nullptr);
   return ioctl(loop_fd, LOOP_SET_STATUS, &info);
 }

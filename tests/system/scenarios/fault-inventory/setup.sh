@@ -1,8 +1,8 @@
 #!/bin/bash
-# vg-fault/lv_one (ext4) on partition 2, active; loop devices that scan partition tables.
+# vg-fault/lv_one (ext4) on partition 2, active; the loop driver as a stock system loads it.
 set -euxo pipefail
 modprobe dm_mod
-modprobe loop max_part=15
+modprobe loop
 pvcreate --norestorefile --uuid PVflt0-0000-0000-0000-0000-0000-000001 /dev/vda2
 vgcreate vg-fault /dev/vda2
 lvcreate -n lv_one -L 8m vg-fault

@@ -1,8 +1,9 @@
 #!/bin/bash
 # Loop devices in the way of image disks, on the machine of the image-disk scenario:
 # loop0 taken by someone else (loop1 is used); two images A then B (destroying the
-# list detaches B first); the loop driver without partition scanning (the image disk
-# has no partitions); the driver with two loop devices, both taken (status 7). After
+# list detaches B first); the loop driver with its default max_part of 0 (the image's
+# partitions appear all the same: the library asks for partition scanning); the driver
+# with two loop devices, both taken (a third is asked of loop-control). After
 # each step: no loop device left attached by the program, nothing mounted under /tmp,
 # nothing left in /tmp.
 set -u
@@ -27,15 +28,15 @@ step "two images, A then B"
 echo "status $?"
 afterwards
 
-step "no partition scanning"
+step "the loop driver's default max_part"
 rmmod loop && modprobe loop && udevadm settle
 echo "loop max_part: $(</sys/module/loop/parameters/max_part)"
 "$prog" report test "$vmdk"
 echo "status $?"
 afterwards
 
-step "two loop devices, both taken"
-rmmod loop && modprobe loop max_loop=2 max_part=15 && udevadm settle
+step "two loop devices, both taken: a third is asked for"
+rmmod loop && modprobe loop max_loop=2 && udevadm settle
 echo "loop devices: $(cd /sys/class/block && echo loop*)"
 losetup /dev/loop0 /dev/shm/busy0.img
 losetup /dev/loop1 /dev/shm/busy1.img
