@@ -162,15 +162,11 @@ fsic_status read_hash(rb *buf, uint8_t *hash) noexcept {
 // A mask may be anything but a string with a NUL, which its copy would cut short.
 int mask_is_valid(const char *mask, size_t len) noexcept { return !memchr(mask, '\0', len); }
 
-// A NUL-terminated copy of the `len` bytes at `view`, which *out receives.
+// A NUL-terminated copy of the `len` bytes at `view` (checked to hold no NUL), which
+// *out receives.
 fsic_status alloc_str(const char *view, uint16_t len, char **out) noexcept {
-  char *copy = static_cast<char *>(malloc((size_t)len + 1));
-  if (!copy)
-    return FSIC_ERR_NO_MEMORY;
-  memcpy(copy, view, len);
-  copy[len] = '\0';
-  *out = copy;
-  return FSIC_OK;
+  *out = strndup(view, len);
+  return *out ? FSIC_OK : FSIC_ERR_NO_MEMORY;
 }
 
 // The next string of the blob as a new copy; 1 when `valid` refuses its bytes.
