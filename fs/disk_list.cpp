@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "fs/inventory_internal.h"
+#include "fs/mount_internal.h"
 #include "util/owner.h"
 
 namespace {
@@ -165,6 +166,8 @@ extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
   INIT_LIST_HEAD(&list->disks);
   INIT_LIST_HEAD(&list->image_disks);
   INIT_LIST_HEAD(&list->lvm_groups);
+  // What killed processes left mounted is taken down before anything else is looked at.
+  _fs_recover_base_dirs();
 
   // Two passes, so that every disk exists before its partitions are attached.
   fsic_status status = scan_block_devices(list.get(), disk_pass);

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "fs/inventory_internal.h"
+#include "fs/loop_internal.h"
 #include "util/owner.h"
 #include "util/resolve.h"
 
@@ -81,20 +82,6 @@ bool loop_device_is_free(const char *devnode) noexcept {
   return ioctl(fd.get(), LOOP_GET_STATUS, &info) == -1 && errno == ENXIO;
 }
 
-// Asks the kernel for a free loop device, made for the purpose when none is: its
-// number, or -1.
-int request_loop_device() noexcept {
-  fd_owner ctl(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-  if (!ctl.ok()) {
-    FSIC_LOG_FAILED("open of /dev/loop-control");
-    return -1;
-  }
-  const int n = ioctl(ctl.get(), LOOP_CTL_GET_FREE);
-  if (n < 0)
-    FSIC_LOG_FAILED("ioctl LOOP_CTL_GET_FREE");
-  return n;
-}
-
 // How often a search may ask the kernel for a new loop device.
 constexpr int kLoopRequests = 4;
 
@@ -141,25 +128,6 @@ fsic_status find_unused_loop_device(struct udev *udev, udev_device_ptr *out) noe
   }
 }
 
-// Records the file name in the loop device's status (cut to the 64-byte field), with
-// the 64-bit request first and the legacy one when that is refused. Partition scanning
-// is asked for, so that an image's partitions appear whatever the loop driver's
-// max_part says (0 by default).
-int set_loop_status(int loop_fd, const char *file_name) noexcept {
-  struct loop_info64 info64;
-  memset(&info64, 0, sizeof info64);
-  info64.lo_flags = LO_FLAGS_PARTSCAN;
-  ic_util_strscpyl(reinterpret_cast<char *>(info64.lo_file_name), sizeof info64.lo_file_name,
-                   file_name, nullptr);
-  if (ioctl(loop_fd, LOOP_SET_STATUS64, &info64) == 0)
-    return 0;
-  struct loop_info info;
-  memset(&info, 0, sizeof info);
-  info.lo_flags = LO_FLAGS_PARTSCAN;
-  ic_util_strscpyl(info.lo_name, sizeof info.lo_name, file_name, nullptr);
-  return ioctl(loop_fd, LOOP_SET_STATUS, &info);
-}
-
 // Opens the image file `path` of the volume mounted at `mount_point` for reading. The
 // path resolves inside the volume, links included, as every path taken from a volume
 // does; anything but a regular file (a FIFO, a device) is refused without reading it.
@@ -182,106 +150,59 @@ int open_image_file(const char *mount_point, const char *path) noexcept {
   return fd;
 }
 
+// The image's loop device is read-only, scans its partitions (so that they appear
+// whatever the loop driver's max_part says, 0 by default) and clears itself when its
+// last user goes, so that a process that dies leaves no device bound.
+constexpr uint32_t kImageLoopFlags = LO_FLAGS_READ_ONLY | LO_FLAGS_PARTSCAN | LO_FLAGS_AUTOCLEAR;
+
 // Binds the whole file, read-only, to the loop device; `file_name` is the name the
-// device reports for it. The binding outlives both descriptors.
+// device reports for it. On success *loop_fd is the loop device, to be kept open for
+// as long as the image is attached.
 fsic_status _set_loop(const char *devnode, const char *mount_point, const char *path,
-                      const char *file_name, bool *busy) noexcept {
+                      const char *file_name, int *loop_fd, bool *busy) noexcept {
   fd_owner file(open_image_file(mount_point, path));
   if (!file.ok()) {
     FSIC_LOG_FAILED("open of the image file");
     return FSIC_ERR_FAILED;
   }
-  fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
-  if (!loop.ok()) {
+  const int fd = open(devnode, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
     FSIC_LOG_FAILED("open of the loop device");
     return FSIC_ERR_FAILED;
   }
-  if (ioctl(loop.get(), LOOP_SET_FD, file.get()) != 0) {
+  if (bind_loop(fd, file.get(), kImageLoopFlags, file_name) != 0) {
     // EBUSY: another process bound the device since it was found free.
     *busy = errno == EBUSY;
-    FSIC_LOG_FAILED("ioctl LOOP_SET_FD");
+    FSIC_LOG_FAILED("binding of the loop device");
+    close(fd);
     return FSIC_ERR_FAILED;
   }
-  if (set_loop_status(loop.get(), file_name) != 0) {
-    FSIC_LOG_FAILED("ioctl LOOP_SET_STATUS");
-    ioctl(loop.get(), LOOP_CLR_FD, 0);
-    return FSIC_ERR_FAILED;
-  }
-  return FSIC_OK;
-}
-
-// Waits until the loop device holds no file any more (its sysfs attribute
-// loop/backing_file is gone), polling like the udev wait and within its time limit.
-void wait_unbound(const char *devnode) noexcept {
-  const char *name = strrchr(devnode, '/');
-  char path[1024];
-  snprintf(path, sizeof path, "%s/%s/loop/backing_file", kSysClassBlock, name ? name + 1 : devnode);
-  const time_t start = time(nullptr);
-  while (access(path, F_OK) == 0 && time(nullptr) - start <= kSettleSeconds) {
-    struct timespec pause = {0, kSettlePollNanoseconds};
-    nanosleep(&pause, nullptr);
-  }
-}
-
-// Unbinds whatever file the loop device holds. While someone else has the device open
-// (udev probing it and its partitions, just after it was bound) the kernel only marks it
-// to be unbound at the last close: this waits for that, so that the file, and the
-// volume that stores it, are free again when it returns (else unmounting that volume
-// would fail and its mount would be left behind).
-fsic_status _clear_loop(const char *devnode) noexcept {
-  {
-    fd_owner loop(open(devnode, O_RDONLY | O_CLOEXEC));
-    if (!loop.ok()) {
-      FSIC_LOG_FAILED("open of the loop device");
-      return FSIC_ERR_FAILED;
-    }
-    if (ioctl(loop.get(), LOOP_CLR_FD, 0) != 0) {
-      FSIC_LOG_FAILED("ioctl LOOP_CLR_FD");
-      return FSIC_ERR_FAILED;
-    }
-  }
-  wait_unbound(devnode);
+  *loop_fd = fd;
   return FSIC_OK;
 }
 
 // Detaches an attached image: unbinds the loop device, lets udev handle the events and
-// gives back the hold on the storing volume. When the device cannot be unbound the hold
-// is kept (the file is still in use) and 1 is returned.
-fsic_status clear_loop(const char *devnode, fs_volume *volume) noexcept {
-  if (_clear_loop(devnode) != FSIC_OK)
-    return FSIC_ERR_FAILED;
+// gives back the hold on the storing volume.
+void clear_loop(const char *devnode, int loop_fd, fs_volume *volume) noexcept {
+  unbind_loop(devnode, loop_fd);
   sync_udev();
   fs_volume_release_mount_point(volume);
-  return FSIC_OK;
 }
 
 // Binds "<mount point><path>" to the loop device and waits until udev has seen the new
 // device and its partitions; a loop device bound here is unbound again on failure.
 fsic_status attach_file(struct udev_device *loop, const char *mount_point, const char *path,
-                        bool *busy) noexcept {
+                        int *loop_fd, bool *busy) noexcept {
   const char *devnode = udev_device_get_devnode(loop);
   str_ptr file_name(ic_util_dupstrs(mount_point, path, nullptr));
   if (!file_name)
     return FSIC_ERR_NO_MEMORY;
-  fsic_status status = _set_loop(devnode, mount_point, path, file_name.get(), busy);
+  fsic_status status = _set_loop(devnode, mount_point, path, file_name.get(), loop_fd, busy);
   if (status != FSIC_OK)
     return status;
   status = _sync_udev(udev_device_get_udev(loop));
   if (status != FSIC_OK)
-    _clear_loop(devnode);
-  return status;
-}
-
-// Mounts the storing volume (one hold, kept on success) and attaches the image file.
-fsic_status set_loop(struct udev_device *loop, fs_volume *volume, const char *path,
-                     bool *busy) noexcept {
-  const char *mount_point;
-  fsic_status status = fs_volume_get_mount_point(volume, &mount_point);
-  if (status != FSIC_OK)
-    return status;
-  status = attach_file(loop, mount_point, path, busy);
-  if (status != FSIC_OK)
-    fs_volume_release_mount_point(volume);
+    unbind_loop(devnode, *loop_fd);
   return status;
 }
 
@@ -294,7 +215,7 @@ void destroy_image_disk(fs_image_disk *image) noexcept {
   destroy_all<fs_partition, _fs_destroy_partition>(&image->partitions);
   unlink(&image->link);
   if (image->volume)
-    clear_loop(image->devnode, image->volume);
+    clear_loop(image->devnode, image->loop_fd, image->volume);
   free(image->path);
   free(image->devnode);
   free(image->syspath);
@@ -367,12 +288,33 @@ fsic_status start_image_disk(struct udev_device *loop, const char *path, const c
   return FSIC_OK;
 }
 
-// Attaches the image file `path` of `volume` to a free loop device and makes its record
-// with its partitions. Whatever fails undoes the rest through the record's destroyer.
 // How many loop devices an attach may find taken by another process, between the
 // look-up and the binding, before it gives up.
 constexpr int kAttachTries = 16;
 
+// Attaches the image file at `path` below `mount_point` to a free loop device; the
+// record goes to *out, attached but without its volume (the caller's to set at once).
+fsic_status attach_image(struct udev *udev, const char *mount_point, const char *path,
+                         const char *name, image_owner *out) noexcept {
+  for (int attempt = 1;; attempt++) {
+    udev_device_ptr loop;
+    FSIC_TRY(find_unused_loop_device(udev, &loop));
+    image_owner image;
+    FSIC_TRY(start_image_disk(loop.get(), path, name, &image));
+    bool busy = false;
+    const fsic_status status = attach_file(loop.get(), mount_point, path, &image->loop_fd, &busy);
+    if (status != FSIC_OK && busy && attempt < kAttachTries)
+      continue; // taken meanwhile: the next free one
+    if (status != FSIC_OK)
+      return status;
+    *out = std::move(image);
+    return FSIC_OK;
+  }
+}
+
+// Attaches the image file `path` of `volume` to a free loop device and makes its record
+// with its partitions. The storing volume is mounted first, as its mount may take a
+// loop device of its own. Whatever fails undoes the rest through the record's destroyer.
 fsic_status create_image_disk(fs_volume *volume, const char *path, const char *name,
                               fs_image_disk **out) noexcept {
   udev_ptr udev(udev_new());
@@ -380,23 +322,19 @@ fsic_status create_image_disk(fs_volume *volume, const char *path, const char *n
     FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
   }
-  for (int attempt = 1;; attempt++) {
-    udev_device_ptr loop;
-    FSIC_TRY(find_unused_loop_device(udev.get(), &loop));
-    image_owner image;
-    FSIC_TRY(start_image_disk(loop.get(), path, name, &image));
-    bool busy = false;
-    fsic_status status = set_loop(loop.get(), volume, path, &busy);
-    if (status != FSIC_OK && busy && attempt < kAttachTries)
-      continue; // taken meanwhile: the next free one
-    if (status != FSIC_OK)
-      return status;
-    // Attached: from here on the destroyer detaches it and gives the hold back.
-    image->volume = volume;
-    FSIC_TRY(create_partitions(udev.get(), image.get()));
-    *out = image.release();
-    return FSIC_OK;
+  const char *mount_point;
+  FSIC_TRY(fs_volume_get_mount_point(volume, &mount_point));
+  image_owner image;
+  const fsic_status status = attach_image(udev.get(), mount_point, path, name, &image);
+  if (status != FSIC_OK) {
+    fs_volume_release_mount_point(volume);
+    return status;
   }
+  // Attached: from here on the destroyer detaches it and gives the hold back.
+  image->volume = volume;
+  FSIC_TRY(create_partitions(udev.get(), image.get()));
+  *out = image.release();
+  return FSIC_OK;
 }
 
 fs_image_disk *find_image_disk(fs_disk_list *list, const char *name) noexcept {

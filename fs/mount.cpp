@@ -9,14 +9,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "fs/loop_internal.h"
 #include "fs/mount_internal.h"
 #include "util/log_internal.h"
+#include "util/owner.h"
 
 namespace {
 // The source that log records of this file name.
@@ -119,14 +122,73 @@ const mount_entry *find_mount_entry(const char *fs_type) noexcept {
 // that control never changes what it controls and nothing on the volume acts.
 constexpr unsigned long kMountFlags = MS_RDONLY | MS_NODEV | MS_NOEXEC | MS_NOSUID | MS_NOATIME;
 
-fsic_status mount_volume(const char *devnode, const char *dir, const char *fs_type) noexcept {
-  if (const mount_entry *e = find_mount_entry(fs_type))
-    return e->mount(devnode, dir);
-  if (mount(devnode, dir, fs_type, kMountFlags, nullptr) == -1) {
+// The option that mounts a journaled file system without replaying its journal, or
+// null for one that has none.
+const char *no_recovery_option(const char *fs_type) noexcept {
+  if (strcmp(fs_type, "ext3") == 0 || strcmp(fs_type, "ext4") == 0)
+    return "noload";
+  if (strcmp(fs_type, "xfs") == 0)
+    return "norecovery";
+  return nullptr;
+}
+
+// Mounts with the mount system call. A journal that needs recovery cannot be replayed
+// on a read-only device (EROFS): the file system is then mounted as it stands on the
+// device, without the journal.
+fsic_status mount_volume(const char *source, const char *dir, const char *fs_type) noexcept {
+  if (mount(source, dir, fs_type, kMountFlags, nullptr) == 0)
+    return FSIC_OK;
+  const char *option = no_recovery_option(fs_type);
+  if (errno != EROFS || !option) {
     FSIC_LOG_FAILED("mount");
     return FSIC_ERR_FAILED;
   }
-  return FSIC_OK;
+  FSIC_LOG_FAILED("mount (the journal needs recovery; mounting without it)");
+  if (mount(source, dir, fs_type, kMountFlags, option) == 0)
+    return FSIC_OK;
+  FSIC_LOG_FAILED("mount without journal recovery");
+  return FSIC_ERR_FAILED;
+}
+
+// Whether the library may put a read-only loop device between the volume and its
+// mount: not for an image partition, whose loop device the library bound read-only
+// already, nor for a device that someone has claimed (mounted it, or holds it, as
+// device-mapper does), whose mount the kernel shares or refuses. A device that cannot
+// be opened is mounted as it is, and the mount says why it fails.
+bool wants_read_only_loop(const fs_volume *volume) noexcept {
+  if (volume->ops->kind == FS_VOLUME_IMAGE_PARTITION)
+    return false;
+  const int fd = open(volume->devnode, O_RDONLY | O_EXCL | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    FSIC_LOG_FAILED("exclusive open of the volume's device");
+    return false;
+  }
+  close(fd);
+  return true;
+}
+
+// Mounts the volume on `dir`, with the mount system call through a read-only loop
+// device where it may (see above), so that neither the file system nor anyone else
+// can write the device while it is held. The loop device clears itself once the
+// mount is gone.
+fsic_status mount_held_volume(const fs_volume *volume, const char *dir) noexcept {
+  // The VMFS tool is a reader of its own: it gets the device itself.
+  if (const mount_entry *e = find_mount_entry(volume->fs_type))
+    return e->mount(volume->devnode, dir);
+  int loop_fd = -1;
+  char loop_node[32];
+  const char *source = volume->devnode;
+  if (wants_read_only_loop(volume)) {
+    FSIC_TRY(fsic::detail::open_read_only_loop(volume->devnode, &loop_fd, loop_node));
+    source = loop_node;
+  }
+  // The loop device stays open until it is mounted, else it would clear itself.
+  const fsic_status status = mount_volume(source, dir, volume->fs_type);
+  if (loop_fd >= 0 && status != FSIC_OK)
+    fsic::detail::unbind_loop(loop_node, loop_fd); // gone when the call returns
+  else if (loop_fd >= 0)
+    close(loop_fd);
+  return status;
 }
 
 int umount_volume(const char *dir, const char *fs_type) noexcept {
@@ -222,7 +284,7 @@ extern "C" fsic_status fs_volume_get_mount_point(fs_volume *volume,
     FSIC_LOG_FAILED("mkdir of the mount directory");
     status = FSIC_ERR_FAILED;
   } else {
-    status = mount_volume(volume->devnode, volume->mount_point, volume->fs_type);
+    status = mount_held_volume(volume, volume->mount_point);
     if (status != FSIC_OK)
       rmdir(volume->mount_point);
   }
@@ -238,7 +300,15 @@ extern "C" fsic_status fs_volume_get_mount_point(fs_volume *volume,
 }
 
 extern "C" void _fs_volume_release_mount_point(fs_volume *volume) noexcept {
+  // The read-only loop device under the mount clears itself after the unmount; its
+  // release is waited for, so that the device is free again when this returns.
+  struct stat st;
+  char loop[32];
+  const bool own_loop = stat(volume->mount_point, &st) == 0 &&
+                        fsic::detail::is_read_only_loop_over(st.st_dev, volume->devnode, loop);
   umount_volume(volume->mount_point, volume->fs_type);
+  if (own_loop)
+    fsic::detail::wait_loop_unbound(loop);
   rmdir(volume->mount_point);
   free(volume->mount_point);
   volume->mount_point = nullptr;

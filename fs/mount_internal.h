@@ -10,6 +10,11 @@ FSIC_BEGIN_DECLS
 // back its hold on the base directory; mount_count is left as it is.
 void _fs_volume_release_mount_point(fs_volume *volume) FSIC_NOEXCEPT;
 
+// Recovers the base directories under /tmp of processes that no longer exist (the pid
+// in the name): their mounts are detached (lazily) and the directories removed. Each
+// one recovered is reported in a DEBUG record on channel "fs".
+void _fs_recover_base_dirs(void) FSIC_NOEXCEPT;
+
 FSIC_END_DECLS
 
 #ifdef __cplusplus

@@ -11,6 +11,7 @@
 
 #include "fs/ocl_internal.h"
 #include "util/dir_iter.h"
+#include "util/dirents.h"
 #include "util/owner.h"
 
 namespace {
@@ -133,15 +134,6 @@ fsic_status collect_entry(fs_ocl_walk *w, int dir, const char *name, int type, c
   return FSIC_OK;
 }
 
-// The directory entries of the kernel's getdents64 records.
-struct dirent64_record {
-  uint64_t ino;
-  int64_t off;
-  unsigned short reclen;
-  unsigned char type;
-  char name[];
-};
-
 // Entries are read in blocks of this size.
 constexpr size_t entry_buffer_size = 32768;
 
@@ -154,18 +146,15 @@ fsic_status collect(fs_ocl_walk *w, int dir, char *const *masks, str_array *file
   // From the start, however often the descriptor was read before.
   if (lseek(dir, 0, SEEK_SET) != 0)
     return FSIC_ERR_FAILED;
-  for (;;) {
-    ssize_t n = getdents64(dir, buf.get(), entry_buffer_size);
-    if (n < 0)
-      return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
-    if (n == 0)
-      return FSIC_OK;
-    for (ssize_t pos = 0; pos < n;) {
-      const auto *entry = reinterpret_cast<const dirent64_record *>(buf.get() + pos);
-      FSIC_TRY(collect_entry(w, dir, entry->name, entry->type, masks, files, subdirs));
-      pos += entry->reclen;
-    }
-  }
+  fsic_status status = FSIC_OK;
+  const int rc = for_each_dirent(
+      dir, buf.get(), entry_buffer_size, [&](const char *name, unsigned char type) noexcept {
+        status = collect_entry(w, dir, name, type, masks, files, subdirs);
+        return status != FSIC_OK ? 1 : 0;
+      });
+  if (rc < 0)
+    return errno == ENOMEM ? FSIC_ERR_NO_MEMORY : FSIC_ERR_FAILED;
+  return status;
 }
 
 } // namespace

@@ -81,6 +81,8 @@ typedef struct fs_image_disk {
   char *name;              /* the caller's name for the image; unique in the list */
   fs_volume *volume;       /* volume holding the image file; held while attached */
   char *path;              /* the image file's path on that volume */
+  int32_t loop_fd;         /* the loop device, open while attached: the device clears
+                              itself when its last user goes, this process included */
 } fs_image_disk;
 
 typedef struct fs_lvm_group {

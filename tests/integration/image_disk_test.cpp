@@ -223,6 +223,10 @@ protected:
 };
 
 TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
+  // The storing volume is mounted first, through a loop device of its own: the image
+  // takes the first loop device free after that.
+  const char *held = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(storing(), &held), FSIC_OK);
   const std::string expected_dev = first_free_loop();
   ASSERT_FALSE(expected_dev.empty()) << "no free loop device on this host";
   ASSERT_NE(expected_dev, outer_dev_);
@@ -242,7 +246,7 @@ TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
 
   // The storing volume is held (mounted) while the image is attached, and the loop
   // device serves the file, read-only.
-  EXPECT_EQ(storing()->mount_count, 1);
+  EXPECT_EQ(storing()->mount_count, 2);
   ASSERT_NE(storing()->mount_point, nullptr);
   const std::string mount_point = storing()->mount_point;
   EXPECT_TRUE(support::find_mount(mount_point).has_value());
@@ -256,6 +260,8 @@ TEST_F(ImageDiskTest, AttachesTheFileToTheFirstFreeLoopDeviceAndRemovesIt) {
   EXPECT_EQ(fs_disk_list_remove_image_disk(list_, image), FSIC_OK);
   EXPECT_TRUE(images().empty());
   EXPECT_FALSE(bound(expected_dev));
+  EXPECT_EQ(storing()->mount_count, 1);
+  EXPECT_EQ(fs_volume_release_mount_point(storing()), FSIC_OK);
   EXPECT_EQ(storing()->mount_count, 0);
   EXPECT_EQ(storing()->mount_point, nullptr);
   EXPECT_FALSE(support::find_mount(mount_point).has_value());

@@ -54,9 +54,13 @@ loop_device &loop_device::operator=(loop_device &&other) noexcept {
   return *this;
 }
 
-::testing::AssertionResult loop_device::attach(const std::string &file) {
+::testing::AssertionResult loop_device::attach(const std::string &file, bool read_only) {
   detach();
-  const proc_result lo = run({"losetup", "-f", "--show", file});
+  std::vector<std::string> argv = {"losetup", "-f", "--show"};
+  if (read_only)
+    argv.push_back("--read-only");
+  argv.push_back(file);
+  const proc_result lo = run(argv);
   const std::string dev = lo.out.substr(0, lo.out.find('\n'));
   if (lo.status != 0 || dev.rfind("/dev/loop", 0) != 0 || lo.out.size() != dev.size() + 1)
     return ::testing::AssertionFailure() << "no loop device: " << lo.describe();
@@ -68,7 +72,7 @@ loop_device &loop_device::operator=(loop_device &&other) noexcept {
   if (node_.empty())
     return ::testing::AssertionSuccess();
   for (const auto &m : read_mountinfo())
-    if (m.source == node_)
+    if (m.source == node_ || device_under(m.source) == node_)
       umount2(m.mount_point.c_str(), MNT_DETACH);
   const proc_result r = run({"losetup", "-d", node_});
   const std::string node = node_;

@@ -24,7 +24,8 @@ namespace support {
                                            const std::vector<std::string> &mkfs_options = {});
 
 // A loop device that this object attached to a file. Detaching (on request or on
-// destruction) first lazily unmounts every mount of the device, then detaches it.
+// destruction) first lazily unmounts every mount of the device (also those through a
+// loop device over it), then detaches it.
 class loop_device {
 public:
   loop_device() = default;
@@ -34,9 +35,9 @@ public:
   loop_device(const loop_device &) = delete;
   loop_device &operator=(const loop_device &) = delete;
 
-  // Attaches `file` to a free loop device (losetup -f --show); an attached one is
-  // detached first.
-  ::testing::AssertionResult attach(const std::string &file);
+  // Attaches `file` to a free loop device (losetup -f --show), read-only when asked
+  // (--read-only); an attached one is detached first.
+  ::testing::AssertionResult attach(const std::string &file, bool read_only = false);
   // Detaches the device, if attached; fails when losetup -d does.
   ::testing::AssertionResult detach();
 

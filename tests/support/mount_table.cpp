@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 
 #include <algorithm>
+#include <fstream>
 #include <sstream>
 
 #include "tests/support/files.h"
@@ -65,10 +66,29 @@ int count_mounts_at(const std::string &dir) {
                                         [&](const mount_line &m) { return m.mount_point == dir; }));
 }
 
+std::string device_under(const std::string &source) {
+  if (source.rfind("/dev/loop", 0) != 0)
+    return source;
+  std::ifstream in("/sys/block/" + source.substr(5) + "/loop/backing_file");
+  std::string file;
+  if (!std::getline(in, file))
+    return source;
+  return file;
+}
+
+bool is_read_only_loop(const std::string &source) {
+  if (source.rfind("/dev/loop", 0) != 0)
+    return false;
+  std::ifstream in("/sys/block/" + source.substr(5) + "/ro");
+  std::string ro;
+  return std::getline(in, ro) && ro == "1";
+}
+
 int count_mounts_of(const std::string &source) {
   const auto lines = read_mountinfo();
-  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
-                                        [&](const mount_line &m) { return m.source == source; }));
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const mount_line &m) {
+    return m.source == source || device_under(m.source) == source;
+  }));
 }
 
 std::set<std::string> split_options(const std::string &options) {

@@ -26,7 +26,15 @@ std::vector<mount_line> read_mountinfo();
 // The last (topmost) mount on exactly that directory.
 std::optional<mount_line> find_mount(const std::string &dir);
 
-// How many mounts are on exactly that directory, and how many have that source.
+// The device under a mount source: the backing file of a loop device ("/dev/loopN"),
+// else the source itself.
+std::string device_under(const std::string &source);
+
+// Whether the source is a loop device that is read-only.
+bool is_read_only_loop(const std::string &source);
+
+// How many mounts are on exactly that directory, and how many are of that device,
+// directly or through a loop device over it.
 int count_mounts_at(const std::string &dir);
 int count_mounts_of(const std::string &source);
 

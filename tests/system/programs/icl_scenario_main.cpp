@@ -2,7 +2,13 @@
 //   fsic-icl-scenario icl        the integrity-list scenario (test_icl)
 //   fsic-icl-scenario two-holds  partition 1 of the first disk held twice: one directory
 //   fsic-icl-scenario lvm-file   "/test" of the first LVM volume in an integrity list
+//   fsic-icl-scenario add DEVICE PATH...
+//                                the files of the volume on DEVICE (a partition or an
+//                                LVM volume; links such as /dev/mapper/... resolved),
+//                                each added to an integrity list on its own: the status
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <fsic/disk_list.h>
@@ -54,10 +60,48 @@ int lvm_file(fs_disk_list *list) {
   return result;
 }
 
+// The volume whose device node is `device` (both resolved), or null.
+fs_volume *volume_on(fs_disk_list *list, const char *device) {
+  char want[PATH_MAX], have[PATH_MAX];
+  if (!realpath(device, want))
+    return nullptr;
+  auto same = [&](const char *devnode) {
+    return realpath(devnode, have) && strcmp(want, have) == 0;
+  };
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
+    for (fs_partition *p = fs_disk_first_partition(d); p; p = fs_disk_next_partition(d, p))
+      if (same(p->volume.devnode))
+        return &p->volume;
+  for (fs_lvm_group *g = fs_disk_list_first_lvm_group(list); g;
+       g = fs_disk_list_next_lvm_group(list, g))
+    for (fs_lvm_volume *v = fs_lvm_group_first_volume(g); v; v = fs_lvm_group_next_volume(g, v))
+      if (same(v->volume.devnode))
+        return &v->volume;
+  return nullptr;
+}
+
+int add_files(fs_disk_list *list, int argc, char **argv) {
+  fs_volume *volume = argc > 0 ? volume_on(list, argv[0]) : nullptr;
+  if (!volume) {
+    fputs("add: no such volume\n", stderr);
+    return 1;
+  }
+  for (int i = 1; i < argc; i++) {
+    fs_icl *icl;
+    if (fs_icl_create(&icl) != FSIC_OK)
+      return 1;
+    printf("add %s: status %u\n", argv[i],
+           fs_icl_add_file(icl, volume, argv[i], CONTROL_DATA | CONTROL_ATTRS, nullptr));
+    fs_icl_destroy(icl);
+  }
+  printf("holds afterwards: %d\n", volume->mount_count);
+  return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 2)
+  if (argc < 2 || (argc != 2 && strcmp(argv[1], "add") != 0))
     return 2;
   fs_disk_list *list;
   if (fs_disk_list_create(&list) != FSIC_OK) {
@@ -76,6 +120,8 @@ int main(int argc, char **argv) {
     result = two_holds(list);
   else if (strcmp(argv[1], "lvm-file") == 0)
     result = lvm_file(list);
+  else if (strcmp(argv[1], "add") == 0)
+    result = add_files(list, argc - 2, argv + 2);
   else
     result = 2;
   fs_disk_list_destroy(list);

@@ -219,6 +219,16 @@ int report(fs_disk_list *list, int argc, char **argv) {
       print_partition_checks(list, p);
   }
 
+  // The read-only loop devices that the mounts of the storing volume go through.
+  for (int n = 0; n < 64; n++) {
+    const std::string loop = "loop" + std::to_string(n);
+    std::string backing = read_file("/sys/block/" + loop + "/loop/backing_file");
+    if (!backing.empty() && backing.back() == '\n')
+      backing.pop_back();
+    if (backing == volume->devnode)
+      images.emplace_back(loop, "mount of " + backing);
+  }
+
   puts("== destroy");
   block_events events;
   if (!events.ok())

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Loop devices in the way of image disks, on the machine of the image-disk scenario:
-# loop0 taken by someone else (loop1 is used); two images A then B (destroying the
-# list detaches B first); the loop driver with its default max_part of 0 (the image's
+# loop0 taken by someone else (the storing volume's read-only mount takes loop1, the
+# image loop2); two images A then B (destroying the list detaches B first); the loop driver with its default max_part of 0 (the image's
 # partitions appear all the same: the library asks for partition scanning); the driver
 # with two loop devices, both taken (a third is asked of loop-control). After
 # each step: no loop device left attached by the program, nothing mounted under /tmp,

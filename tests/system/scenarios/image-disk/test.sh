@@ -14,7 +14,13 @@ vmdk=/esxconsole-4d419ba4-033a-75af-64ae-000c2917e0bf/esxconsole-flat.vmdk
 mount_of() {
   local dev dir type opts rest
   while read -r dev dir type opts rest; do
-    [[ $dir == "$1" ]] && { echo "$dev $type $opts"; return; }
+    if [[ $dir == "$1" ]]; then
+      # A read-only loop device names the device it lies over.
+      local backing=/sys/block/${dev#/dev/}/loop/backing_file
+      [[ $dev == /dev/loop* && -e $backing ]] && dev="$dev over $(<"$backing")"
+      echo "$dev $type $opts"
+      return
+    fi
   done </proc/self/mounts
   echo "not mounted"
 }
