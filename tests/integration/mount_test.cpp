@@ -372,6 +372,10 @@ TEST_F(MountTest, BaseDirectoryNamesMadeInAdvanceAreNeverUsed) {
     name += pid;
     const int made = i == 0 ? symlink(target.c_str(), name.c_str()) : mkdir(name.c_str(), 0777);
     ASSERT_EQ(made, 0) << name << ": " << strerror(errno);
+    // One of them is another user's.
+    if (i == 1) {
+      ASSERT_EQ(chown(name.c_str(), 65534, 65534), 0) << strerror(errno);
+    }
     taken.push_back(name);
   }
   struct cleanup {
