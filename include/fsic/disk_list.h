@@ -101,7 +101,10 @@ typedef struct fs_lvm_volume {
 
 /* Builds the list of all physical disks and their partitions from /sys/class/block
  * and udev. Status 0 (and *out), 1 when sysfs or udev fails or a non-removable disk
- * has no serial, 3 when memory is exhausted; nothing is left behind on failure. */
+ * has no serial, 3 when memory is exhausted; nothing is left behind on failure.
+ * First, whatever processes that no longer exist left in their base mount directories
+ * under /tmp (the pid in the name) is unmounted and the directories removed (a DEBUG
+ * record on channel "fs" says what was recovered). */
 FSIC_API fsic_status fs_disk_list_create(fs_disk_list **out) FSIC_NOEXCEPT;
 
 /* Destroys image disks (detaching them, the last added first), disks with their

@@ -8,6 +8,15 @@
  * Later holds share the mount; the last release unmounts it and removes the directory,
  * and the base directory with the last mounted volume of the list. VMFS volumes are
  * mounted with the external program vmfs-fuse.
+ *
+ * Nothing is written to the device: a volume whose device nobody has claimed (not
+ * mounted elsewhere, no holder) is mounted through a loop device bound to it read-only,
+ * which clears itself once the mount is gone; image partitions lie on the image's own
+ * read-only loop device. A journal that needs recovery is not replayed: such an ext3,
+ * ext4 or xfs volume is mounted as it stands on the device (noload, norecovery). The
+ * mounts are also nosuid. The base directory's name is never one that exists already:
+ * the next millisecond's is taken instead. Base directories that a killed process left
+ * are recovered by the next fs_disk_list_create().
  */
 #ifndef FSIC_MOUNT_H
 #define FSIC_MOUNT_H
