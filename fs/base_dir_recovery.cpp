@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "fs/mount_internal.h"
+#include "fs/mountinfo.h"
 #include "util/dir_iter.h"
 #include "util/dirents.h"
 #include "util/log_internal.h"
@@ -48,76 +49,62 @@ pid_t pid_of_base_dir(const char *name) noexcept {
 
 bool process_is_gone(pid_t pid) noexcept { return kill(pid, 0) != 0 && errno == ESRCH; }
 
-// Undoes the octal escapes of a mountinfo field (\040 for a blank) in place.
-void unescape_field(char *s) noexcept {
-  char *out = s;
-  for (const char *in = s; *in; out++) {
-    if (in[0] == '\\' && in[1] >= '0' && in[1] <= '3' && in[2] >= '0' && in[2] <= '7' &&
-        in[3] >= '0' && in[3] <= '7') {
-      *out = static_cast<char>((in[1] - '0') * 64 + (in[2] - '0') * 8 + (in[3] - '0'));
-      in += 4;
-    } else {
-      *out = *in++;
-    }
-  }
-  *out = '\0';
-}
-
-// The mount point of a mountinfo line (its fifth field), unescaped, or false.
-bool mount_point_of(char *line, char **mount_point) noexcept {
-  char *save = nullptr;
-  char *field = strtok_r(line, " ", &save);
-  for (int i = 1; field && i < 5; i++)
-    field = strtok_r(nullptr, " ", &save);
-  if (!field)
+// The mount points at or below `dir`, in the table's order, in a malloc'd array of
+// strdup'd texts; false when the table cannot be read or memory runs out.
+bool mounts_below(const char *dir, char ***out, size_t *count) noexcept {
+  const size_t len = strlen(dir);
+  char **points = nullptr;
+  size_t n = 0;
+  bool ok = true;
+  const int rc = for_each_mount([&](const mount_entry_view &m) noexcept {
+    if (strncmp(m.mount_point, dir, len) != 0 ||
+        (m.mount_point[len] != '\0' && m.mount_point[len] != '/'))
+      return false;
+    auto *grown = static_cast<char **>(realloc(points, (n + 1) * sizeof *points));
+    char *copy = grown ? strdup(m.mount_point) : nullptr;
+    if (grown)
+      points = grown;
+    if (!copy)
+      return !(ok = false);
+    points[n++] = copy;
     return false;
-  unescape_field(field);
-  *mount_point = field;
+  });
+  if (rc != 0 || !ok) {
+    for (size_t i = 0; i < n; i++)
+      free(points[i]);
+    free(points);
+    return false;
+  }
+  *out = points;
+  *count = n;
   return true;
 }
 
 // Detaches every mount at or below `dir`, the last made first (a later mount may lie
-// on an earlier one); lazily, so that a mount still in use cannot keep the rest.
-// Returns how many were detached.
+// on an earlier one); lazily, so that a mount still in use cannot keep the rest. One
+// that cannot be detached is logged and passed over. Returns how many were detached.
 int detach_mounts_below(const char *dir) noexcept {
-  const size_t len = strlen(dir);
-  int detached = 0;
-  // Each pass detaches the last matching line; a pass that finds none ends.
-  for (int pass = 0; pass < 4096; pass++) {
-    FILE *f = fopen("/proc/self/mountinfo", "re");
-    if (!f) {
-      FSIC_LOG_FAILED("open of /proc/self/mountinfo");
-      return detached;
-    }
-    char *line = nullptr;
-    size_t cap = 0;
-    char *last = nullptr;
-    while (getline(&line, &cap, f) > 0) {
-      char *mp;
-      if (mount_point_of(line, &mp) && strncmp(mp, dir, len) == 0 &&
-          (mp[len] == '\0' || mp[len] == '/')) {
-        free(last);
-        last = strdup(mp);
-      }
-    }
-    free(line);
-    fclose(f);
-    if (!last)
-      return detached;
-    const int rc = umount2(last, MNT_DETACH | UMOUNT_NOFOLLOW);
-    if (rc != 0)
-      FSIC_LOG_FAILED("umount2 of a dead process's mount");
-    free(last);
-    if (rc != 0)
-      return detached;
-    detached++;
+  char **points;
+  size_t n;
+  if (!mounts_below(dir, &points, &n)) {
+    FSIC_LOG_FAILED("reading /proc/self/mountinfo");
+    return 0;
   }
+  int detached = 0;
+  for (size_t i = n; i-- > 0;) {
+    if (umount2(points[i], MNT_DETACH | UMOUNT_NOFOLLOW) == 0)
+      detached++;
+    else
+      FSIC_LOG_FAILED("umount2 of a dead process's mount");
+    free(points[i]);
+  }
+  free(points);
   return detached;
 }
 
 // Removes the empty directories in the directory open at `dir_fd`; returns how many.
 int remove_empty_dirs(int dir_fd) noexcept {
-  char buf[4096];
+  alignas(dirent64_record) char buf[4096];
   int removed = 0;
   for_each_dirent(dir_fd, buf, sizeof buf, [&](const char *name, unsigned char) noexcept {
     if (!is_dot_or_dotdot(name) && unlinkat(dir_fd, name, AT_REMOVEDIR) == 0)
@@ -157,7 +144,7 @@ extern "C" void _fs_recover_base_dirs(void) noexcept {
     return;
   }
   // No allocation here: /tmp is read in a block on the stack.
-  char buf[4096];
+  alignas(dirent64_record) char buf[4096];
   const int rc = for_each_dirent(tmp.get(), buf, sizeof buf,
                                  [&](const char *name, unsigned char type) noexcept {
                                    const pid_t pid = pid_of_base_dir(name);

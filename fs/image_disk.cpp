@@ -279,6 +279,7 @@ fsic_status start_image_disk(struct udev_device *loop, const char *path, const c
     return FSIC_ERR_NO_MEMORY;
   INIT_LIST_HEAD(&image->link);
   INIT_LIST_HEAD(&image->partitions);
+  image->loop_fd = -1;
   if ((status = dup_into(&image->name, name)) != FSIC_OK ||
       (status = dup_into(&image->syspath, udev_device_get_syspath(loop))) != FSIC_OK ||
       (status = dup_into(&image->devnode, devnode)) != FSIC_OK ||

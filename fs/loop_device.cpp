@@ -13,13 +13,13 @@
 #include <unistd.h>
 
 #include "fs/loop_internal.h"
+#include "util/dirents.h"
 #include "util/log_internal.h"
 #include "util/owner.h"
 
 namespace {
 constexpr const char *kLogSource = "loop_device";
 
-constexpr unsigned kLoopMajor = 7;
 // An unbinding must be seen within this many whole seconds (measured with time(), so
 // the real limit lies between 5 and 6 seconds), polled every 50 ms.
 constexpr time_t kUnbindSeconds = 5;
@@ -88,12 +88,8 @@ constexpr int kBindTries = 16;
 
 } // namespace
 
-fsic_status open_read_only_loop(const char *devnode, int *loop_fd, char (&node)[32]) noexcept {
-  fd_owner dev(open(devnode, O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!dev.ok()) {
-    FSIC_LOG_FAILED("open of the volume's device");
-    return FSIC_ERR_FAILED;
-  }
+fsic_status open_read_only_loop(int dev_fd, const char *devnode, int *loop_fd,
+                                char (&node)[32]) noexcept {
   for (int attempt = 0; attempt < kBindTries; attempt++) {
     const int n = request_loop_device();
     if (n < 0)
@@ -104,7 +100,7 @@ fsic_status open_read_only_loop(const char *devnode, int *loop_fd, char (&node)[
       FSIC_LOG_FAILED("open of the loop device");
       return FSIC_ERR_FAILED;
     }
-    if (bind_loop(fd, dev.get(), LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR, devnode) == 0) {
+    if (bind_loop(fd, dev_fd, LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR, devnode) == 0) {
       *loop_fd = fd;
       return FSIC_OK;
     }
@@ -141,11 +137,11 @@ void unbind_loop(const char *devnode, int loop_fd) noexcept {
 
 namespace {
 
-// Reads the first line of a sysfs attribute of the block device `dev` into `buf`,
-// without its newline; false when there is none.
-bool read_block_attr(dev_t dev, const char *attr, char *buf, size_t cap) noexcept {
+// Reads the first line of the sysfs attribute `attr` of the block device `name`
+// ("loop3") into `buf`, without its newline; false when there is none.
+bool read_block_attr(const char *name, const char *attr, char *buf, size_t cap) noexcept {
   char path[128];
-  snprintf(path, sizeof path, "/sys/dev/block/%u:%u/%s", major(dev), minor(dev), attr);
+  snprintf(path, sizeof path, "/sys/block/%s/%s", name, attr);
   fd_owner fd(open(path, O_RDONLY | O_CLOEXEC));
   if (!fd.ok())
     return false;
@@ -157,26 +153,46 @@ bool read_block_attr(dev_t dev, const char *attr, char *buf, size_t cap) noexcep
   return true;
 }
 
+// The kernel name of a loop device node ("loop3" of "/dev/loop3"), or null.
+const char *loop_name(const char *node) noexcept {
+  return strncmp(node, "/dev/loop", 9) == 0 && node[9] >= '0' && node[9] <= '9' ? node + 5
+                                                                                : nullptr;
+}
+
 } // namespace
 
-bool is_read_only_loop_over(dev_t dev, const char *devnode, char (&node)[32]) noexcept {
-  if (major(dev) != kLoopMajor)
-    return false;
+bool is_read_only_loop_over(const char *node, const char *devnode) noexcept {
+  const char *name = loop_name(node);
   char value[4096];
-  if (!read_block_attr(dev, "ro", value, sizeof value) || strcmp(value, "1") != 0 ||
-      !read_block_attr(dev, "loop/autoclear", value, sizeof value) || strcmp(value, "1") != 0 ||
-      !read_block_attr(dev, "loop/backing_file", value, sizeof value) ||
-      strcmp(value, devnode) != 0)
+  return name && read_block_attr(name, "ro", value, sizeof value) && strcmp(value, "1") == 0 &&
+         read_block_attr(name, "loop/autoclear", value, sizeof value) && strcmp(value, "1") == 0 &&
+         read_block_attr(name, "loop/backing_file", value, sizeof value) &&
+         strcmp(value, devnode) == 0;
+}
+
+bool find_read_only_loop_over(const char *devnode, char (&node)[32]) noexcept {
+  fd_owner dir(open("/sys/block", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir.ok())
     return false;
-  // The name, as loop minors follow the driver's max_part: the link names the device.
-  char link[64], target[256];
-  snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major(dev), minor(dev));
-  const ssize_t n = readlink(link, target, sizeof target - 1);
-  if (n <= 0)
-    return false;
-  target[n] = '\0';
-  const char *name = strrchr(target, '/');
-  return ic_util_strscpyl(node, sizeof node, "/dev/", name ? name + 1 : target, nullptr) > 0;
+  alignas(dirent64_record) char buf[4096];
+  bool found = false;
+  for_each_dirent(dir.get(), buf, sizeof buf, [&](const char *name, unsigned char) noexcept {
+    if (strncmp(name, "loop", 4) != 0 || strlen(name) > 20)
+      return 0;
+    snprintf(node, sizeof node, "/dev/%s", name);
+    found = is_read_only_loop_over(node, devnode);
+    return found ? 1 : 0;
+  });
+  return found;
+}
+
+void settle_loop(const char *node) noexcept {
+  // Still claimed (EBUSY): someone else has it mounted, and it stays.
+  const int fd = open(node, O_RDONLY | O_EXCL | O_CLOEXEC);
+  if (fd < 0)
+    return;
+  close(fd); // the last close clears it, unless udev has it open
+  wait_loop_unbound(node);
 }
 
 } // namespace fsic::detail

@@ -5,7 +5,6 @@
 #include <fsic/defs.h>
 
 #include <cstdint>
-#include <sys/types.h>
 
 namespace fsic::detail {
 
@@ -20,12 +19,14 @@ int request_loop_device() noexcept;
 // another process bound the device first); nothing stays bound after a failure.
 int bind_loop(int loop_fd, int file_fd, uint32_t flags, const char *file_name) noexcept;
 
-// A read-only loop device over the block device `devnode`, as a mount source that no
-// write can pass: the device is opened read-only, and the loop clears itself when its
-// last user goes (its mount, or this process). On success *loop_fd is the open loop
-// device (close it once it is mounted) and `node` its node ("/dev/loopN"). 1 when the
-// device cannot be opened or no loop device can be bound (up to 16 taken ones).
-fsic_status open_read_only_loop(const char *devnode, int *loop_fd, char (&node)[32]) noexcept;
+// A read-only loop device over the block device open at `dev_fd` (read-only, named
+// `devnode`), as a mount source that no write can pass: the loop clears itself when
+// its last user goes (its mount, or this process), and keeps the descriptor's file,
+// with any claim on the device that it holds, until then. On success *loop_fd is the
+// open loop device (close it once it is mounted) and `node` its node ("/dev/loopN").
+// 1 when no loop device can be bound (up to 16 taken ones).
+fsic_status open_read_only_loop(int dev_fd, const char *devnode, int *loop_fd,
+                                char (&node)[32]) noexcept;
 
 // Waits until the loop device holds no file any more (its sysfs attribute
 // loop/backing_file is gone), polling every 50 ms for 5 to 6 seconds at most. The
@@ -39,10 +40,17 @@ void wait_loop_unbound(const char *devnode) noexcept;
 // free again when it returns.
 void unbind_loop(const char *devnode, int loop_fd) noexcept;
 
-// The node ("/dev/loopN") of the loop device with device number `dev` when it is one
-// that open_read_only_loop() bound over `devnode` (read-only, clearing itself, with
-// that device as its file); false for any other device.
-bool is_read_only_loop_over(dev_t dev, const char *devnode, char (&node)[32]) noexcept;
+// Whether the loop device `node` is one bound read-only, clearing itself, with the
+// device `devnode` as its file (as open_read_only_loop() binds them).
+bool is_read_only_loop_over(const char *node, const char *devnode) noexcept;
+
+// Such a loop device over `devnode`, bound by another disk list or process: its node
+// goes to `node`; false when there is none.
+bool find_read_only_loop_over(const char *devnode, char (&node)[32]) noexcept;
+
+// After an unmount of the loop device `node`: when nobody has it mounted any more, makes
+// sure that it clears itself and waits until it has (see wait_loop_unbound).
+void settle_loop(const char *node) noexcept;
 
 } // namespace fsic::detail
 

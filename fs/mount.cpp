@@ -2,6 +2,7 @@
 // holds, read-only mounts, and the external command runner that mounts VMFS volumes.
 #include <fsic/log.h>
 #include <fsic/mount.h>
+#include <fsic/util.h>
 
 #include <cerrno>
 #include <csignal>
@@ -18,6 +19,7 @@
 
 #include "fs/loop_internal.h"
 #include "fs/mount_internal.h"
+#include "fs/mountinfo.h"
 #include "util/log_internal.h"
 #include "util/owner.h"
 
@@ -150,45 +152,79 @@ fsic_status mount_volume(const char *source, const char *dir, const char *fs_typ
   return FSIC_ERR_FAILED;
 }
 
-// Whether the library may put a read-only loop device between the volume and its
-// mount: not for an image partition, whose loop device the library bound read-only
-// already, nor for a device that someone has claimed (mounted it, or holds it, as
-// device-mapper does), whose mount the kernel shares or refuses. A device that cannot
-// be opened is mounted as it is, and the mount says why it fails.
-bool wants_read_only_loop(const fs_volume *volume) noexcept {
-  if (volume->ops->kind == FS_VOLUME_IMAGE_PARTITION)
-    return false;
-  const int fd = open(volume->devnode, O_RDONLY | O_EXCL | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) {
-    FSIC_LOG_FAILED("exclusive open of the volume's device");
-    return false;
-  }
-  close(fd);
-  return true;
+// Mounts the device open at `dev_fd` (read-only and claimed) through a new read-only
+// loop device; the descriptor is closed, and the loop device keeps it, and with it the
+// claim, until it clears itself once the mount is gone.
+fsic_status mount_through_new_loop(const fs_volume *volume, int dev_fd, const char *dir) noexcept {
+  int loop_fd;
+  char node[32];
+  const fsic_status bound =
+      fsic::detail::open_read_only_loop(dev_fd, volume->devnode, &loop_fd, node);
+  close(dev_fd);
+  if (bound != FSIC_OK)
+    return bound;
+  // The loop device stays open until it is mounted, else it would clear itself.
+  const fsic_status status = mount_volume(node, dir, volume->fs_type);
+  if (status != FSIC_OK)
+    fsic::detail::unbind_loop(node, loop_fd); // gone when the call returns
+  else
+    close(loop_fd);
+  return status;
 }
 
-// Mounts the volume on `dir`, with the mount system call through a read-only loop
-// device where it may (see above), so that neither the file system nor anyone else
-// can write the device while it is held. The loop device clears itself once the
-// mount is gone.
+// How often a mount looks again, 10 ms apart, for the read-only loop device of another
+// holder of the device: one that has just claimed it may not have bound it yet, and one
+// may be gone between finding and mounting it.
+constexpr int kShareTries = 10;
+constexpr long kSharePauseNanoseconds = 10L * 1000 * 1000;
+
+// Mounts the volume on `dir` so that nothing is written to its device. A device that
+// nobody has claimed is claimed (an exclusive open, so that nobody mounts it elsewhere
+// meanwhile) and mounted through a loop device bound to it read-only. A device already
+// so claimed by another disk list or process is mounted through the same loop device.
+// An image partition lies on the image's own read-only loop device and is mounted as it
+// is. A device that someone else has claimed (mounted it, or holds it, as device-mapper
+// does) is mounted as it is too: the kernel shares that mount or refuses; so is one
+// that cannot be opened at all, and the mount says why it fails.
 fsic_status mount_held_volume(const fs_volume *volume, const char *dir) noexcept {
   // The VMFS tool is a reader of its own: it gets the device itself.
   if (const mount_entry *e = find_mount_entry(volume->fs_type))
     return e->mount(volume->devnode, dir);
-  int loop_fd = -1;
-  char loop_node[32];
-  const char *source = volume->devnode;
-  if (wants_read_only_loop(volume)) {
-    FSIC_TRY(fsic::detail::open_read_only_loop(volume->devnode, &loop_fd, loop_node));
-    source = loop_node;
+  if (volume->ops->kind == FS_VOLUME_IMAGE_PARTITION)
+    return mount_volume(volume->devnode, dir, volume->fs_type);
+  for (int attempt = 0; attempt < kShareTries; attempt++) {
+    const int dev = open(volume->devnode, O_RDONLY | O_EXCL | O_CLOEXEC | O_NOCTTY);
+    if (dev >= 0)
+      return mount_through_new_loop(volume, dev, dir);
+    const int open_errno = errno;
+    char node[32];
+    if (open_errno == EBUSY && fsic::detail::find_read_only_loop_over(volume->devnode, node)) {
+      if (mount_volume(node, dir, volume->fs_type) == FSIC_OK)
+        return FSIC_OK;
+      // Still there: the mount failed for a reason of its own.
+      if (fsic::detail::is_read_only_loop_over(node, volume->devnode))
+        return FSIC_ERR_FAILED;
+    }
+    if (open_errno != EBUSY || attempt == kShareTries - 1) {
+      errno = open_errno;
+      FSIC_LOG_FAILED("exclusive open of the volume's device");
+      break;
+    }
+    struct timespec pause = {0, kSharePauseNanoseconds};
+    nanosleep(&pause, nullptr);
   }
-  // The loop device stays open until it is mounted, else it would clear itself.
-  const fsic_status status = mount_volume(source, dir, volume->fs_type);
-  if (loop_fd >= 0 && status != FSIC_OK)
-    fsic::detail::unbind_loop(loop_node, loop_fd); // gone when the call returns
-  else if (loop_fd >= 0)
-    close(loop_fd);
-  return status;
+  return mount_volume(volume->devnode, dir, volume->fs_type);
+}
+
+// The source of the topmost mount on exactly `dir`, when it fits `source`.
+bool mount_source_of(const char *dir, char (&source)[32]) noexcept {
+  bool found = false;
+  fsic::detail::for_each_mount([&](const fsic::detail::mount_entry_view &m) noexcept {
+    if (strcmp(m.mount_point, dir) == 0)
+      found = ic_util_strscpyl(source, sizeof source, m.source, nullptr) > 0;
+    return false;
+  });
+  return found;
 }
 
 int umount_volume(const char *dir, const char *fs_type) noexcept {
@@ -300,15 +336,13 @@ extern "C" fsic_status fs_volume_get_mount_point(fs_volume *volume,
 }
 
 extern "C" void _fs_volume_release_mount_point(fs_volume *volume) noexcept {
-  // The read-only loop device under the mount clears itself after the unmount; its
-  // release is waited for, so that the device is free again when this returns.
-  struct stat st;
-  char loop[32];
-  const bool own_loop = stat(volume->mount_point, &st) == 0 &&
-                        fsic::detail::is_read_only_loop_over(st.st_dev, volume->devnode, loop);
-  umount_volume(volume->mount_point, volume->fs_type);
-  if (own_loop)
-    fsic::detail::wait_loop_unbound(loop);
+  // The read-only loop device under the mount clears itself after the last unmount;
+  // that is waited for, so that the device is free again when this returns.
+  char source[32];
+  const bool own_loop = mount_source_of(volume->mount_point, source) &&
+                        fsic::detail::is_read_only_loop_over(source, volume->devnode);
+  if (umount_volume(volume->mount_point, volume->fs_type) == 0 && own_loop)
+    fsic::detail::settle_loop(source);
   rmdir(volume->mount_point);
   free(volume->mount_point);
   volume->mount_point = nullptr;

@@ -66,7 +66,7 @@ TEST_F(DebugLogTest, AtClassDebugAFailedMountNamesTheCallAndTheReason) {
   // mount of the device itself fails.
   ASSERT_EQ(g_records.size(), 2u);
   const std::string &open_record = g_records[0];
-  EXPECT_NE(open_record.find(" [fs] DEBUG: mount:wants_read_only_loop:"), std::string::npos)
+  EXPECT_NE(open_record.find(" [fs] DEBUG: mount:mount_held_volume:"), std::string::npos)
       << open_record;
   EXPECT_NE(open_record.find(" exclusive open of the volume's device failed: No such file or "
                              "directory\n"),

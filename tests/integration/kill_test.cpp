@@ -33,6 +33,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <map>
@@ -156,6 +157,7 @@ protected:
     const std::string outer = work_ / "outer.img";
     ASSERT_TRUE(support::make_ext4_image(outer, 16 << 20, src));
     ASSERT_TRUE(outer_.attach(outer));
+    before_ = bound_loops();
   }
 
   ~KillTest() override {
@@ -239,16 +241,18 @@ protected:
       if (m.mount_point.rfind("/tmp/fs.", 0) == 0 &&
           m.mount_point.find(own + "/") != std::string::npos)
         r.push_back("mount " + m.mount_point);
-    for (const auto &[dev, file] : bound_loops())
-      if (file == outer_.node() ||
-          (file.rfind("/tmp/fs.", 0) == 0 && file.find(own + "/") != std::string::npos))
-        r.push_back("loop device " + dev + " on " + file);
+    // Any loop device bound now that was not before the child ran (a lazily detached
+    // file shows a path relative to its detached mount, so paths cannot tell).
+    for (const auto &loop : bound_loops())
+      if (std::find(before_.begin(), before_.end(), loop) == before_.end())
+        r.push_back("loop device " + loop.first + " on " + loop.second);
     return r;
   }
 
   support::base_dir_guard guard_;
   support::temp_dir work_{"fsic-kill-test", std::nothrow};
   support::loop_device outer_;
+  std::vector<std::pair<std::string, std::string>> before_; // bound loop devices
 };
 
 // A new process that creates a disk list (the host's inventory may fail on a disk

@@ -283,6 +283,46 @@ TEST_F(MountTest, TwoListsHaveTheirOwnBaseDirectories) {
   EXPECT_FALSE(exists(base_b));
 }
 
+TEST_F(MountTest, TwoListsHoldingOneDeviceShareItsReadOnlyLoopAndKeepItClaimed) {
+  auto &[dev, list_a, a] = volume_on_new_image();
+  ASSERT_FALSE(dev.empty());
+  test_disk_list list_b;
+  auto b = make_volume(list_b, dev);
+  owned_texts owned{{b.get()}, &list_b};
+
+  const char *mp_a = nullptr, *mp_b = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(a->volume(), &mp_a), FSIC_OK);
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(fs_volume_get_mount_point(b->volume(), &mp_b), FSIC_OK);
+  const std::string dir_a = mp_a, dir_b = mp_b;
+  const auto ma = find_mount(dir_a), mb = find_mount(dir_b);
+  ASSERT_TRUE(ma && mb);
+  EXPECT_EQ(ma->source, mb->source) << "one read-only loop device for both";
+  EXPECT_TRUE(support::is_read_only_loop(ma->source)) << ma->source;
+  EXPECT_EQ(support::device_under(ma->source), dev);
+
+  // While held, the device is claimed: nobody can mount it (or claim it) elsewhere.
+  errno = 0;
+  const int fd = open(dev.c_str(), O_RDONLY | O_EXCL);
+  EXPECT_EQ(fd, -1);
+  EXPECT_EQ(errno, EBUSY);
+  if (fd >= 0)
+    close(fd);
+
+  // The first release leaves the other hold's mount alone, the last one takes the loop
+  // device down before it returns.
+  EXPECT_EQ(fs_volume_release_mount_point(a->volume()), FSIC_OK);
+  EXPECT_EQ(support::read_text(dir_b + "/hello.txt"), kHello);
+  EXPECT_EQ(fs_volume_release_mount_point(b->volume()), FSIC_OK);
+  EXPECT_EQ(count_mounts_of(dev), 0);
+  EXPECT_FALSE(exists("/sys/block/" + ma->source.substr(5) + "/loop/backing_file"))
+      << ma->source << " is still bound";
+  const int again = open(dev.c_str(), O_RDONLY | O_EXCL);
+  EXPECT_GE(again, 0) << "the claim went with the loop device: " << strerror(errno);
+  if (again >= 0)
+    close(again);
+}
+
 // ---- names and modes ----------------------------------------------------------------
 
 TEST_F(MountTest, DirectoryNamesFollowTheLocalTimeAndThePid) {
