@@ -165,7 +165,7 @@ int mask_is_valid(const char *mask, size_t len) noexcept { return !memchr(mask, 
 // A NUL-terminated copy of the `len` bytes at `view` (checked to hold no NUL), which
 // *out receives.
 fsic_status alloc_str(const char *view, uint16_t len, char **out) noexcept {
-  *out = strndup(view, len);
+  *out = fsic::detail::dup_bytes(view, len);
   return *out ? FSIC_OK : FSIC_ERR_NO_MEMORY;
 }
 

@@ -139,11 +139,9 @@ fsic_status rb_read_and_alloc_zstr(rb *buf, char **str) noexcept {
   fsic_status status = rb_read_str(buf, &view, &len);
   if (status != FSIC_OK)
     return status;
-  char *copy = static_cast<char *>(malloc((size_t)len + 1));
+  char *copy = fsic::detail::dup_bytes(view, len);
   if (!copy)
     return FSIC_ERR_NO_MEMORY;
-  memcpy(copy, view, len);
-  copy[len] = '\0';
   *str = copy;
   return FSIC_OK;
 }

@@ -77,6 +77,18 @@ inline fsic_status dup_into(char **field, const char *value) noexcept {
   return *field ? FSIC_OK : FSIC_ERR_NO_MEMORY;
 }
 
+// A NUL-terminated copy of the `len` bytes at `bytes` (which need no terminator of
+// their own, unlike strndup's argument under strict string checking), from malloc; null
+// when memory is exhausted.
+inline char *dup_bytes(const char *bytes, size_t len) noexcept {
+  char *copy = static_cast<char *>(std::malloc(len + 1));
+  if (!copy)
+    return nullptr;
+  std::memcpy(copy, bytes, len);
+  copy[len] = '\0';
+  return copy;
+}
+
 // A new block of `size` bytes filled in by `fill(T *)`, which returns a status; *out
 // receives the block when that is 0, and nothing is left behind otherwise.
 template <typename T, typename Fill>
