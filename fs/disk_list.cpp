@@ -39,18 +39,20 @@ fsic_status get_serial(udev_device *dev, const char **serial) noexcept {
 }
 
 // Every non-removable, non-virtual disk must be identifiable by a serial: a disk
-// without one fails the whole scan.
-fsic_status add_disk(fs_disk_list *list, udev_device *dev) noexcept {
+// without one fails the whole scan, unless the flags keep it (without a serial).
+fsic_status add_disk(fs_disk_list *list, udev_device *dev, uint32_t flags) noexcept {
   const char *serial, *devnode;
   fsic_status status = get_serial(dev, &serial);
   if (status != FSIC_OK)
     return status;
   if (!serial) {
+    const bool kept = flags & FS_DISK_LIST_KEEP_NO_SERIAL;
     if (IC_LOG_ENABLED(&__ic_log_fs, IC_LOG_DEBUG))
       ic_log(&__ic_log_fs, IC_LOG_DEBUG, kLogSource, __func__, __LINE__,
-             "%s has no serial number (ID_SERIAL_SHORT, ID_SERIAL)\n",
-             udev_device_get_syspath(dev));
-    return FSIC_ERR_FAILED;
+             "%s has no serial number (ID_SERIAL_SHORT, ID_SERIAL)%s\n",
+             udev_device_get_syspath(dev), kept ? ": kept, its volumes go by UUID" : "");
+    if (!kept)
+      return FSIC_ERR_FAILED;
   }
   if ((status = required_devnode(dev, &devnode, kLogSource)) != FSIC_OK)
     return status;
@@ -96,7 +98,7 @@ fsic_status add_partition(fs_disk_list *list, udev_device *dev) noexcept {
 }
 
 // First pass: whole disks; removable devices and partitions are skipped.
-fsic_status disk_pass(fs_disk_list *list, udev_device *dev) noexcept {
+fsic_status disk_pass(fs_disk_list *list, udev_device *dev, uint32_t flags) noexcept {
   const char *removable;
   const udev_value got = udev_sysattr(dev, "removable", &removable);
   if (got == udev_value::no_memory)
@@ -109,12 +111,12 @@ fsic_status disk_pass(fs_disk_list *list, udev_device *dev) noexcept {
     case -1:
       return FSIC_ERR_NO_MEMORY;
     default:
-      return add_disk(list, dev);
+      return add_disk(list, dev, flags);
   }
 }
 
 // Second pass: partitions, attached to the disks found by the first.
-fsic_status partition_pass(fs_disk_list *list, udev_device *dev) noexcept {
+fsic_status partition_pass(fs_disk_list *list, udev_device *dev, uint32_t) noexcept {
   switch (_fs_is_partition(dev)) {
     case 1:
       return add_partition(list, dev);
@@ -127,8 +129,9 @@ fsic_status partition_pass(fs_disk_list *list, udev_device *dev) noexcept {
 
 // Walks /sys/class/block with its own udev context and hands every non-virtual device
 // to `pass`; the first non-zero status ends the walk.
-fsic_status scan_block_devices(fs_disk_list *list,
-                               fsic_status (*pass)(fs_disk_list *, udev_device *)) noexcept {
+fsic_status scan_block_devices(fs_disk_list *list, uint32_t flags,
+                               fsic_status (*pass)(fs_disk_list *, udev_device *,
+                                                   uint32_t)) noexcept {
   udev_ptr udev(udev_new());
   if (!udev) {
     FSIC_LOG_FAILED("udev_new");
@@ -143,8 +146,41 @@ fsic_status scan_block_devices(fs_disk_list *list,
       FSIC_LOG_FAILED("udev_device_new_from_syspath");
       return FSIC_ERR_FAILED;
     }
-    return pass(list, dev.get());
+    return pass(list, dev.get(), flags);
   });
+}
+
+// A disk without partitions that carries a file system itself (udev ID_FS_TYPE on the
+// disk) gets one volume: a partition record numbered 0 with the disk's device.
+fsic_status add_whole_disk_volume(struct udev *udev, fs_disk *disk) noexcept {
+  if (!list_empty(&disk->partitions))
+    return FSIC_OK;
+  udev_device_ptr dev(udev_device_new_from_syspath(udev, disk->syspath));
+  if (!dev) {
+    FSIC_LOG_FAILED("udev_device_new_from_syspath");
+    return FSIC_ERR_FAILED;
+  }
+  const char *fs_type;
+  FSIC_TRY(optional_value(udev_property(dev.get(), "ID_FS_TYPE", &fs_type)));
+  if (!fs_type)
+    return FSIC_OK;
+  fs_partition *part;
+  FSIC_TRY(_fs_create_partition(dev.get(), &_fs_partition_ops, &part));
+  part->number = 0;
+  list_add_tail(&part->link, &disk->partitions);
+  part->disk = disk;
+  return FSIC_OK;
+}
+
+fsic_status add_whole_disk_volumes(fs_disk_list *list) noexcept {
+  udev_ptr udev(udev_new());
+  if (!udev) {
+    FSIC_LOG_FAILED("udev_new");
+    return FSIC_ERR_FAILED;
+  }
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
+    FSIC_TRY(add_whole_disk_volume(udev.get(), d));
+  return FSIC_OK;
 }
 
 // Frees a list (its record lists are initialised as soon as it is allocated).
@@ -159,7 +195,9 @@ void destroy_list(fs_disk_list *list) noexcept {
 
 } // namespace
 
-extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
+extern "C" fsic_status fs_disk_list_create_with(uint32_t flags, fs_disk_list **out) noexcept {
+  if (flags & ~(FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS))
+    return FSIC_ERR_FAILED;
   owner<fs_disk_list, destroy_list> list = make_zeroed<fs_disk_list, destroy_list>();
   if (!list)
     return FSIC_ERR_NO_MEMORY;
@@ -170,13 +208,16 @@ extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
   _fs_recover_base_dirs();
 
   // Two passes, so that every disk exists before its partitions are attached.
-  fsic_status status = scan_block_devices(list.get(), disk_pass);
-  if (status == FSIC_OK)
-    status = scan_block_devices(list.get(), partition_pass);
-  if (status != FSIC_OK)
-    return status;
+  FSIC_TRY(scan_block_devices(list.get(), flags, disk_pass));
+  FSIC_TRY(scan_block_devices(list.get(), flags, partition_pass));
+  if (flags & FS_DISK_LIST_WHOLE_DISKS)
+    FSIC_TRY(add_whole_disk_volumes(list.get()));
   *out = list.release();
   return FSIC_OK;
+}
+
+extern "C" fsic_status fs_disk_list_create(fs_disk_list **out) noexcept {
+  return fs_disk_list_create_with(0, out);
 }
 
 extern "C" void fs_disk_list_destroy(fs_disk_list *list) noexcept {

@@ -26,6 +26,17 @@ fsic_status create_numbered_id(fs_volume *volume, fs_volume_id **out) {
   return create(disk->*name, static_cast<uint32_t>(part->number), out);
 }
 
+// A partition of a disk without a serial (which only the tolerant inventory keeps) is
+// identified by its file system's UUID; without one it cannot be identified (1).
+fsic_status disk_partition_create_id(fs_volume *volume, fs_volume_id **out) {
+  auto *part = reinterpret_cast<fs_partition *>(volume);
+  if (static_cast<fs_disk *>(part->disk)->serial)
+    return create_numbered_id<fs_disk, &fs_disk::serial, fs_partition_id_create>(volume, out);
+  if (part->uuid)
+    return fs_uuid_volume_id_create(part->uuid, out);
+  return FSIC_ERR_FAILED;
+}
+
 template <typename Disk>
 fs_disk_list *owner_disk_list(fs_volume *volume) {
   return static_cast<Disk *>(reinterpret_cast<fs_partition *>(volume)->disk)->disk_list;
@@ -33,9 +44,8 @@ fs_disk_list *owner_disk_list(fs_volume *volume) {
 
 } // namespace
 
-extern "C" const fs_volume_ops _fs_partition_ops = {
-    FS_VOLUME_PARTITION, create_numbered_id<fs_disk, &fs_disk::serial, fs_partition_id_create>,
-    owner_disk_list<fs_disk>};
+extern "C" const fs_volume_ops _fs_partition_ops = {FS_VOLUME_PARTITION, disk_partition_create_id,
+                                                    owner_disk_list<fs_disk>};
 
 extern "C" const fs_volume_ops _fs_image_partition_ops = {
     FS_VOLUME_IMAGE_PARTITION,

@@ -79,11 +79,11 @@ fsic_status partition_id_copy(const fs_volume_id *id, fs_volume_id **out) {
 }
 
 // The first disk with the serial decides: later disks with the same serial are not
-// searched.
+// searched. Disks without a serial (kept by the tolerant inventory) never match.
 fs_volume *partition_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
   const fs_partition_id *p = as_numbered(id);
   for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d)) {
-    if (strcmp(d->serial, p->disk_serial) == 0) {
+    if (d->serial && strcmp(d->serial, p->disk_serial) == 0) {
       fs_partition *part = fs_disk_partition_by_number(d, static_cast<int>(p->number));
       return part ? &part->volume : nullptr;
     }
@@ -168,6 +168,59 @@ const fs_volume_id_ops lvm_volume_id_ops = {FS_VOLUME_LVM,         lvm_volume_id
                                             lvm_volume_id_compare, lvm_volume_id_find_volume,
                                             lvm_volume_id_write,   lvm_volume_id_destroy};
 
+// ---- file system UUID ------------------------------------------------------------------
+
+fs_uuid_volume_id *as_uuid(const fs_volume_id *id) {
+  return reinterpret_cast<fs_uuid_volume_id *>(const_cast<fs_volume_id *>(id));
+}
+
+fsic_status uuid_id_copy(const fs_volume_id *id, fs_volume_id **out) {
+  return fs_uuid_volume_id_create(as_uuid(id)->uuid, out);
+}
+
+int32_t uuid_id_compare(const fs_volume_id *a, const fs_volume_id *b) {
+  if (int32_t d = kind_difference(a, b))
+    return d;
+  return strcmp(as_uuid(a)->uuid, as_uuid(b)->uuid);
+}
+
+// The first partition of the walk whose UUID is `uuid`, or null.
+template <typename Owner, typename First, typename Next>
+fs_partition *partition_with_uuid(Owner *owner, First first, Next next, const char *uuid) {
+  for (fs_partition *p = first(owner); p; p = next(owner, p))
+    if (p->uuid && strcmp(p->uuid, uuid) == 0)
+      return p;
+  return nullptr;
+}
+
+// Disk partitions first, then image partitions; LVM volume records carry no UUID.
+fs_volume *uuid_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
+  const char *uuid = as_uuid(id)->uuid;
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
+    if (fs_partition *p =
+            partition_with_uuid(d, fs_disk_first_partition, fs_disk_next_partition, uuid))
+      return &p->volume;
+  for (fs_image_disk *d = fs_disk_list_first_image_disk(list); d;
+       d = fs_disk_list_next_image_disk(list, d))
+    if (fs_partition *p = partition_with_uuid(d, fs_image_disk_first_partition,
+                                              fs_image_disk_next_partition, uuid))
+      return &p->volume;
+  return nullptr;
+}
+
+fsic_status uuid_id_write(const fs_volume_id *id, wb *buf) {
+  FSIC_TRY(wb_write_uint16(buf, static_cast<uint16_t>(id->ops->kind)));
+  return wb_write_str(buf, as_uuid(id)->uuid);
+}
+
+void uuid_id_destroy(fs_volume_id *id) {
+  free(as_uuid(id)->uuid);
+  free(id);
+}
+
+const fs_volume_id_ops uuid_id_ops = {FS_VOLUME_ID_UUID,   uuid_id_copy,  uuid_id_compare,
+                                      uuid_id_find_volume, uuid_id_write, uuid_id_destroy};
+
 // ---- readers ---------------------------------------------------------------------------
 
 fsic_status read_numbered(rb *buf, const fs_volume_id_ops *ops, fs_volume_id **out) noexcept {
@@ -201,6 +254,15 @@ fsic_status lvm_volume_id_read(rb *buf, fs_volume_id **out) noexcept {
   return FSIC_OK;
 }
 
+fsic_status uuid_id_read(rb *buf, fs_volume_id **out) noexcept {
+  id_owner id = start_id<fs_uuid_volume_id>(&uuid_id_ops);
+  if (!id)
+    return FSIC_ERR_NO_MEMORY;
+  FSIC_TRY(rb_read_and_alloc_zstr(buf, &as_uuid(id.get())->uuid));
+  *out = id.release();
+  return FSIC_OK;
+}
+
 struct read_map_entry {
   uint16_t kind;
   fsic_status (*read)(rb *, fs_volume_id **) noexcept;
@@ -210,6 +272,7 @@ const read_map_entry read_map[] = {
     {FS_VOLUME_PARTITION, partition_id_read},
     {FS_VOLUME_IMAGE_PARTITION, image_partition_id_read},
     {FS_VOLUME_LVM, lvm_volume_id_read},
+    {FS_VOLUME_ID_UUID, uuid_id_read},
 };
 
 const read_map_entry *find_read_map_entry(uint16_t kind) noexcept {
@@ -238,6 +301,15 @@ extern "C" fsic_status fs_lvm_volume_id_create(const char *group_name, const cha
     return FSIC_ERR_NO_MEMORY;
   FSIC_TRY(fsic::detail::dup_into(&as_lvm(id.get())->group_name, group_name));
   FSIC_TRY(fsic::detail::dup_into(&as_lvm(id.get())->volume_name, volume_name));
+  *out = id.release();
+  return FSIC_OK;
+}
+
+extern "C" fsic_status fs_uuid_volume_id_create(const char *uuid, fs_volume_id **out) noexcept {
+  id_owner id = start_id<fs_uuid_volume_id>(&uuid_id_ops);
+  if (!id)
+    return FSIC_ERR_NO_MEMORY;
+  FSIC_TRY(fsic::detail::dup_into(&as_uuid(id.get())->uuid, uuid));
   *out = id.release();
   return FSIC_OK;
 }

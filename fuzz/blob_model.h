@@ -195,7 +195,7 @@ inline bool valid_name(const std::string &name) {
 
 struct IdValue {
   uint16_t kind = 0;
-  std::string first;   // serial, image name or group name
+  std::string first;   // serial, image name, group name or file-system UUID
   uint16_t number = 0; // kinds 0 and 1
   std::string second;  // kind 2: volume name
 };
@@ -205,12 +205,14 @@ struct IdValue {
 inline uint32_t model_id(Reader &r, Writer &w, IdValue *v) {
   if (!r.u16(&v->kind))
     return kShort;
-  if (v->kind > 2)
+  if (v->kind > 3)
     return kShort;
   if (!r.str(&v->first))
     return kShort;
   w.u16(v->kind);
   w.str(v->first);
+  if (v->kind == 3)
+    return kOk; // the UUID is all
   if (v->kind == 2) {
     if (!r.str(&v->second))
       return kShort;
@@ -231,6 +233,8 @@ inline int model_compare(const IdValue &a, const IdValue &b) {
     return sign(static_cast<long>(a.kind) - b.kind);
   if (int r = sign(strcmp(a.first.c_str(), b.first.c_str())))
     return r;
+  if (a.kind == 3)
+    return 0;
   if (a.kind == 2)
     return sign(strcmp(a.second.c_str(), b.second.c_str()));
   return sign(static_cast<long>(a.number) - b.number);

@@ -2,16 +2,17 @@
 // kinds' write operations).
 //
 // Properties, for every input b:
-//  1. The status is the model's: 0, or 1 for a short record or a kind above 2; an
+//  1. The status is the model's: 0, or 1 for a short record or a kind above 3; an
 //     unknown kind consumes its two bytes and nothing more. On failure the out-pointer is
 //     untouched and nothing leaks.
-//  2. On success the reader consumes exactly the record (6 + L1, or 6 + L1 + L2 for an
-//     LVM volume), the identifier's type is the record's kind, and writing it gives the
+//  2. On success the reader consumes exactly the record (6 + L1, 6 + L1 + L2 for an
+//     LVM volume, 4 + L1 for a file-system UUID), the identifier's type is the record's kind, and writing it gives the
 //     consumed bytes exactly, except that a string holding a NUL byte comes back cut at
 //     that byte (identifiers keep C strings).
 //  3. A copy compares equal both ways and writes the same bytes.
 //  4. When a second record follows, the two compare as the model says (kind, then the
-//     first string by strcmp, then the number or the volume name), and antisymmetrically.
+//     first string by strcmp, then the number or the volume name; a UUID is all), and
+//     antisymmetrically.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -62,7 +63,7 @@ Read read_at(const uint8_t *data, size_t size, size_t offset) {
   FUZZ_CHECK(r.status == r.model_status);
   if (r.status != FSIC_OK) {
     FUZZ_CHECK(r.id == kUntouched);
-    if (r.value.kind > 2 && size - offset >= 2)
+    if (r.value.kind > 3 && size - offset >= 2)
       FUZZ_CHECK(r.end == offset + 2);
     return r;
   }

@@ -282,18 +282,23 @@ void write_ocl_seeds(const fsys::path &root) {
 }
 
 void write_id_seeds() {
-  fs_volume_id *part, *image, *lvm;
+  fs_volume_id *part, *image, *lvm, *uuid;
   if (fs_partition_id_create("ABC", 1, &part) != FSIC_OK ||
       fs_image_partition_id_create("disk.img", 2, &image) != FSIC_OK ||
-      fs_lvm_volume_id_create("vg", "lv", &lvm) != FSIC_OK)
+      fs_lvm_volume_id_create("vg", "lv", &lvm) != FSIC_OK ||
+      fs_uuid_volume_id_create("0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", &uuid) != FSIC_OK)
     die("identifiers");
-  const Bytes p = id_blob(part), i = id_blob(image), l = id_blob(lvm);
+  const Bytes p = id_blob(part), i = id_blob(image), l = id_blob(lvm), u = id_blob(uuid);
   save("volume_id", "partition-ABC-1", p); // 00 00 03 00 41 42 43 01 00
   save("volume_id", "image-partition", i);
   save("volume_id", "lvm-vg-lv", l); // 02 00 02 00 76 67 02 00 6C 76
   save("volume_id", "partition-then-image", concat(p, i));
   save("volume_id", "lvm-then-partition", concat(l, p));
-  save("volume_id", "unknown-kind", Bytes{3, 0, 1, 0, 'x'});
+  save("volume_id", "uuid", u);
+  save("volume_id", "uuid-then-partition", concat(u, p));
+  save("volume_id", "uuid-short", Bytes{3, 0, 4, 0, 'a', 'b'});
+  save("volume_id", "unknown-kind", Bytes{4, 0, 1, 0, 'x'});
+  fs_volume_id_destroy(uuid);
   fs_volume_id_destroy(part);
   fs_volume_id_destroy(image);
   fs_volume_id_destroy(lvm);

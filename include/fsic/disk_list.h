@@ -58,7 +58,7 @@ typedef struct fs_disk {
   fs_disk_list *disk_list; /* owner */
   char *syspath;
   char *devnode;
-  char *serial; /* ID_SERIAL_SHORT, else ID_SERIAL */
+  char *serial; /* ID_SERIAL_SHORT, else ID_SERIAL; NULL only with FS_DISK_LIST_KEEP_NO_SERIAL */
 } fs_disk;
 
 /* A partition of a physical disk, or of an image disk (then `disk` points to the
@@ -106,6 +106,20 @@ typedef struct fs_lvm_volume {
  * under /tmp (the pid in the name) is unmounted and the directories removed (a DEBUG
  * record on channel "fs" says what was recovered). */
 FSIC_API fsic_status fs_disk_list_create(fs_disk_list **out) FSIC_NOEXCEPT;
+
+/* Flags of fs_disk_list_create_with(). */
+/* Keep a disk without a serial number (serial NULL) instead of failing: its partitions
+ * are identified by their file system's UUID (FS_VOLUME_ID_UUID); one without a UUID
+ * cannot be identified (its create_id gives 1). */
+#define FS_DISK_LIST_KEEP_NO_SERIAL 0x1u
+/* A disk without partitions that carries a file system itself (udev ID_FS_TYPE on the
+ * disk, as after "mkfs.ext4 /dev/vdb") gets one volume: a partition record numbered 0
+ * with the disk's devnode, syspath, type and UUID. */
+#define FS_DISK_LIST_WHOLE_DISKS 0x2u
+
+/* fs_disk_list_create() with the behaviours that `flags` asks for (0 gives exactly
+ * fs_disk_list_create()); an unknown flag gives 1. */
+FSIC_API fsic_status fs_disk_list_create_with(uint32_t flags, fs_disk_list **out) FSIC_NOEXCEPT;
 
 /* Destroys image disks (detaching them, the last added first), disks with their
  * partitions (unmounting a still-mounted partition), LVM groups with their volumes,

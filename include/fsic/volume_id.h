@@ -4,10 +4,13 @@
  *   kind 0, partition:       the disk's serial and the partition number
  *   kind 1, image partition: the image disk's name and the partition number
  *   kind 2, LVM volume:      the group's name and the volume's name
+ *   kind 3, file system:     the file system's UUID (udev "ID_FS_UUID"), for volumes of
+ *                            disks without a serial number
  *
  * Each identifier starts with its kind's operations table. Serialised record (little-
  * endian; strings as u16 length + bytes): u16 kind, the first string, then the number
- * as u16 (kinds 0 and 1) or the volume name as a string (kind 2).
+ * as u16 (kinds 0 and 1), the volume name as a string (kind 2), or nothing more
+ * (kind 3). Readers before kind 3 existed refuse its records with status 1.
  */
 #ifndef FSIC_VOLUME_ID_H
 #define FSIC_VOLUME_ID_H
@@ -50,6 +53,14 @@ typedef struct fs_lvm_volume_id {
   char *volume_name;
 } fs_lvm_volume_id;
 
+/* The identifier kind of a file system's UUID. */
+#define FS_VOLUME_ID_UUID 3u
+
+typedef struct fs_uuid_volume_id {
+  const fs_volume_id_ops *ops;
+  char *uuid;
+} fs_uuid_volume_id;
+
 /* Constructors: copy the strings; 0, or 3 with nothing left allocated. */
 FSIC_API fsic_status fs_partition_id_create(const char *disk_serial, uint32_t number,
                                             fs_volume_id **out) FSIC_NOEXCEPT;
@@ -57,6 +68,9 @@ FSIC_API fsic_status fs_image_partition_id_create(const char *image_name, uint32
                                                   fs_volume_id **out) FSIC_NOEXCEPT;
 FSIC_API fsic_status fs_lvm_volume_id_create(const char *group_name, const char *volume_name,
                                              fs_volume_id **out) FSIC_NOEXCEPT;
+/* A file system's UUID; its volume is the first one of the disk list, disk partitions
+ * first, then image partitions, whose UUID equals it (LVM volumes carry none). */
+FSIC_API fsic_status fs_uuid_volume_id_create(const char *uuid, fs_volume_id **out) FSIC_NOEXCEPT;
 
 /* The kind code of the identifier's table. */
 FSIC_API uint32_t fs_volume_id_type(const fs_volume_id *id) FSIC_NOEXCEPT;

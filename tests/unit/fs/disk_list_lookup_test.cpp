@@ -178,3 +178,49 @@ TEST(DiskListLookup, LvmVolumeIsSearchedInEveryGroupOfThatName) {
 }
 
 } // namespace
+
+// ---- file-system UUIDs (disks without a serial) ------------------------------------------
+
+namespace {
+
+id_ptr uuid_id(const char *uuid) {
+  fs_volume_id *id = nullptr;
+  EXPECT_EQ(fs_uuid_volume_id_create(uuid, &id), FSIC_OK);
+  return id_ptr(id);
+}
+
+fs_partition *with_uuid(fs_partition *p, const char *uuid) {
+  p->uuid = const_cast<char *>(uuid);
+  return p;
+}
+
+TEST(DiskListLookup, UuidFindsTheFirstPartitionWithItDisksBeforeImages) {
+  HandList h;
+  fs_disk *nameless = h.disk(nullptr);
+  h.partition(nameless, 1); // no file system: no UUID
+  fs_partition *a = with_uuid(h.partition(nameless, 2), "U-A");
+  fs_disk *serial = h.disk("S");
+  fs_partition *b = with_uuid(h.partition(serial, 1), "U-B");
+  with_uuid(h.partition(serial, 2), "U-A"); // a copy of a file system: the first one wins
+  fs_image_disk *img = h.image("img");
+  fs_partition *c = with_uuid(h.partition(img, 1), "U-C");
+  fs_partition *d = with_uuid(h.partition(img, 2), "U-B");
+  (void)d;
+  EXPECT_EQ(find(h, uuid_id("U-A").get()), &a->volume);
+  EXPECT_EQ(find(h, uuid_id("U-B").get()), &b->volume);
+  EXPECT_EQ(find(h, uuid_id("U-C").get()), &c->volume);
+  EXPECT_EQ(find(h, uuid_id("U-D").get()), nullptr);
+  EXPECT_EQ(find(h, uuid_id("").get()), nullptr);
+}
+
+TEST(DiskListLookup, ADiskWithoutASerialNeverMatchesAPartitionId) {
+  HandList h;
+  fs_disk *nameless = h.disk(nullptr);
+  h.partition(nameless, 1);
+  fs_disk *serial = h.disk("S");
+  fs_partition *p = h.partition(serial, 1);
+  EXPECT_EQ(find(h, partition_id("S", 1).get()), &p->volume);
+  EXPECT_EQ(find(h, partition_id("", 1).get()), nullptr);
+}
+
+} // namespace

@@ -36,6 +36,12 @@ id_ptr lvm_id(const char *group, const char *volume) {
   return id_ptr(id);
 }
 
+id_ptr uuid_id(const char *uuid) {
+  fs_volume_id *id = nullptr;
+  EXPECT_EQ(fs_uuid_volume_id_create(uuid, &id), FSIC_OK);
+  return id_ptr(id);
+}
+
 std::vector<uint8_t> serialise(const fs_volume_id *id) {
   wb buf;
   EXPECT_EQ(wb_init(&buf, 0), FSIC_OK);
@@ -139,8 +145,43 @@ TEST(VolumeId, NumbersAboveSixteenBitsAreCutWhenWritten) {
   EXPECT_NE(fs_volume_id_compare(back.get(), id.get()), 0);
 }
 
+TEST(VolumeId, UuidRecordIsByteExact) {
+  auto id = uuid_id("0b1c-2d");
+  EXPECT_EQ(fs_volume_id_type(id.get()), FS_VOLUME_ID_UUID);
+  EXPECT_EQ(serialise(id.get()),
+            (std::vector<uint8_t>{0x03, 0x00, 0x07, 0x00, '0', 'b', '1', 'c', '-', '2', 'd'}));
+}
+
+TEST(VolumeId, UuidIdsReadBackEqualAndCopiesAreIndependent) {
+  for (const char *uuid : {"", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "1234-ABCD"}) {
+    auto id = uuid_id(uuid);
+    id_ptr back;
+    ASSERT_EQ(parse(serialise(id.get()), &back), FSIC_OK) << uuid;
+    EXPECT_EQ(fs_volume_id_compare(back.get(), id.get()), 0);
+    EXPECT_STREQ(reinterpret_cast<fs_uuid_volume_id *>(back.get())->uuid, uuid);
+    fs_volume_id *copy = nullptr;
+    ASSERT_EQ(id->ops->copy(id.get(), &copy), FSIC_OK);
+    id_ptr owned(copy);
+    EXPECT_NE(reinterpret_cast<fs_uuid_volume_id *>(copy)->uuid,
+              reinterpret_cast<fs_uuid_volume_id *>(id.get())->uuid);
+    EXPECT_EQ(fs_volume_id_compare(copy, id.get()), 0);
+  }
+}
+
+TEST(VolumeId, UuidIdsCompareByKindThenUuid) {
+  auto a = uuid_id("aaaa"), b = uuid_id("bbbb");
+  EXPECT_LT(fs_volume_id_compare(a.get(), b.get()), 0);
+  EXPECT_GT(fs_volume_id_compare(b.get(), a.get()), 0);
+  // A partition id whose serial is the same text is another kind: kind 0 sorts first.
+  auto p = partition_id("aaaa", 0);
+  EXPECT_LT(fs_volume_id_compare(p.get(), a.get()), 0);
+  EXPECT_GT(fs_volume_id_compare(a.get(), p.get()), 0);
+  auto l = lvm_id("aaaa", "");
+  EXPECT_GT(fs_volume_id_compare(a.get(), l.get()), 0);
+}
+
 TEST(VolumeId, UnknownKindFailsWithoutConsumingMore) {
-  for (uint8_t kind : {3, 4, 0xFF}) {
+  for (uint8_t kind : {4, 5, 0xFF}) {
     std::vector<uint8_t> bytes{kind, 0x00, 0x01, 0x00, 'x', 0x01, 0x00};
     id_ptr back;
     uint32_t consumed = 0;
@@ -151,7 +192,8 @@ TEST(VolumeId, UnknownKindFailsWithoutConsumingMore) {
 }
 
 TEST(VolumeId, EveryTruncatedRecordFailsWithOne) {
-  id_ptr ids[] = {partition_id("ABC", 1), image_id("img", 2), lvm_id("vg", "lv")};
+  id_ptr ids[] = {partition_id("ABC", 1), image_id("img", 2), lvm_id("vg", "lv"),
+                  uuid_id("0b1c2d3e")};
   for (auto &id : ids) {
     auto bytes = serialise(id.get());
     for (size_t len = 0; len < bytes.size(); len++) {
