@@ -6,9 +6,9 @@
 //     unknown kind consumes its two bytes and nothing more. On failure the out-pointer is
 //     untouched and nothing leaks.
 //  2. On success the reader consumes exactly the record (6 + L1, 6 + L1 + L2 for an
-//     LVM volume, 4 + L1 for a file-system UUID), the identifier's type is the record's kind, and writing it gives the
-//     consumed bytes exactly, except that a string holding a NUL byte comes back cut at
-//     that byte (identifiers keep C strings).
+//     LVM volume, 4 + L1 for a file-system UUID), the identifier's type is the record's
+//     kind, and writing it gives the consumed bytes exactly, except that a string holding
+//     a NUL byte comes back cut at that byte (identifiers keep C strings).
 //  3. A copy compares equal both ways and writes the same bytes.
 //  4. When a second record follows, the two compare as the model says (kind, then the
 //     first string by strcmp, then the number or the volume name; a UUID is all), and
