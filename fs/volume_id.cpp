@@ -184,28 +184,9 @@ int32_t uuid_id_compare(const fs_volume_id *a, const fs_volume_id *b) {
   return strcmp(as_uuid(a)->uuid, as_uuid(b)->uuid);
 }
 
-// The first partition of the walk whose UUID is `uuid`, or null.
-template <typename Owner, typename First, typename Next>
-fs_partition *partition_with_uuid(Owner *owner, First first, Next next, const char *uuid) {
-  for (fs_partition *p = first(owner); p; p = next(owner, p))
-    if (p->uuid && strcmp(p->uuid, uuid) == 0)
-      return p;
-  return nullptr;
-}
-
 // Disk partitions first, then image partitions; LVM volume records carry no UUID.
 fs_volume *uuid_id_find_volume(const fs_volume_id *id, fs_disk_list *list) {
-  const char *uuid = as_uuid(id)->uuid;
-  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
-    if (fs_partition *p =
-            partition_with_uuid(d, fs_disk_first_partition, fs_disk_next_partition, uuid))
-      return &p->volume;
-  for (fs_image_disk *d = fs_disk_list_first_image_disk(list); d;
-       d = fs_disk_list_next_image_disk(list, d))
-    if (fs_partition *p = partition_with_uuid(d, fs_image_disk_first_partition,
-                                              fs_image_disk_next_partition, uuid))
-      return &p->volume;
-  return nullptr;
+  return fs_disk_list_volume_by_uuid(list, as_uuid(id)->uuid);
 }
 
 fsic_status uuid_id_write(const fs_volume_id *id, wb *buf) {

@@ -121,6 +121,20 @@ FSIC_API fsic_status fs_disk_list_create(fs_disk_list **out) FSIC_NOEXCEPT;
  * fs_disk_list_create()); an unknown flag gives 1. */
 FSIC_API fsic_status fs_disk_list_create_with(uint32_t flags, fs_disk_list **out) FSIC_NOEXCEPT;
 
+/* Look-ups by what users know of a volume; each returns the first match (disk
+ * partitions, then image partitions, then LVM volumes) or NULL. Devices are compared by
+ * device number, so any path to the device node serves. */
+/* The volume whose device is the block device at `path` (links such as
+ * /dev/disk/by-uuid/... or /dev/mapper/... followed). */
+FSIC_API fs_volume *fs_disk_list_volume_by_devnode(fs_disk_list *list,
+                                                   const char *path) FSIC_NOEXCEPT;
+/* The partition or image partition whose file system has that UUID (udev ID_FS_UUID,
+ * as /etc/fstab's UUID=). */
+FSIC_API fs_volume *fs_disk_list_volume_by_uuid(fs_disk_list *list, const char *uuid) FSIC_NOEXCEPT;
+/* The volume that the running system has mounted on exactly the directory `dir` (the
+ * topmost mount there, from /proc/self/mountinfo); `dir` is taken as written. */
+FSIC_API fs_volume *fs_disk_list_volume_by_mount(fs_disk_list *list, const char *dir) FSIC_NOEXCEPT;
+
 /* Destroys image disks (detaching them, the last added first), disks with their
  * partitions (unmounting a still-mounted partition), LVM groups with their volumes,
  * then the list. */

@@ -1,0 +1,97 @@
+// The tolerant inventory of the guest: every disk with its volumes, each volume's
+// identifier, whether a second list finds it again (by identifier, device path and UUID),
+// and its hello.txt read through a mount.
+#include <fsic/disk_list.h>
+#include <fsic/mount.h>
+#include <fsic/volume_id.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+constexpr uint32_t kFlags = FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS;
+
+const char *text(const char *s) { return s ? s : "(none)"; }
+
+std::string describe(const fs_volume_id *id) {
+  switch (fs_volume_id_type(id)) {
+    case FS_VOLUME_PARTITION: {
+      auto *p = reinterpret_cast<const fs_partition_id *>(id);
+      return "partition " + std::string(p->disk_serial) + " " + std::to_string(p->number);
+    }
+    case FS_VOLUME_ID_UUID:
+      return "uuid " + std::string(reinterpret_cast<const fs_uuid_volume_id *>(id)->uuid);
+    default:
+      return "kind " + std::to_string(fs_volume_id_type(id));
+  }
+}
+
+std::string hello_of(fs_volume *volume) {
+  const char *mp;
+  const fsic_status status = fs_volume_get_mount_point(volume, &mp);
+  if (status != FSIC_OK)
+    return "mount status " + std::to_string(status);
+  std::string line;
+  {
+    // Closed before the release, so that the unmount does not find the file open.
+    std::ifstream in(std::string(mp) + "/hello.txt");
+    std::getline(in, line);
+  }
+  fs_volume_release_mount_point(volume);
+  return "hello.txt: " + line;
+}
+
+void print_volume(fs_disk_list *again, fs_partition *p) {
+  printf("  %d: %s, uuid: %s, type: %s\n", p->number, p->volume.devnode, text(p->uuid),
+         text(p->volume.fs_type));
+  fs_volume_id *id = nullptr;
+  const fsic_status status = fs_volume_create_id(&p->volume, &id);
+  if (status != FSIC_OK) {
+    printf("     no identifier: status %u\n", status);
+    return;
+  }
+  fs_volume *found = fs_disk_list_find_volume(again, id);
+  printf("     id: %s; found again: %s\n", describe(id).c_str(),
+         found && std::string(found->devnode) == p->volume.devnode ? "yes" : "no");
+  fs_volume_id_destroy(id);
+  fs_volume *by_dev = fs_disk_list_volume_by_devnode(again, p->volume.devnode);
+  fs_volume *by_uuid = p->uuid ? fs_disk_list_volume_by_uuid(again, p->uuid) : nullptr;
+  printf("     by device path: %s, by uuid: %s\n",
+         by_dev && std::string(by_dev->devnode) == p->volume.devnode ? "yes" : "no",
+         p->uuid ? (by_uuid && std::string(by_uuid->devnode) == p->volume.devnode ? "yes" : "no")
+                 : "-");
+  if (p->volume.fs_type)
+    printf("     %s\n", hello_of(&p->volume).c_str());
+}
+
+} // namespace
+
+int main() {
+  fs_disk_list *strict = nullptr;
+  const fsic_status designed = fs_disk_list_create(&strict);
+  printf("designed inventory: status %u\n", designed);
+  if (designed == FSIC_OK)
+    fs_disk_list_destroy(strict);
+
+  fs_disk_list *list = nullptr, *again = nullptr;
+  fsic_status status = fs_disk_list_create_with(kFlags, &list);
+  printf("tolerant inventory: status %u\n", status);
+  if (status != FSIC_OK)
+    return 1;
+  status = fs_disk_list_create_with(kFlags, &again);
+  if (status != FSIC_OK) {
+    fs_disk_list_destroy(list);
+    return 1;
+  }
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d)) {
+    printf("[%s] disk: %s\n", d->syspath, text(d->serial));
+    for (fs_partition *p = fs_disk_first_partition(d); p; p = fs_disk_next_partition(d, p))
+      print_volume(again, p);
+  }
+  fs_disk_list_destroy(again);
+  fs_disk_list_destroy(list);
+  return 0;
+}
