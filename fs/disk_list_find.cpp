@@ -57,13 +57,19 @@ extern "C" fs_volume *fs_disk_list_volume_by_devnode(fs_disk_list *list,
 }
 
 extern "C" fs_volume *fs_disk_list_volume_by_uuid(fs_disk_list *list, const char *uuid) noexcept {
-  // Only partition records carry a UUID; LVM volumes are passed over.
-  return find_volume_if(list, [&](fs_volume *v) noexcept {
-    if (v->ops->kind != FS_VOLUME_PARTITION && v->ops->kind != FS_VOLUME_IMAGE_PARTITION)
-      return false;
-    const char *own = reinterpret_cast<fs_partition *>(v)->uuid;
-    return own && strcmp(own, uuid) == 0;
-  });
+  // Only partition records carry a UUID: disk partitions first, then image partitions.
+  auto same = [&](const fs_partition *p) { return p->uuid && strcmp(p->uuid, uuid) == 0; };
+  for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
+    for (fs_partition *p = fs_disk_first_partition(d); p; p = fs_disk_next_partition(d, p))
+      if (same(p))
+        return &p->volume;
+  for (fs_image_disk *i = fs_disk_list_first_image_disk(list); i;
+       i = fs_disk_list_next_image_disk(list, i))
+    for (fs_partition *p = fs_image_disk_first_partition(i); p;
+         p = fs_image_disk_next_partition(i, p))
+      if (same(p))
+        return &p->volume;
+  return nullptr;
 }
 
 extern "C" fs_volume *fs_disk_list_volume_by_mount(fs_disk_list *list, const char *dir) noexcept {
