@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "fs/loop_internal.h"
