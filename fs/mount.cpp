@@ -178,18 +178,25 @@ fsic_status mount_through_new_loop(const fs_volume *volume, int dev_fd, const ch
 constexpr int kShareTries = 10;
 constexpr long kSharePauseNanoseconds = 10L * 1000 * 1000;
 
-// Mounts the volume on `dir` so that nothing is written to its device. A device that
-// nobody has claimed is claimed (an exclusive open, so that nobody mounts it elsewhere
-// meanwhile) and mounted through a loop device bound to it read-only. A device already
-// so claimed by another disk list or process is mounted through the same loop device.
-// An image partition lies on the image's own read-only loop device and is mounted as it
-// is. A device that someone else has claimed (mounted it, or holds it, as device-mapper
-// does) is mounted as it is too: the kernel shares that mount or refuses; so is one
-// that cannot be opened at all, and the mount says why it fails.
+// Mounts the volume on `dir` so that nothing is written to its device. A device that the
+// running system has mounted is not mounted a second time: the system's mount is bound,
+// read-only, instead. A device that nobody has claimed is claimed (an exclusive open,
+// so that nobody mounts it elsewhere meanwhile) and mounted through a loop device bound
+// to it read-only. A device already so claimed by another disk list or process is
+// mounted through the same loop device. An image partition lies on the image's own
+// read-only loop device and is mounted as it is. A device that someone else has claimed
+// otherwise (holds it, as device-mapper does) is mounted as it is too: the kernel shares
+// that mount or refuses; so is one that cannot be opened at all, and the mount says why
+// it fails.
 fsic_status mount_held_volume(const fs_volume *volume, const char *dir) noexcept {
   // The VMFS tool is a reader of its own: it gets the device itself.
   if (const mount_entry *e = find_mount_entry(volume->fs_type))
     return e->mount(volume->devnode, dir);
+  // Mounted by the system: its mount is bound read-only instead of a second mount.
+  bool bound;
+  const fsic_status status = fsic::detail::bind_system_mount(volume->devnode, dir, &bound);
+  if (bound)
+    return status;
   if (volume->ops->kind == FS_VOLUME_IMAGE_PARTITION)
     return mount_volume(volume->devnode, dir, volume->fs_type);
   for (int attempt = 0; attempt < kShareTries; attempt++) {

@@ -29,6 +29,13 @@ fsic_status run_cmd(const char *program, char *const argv[]) noexcept;
 fsic_status vmfs_mount(const char *devnode, const char *dir) noexcept;
 fsic_status vmfs_umount(const char *dir) noexcept;
 
+// Binds the running system's own mount of the device at `devnode` (a mount that shows
+// the file system's root) on `dir`, on its own (not what is mounted below it) and
+// read-only, nodev, noexec, nosuid and noatime; the system's mount stays as it is.
+// `*bound` tells whether there was such a mount; when there was not, nothing is done
+// and the result is FSIC_OK. A failed bind is logged on channel "fs".
+fsic_status bind_system_mount(const char *devnode, const char *dir, bool *bound) noexcept;
+
 } // namespace fsic::detail
 #endif
 

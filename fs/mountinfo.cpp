@@ -1,7 +1,10 @@
 // Parsing of /proc/self/mountinfo lines.
 #include "fs/mountinfo.h"
 
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <sys/sysmacros.h>
 
 namespace fsic::detail {
 
@@ -22,30 +25,48 @@ void unescape_field(char *s) noexcept {
   *out = '\0';
 }
 
+// "major:minor" as a device number; false when it is not that.
+bool parse_dev(const char *s, dev_t *dev) noexcept {
+  char *end;
+  const unsigned long long major_number = strtoull(s, &end, 10);
+  if (end == s || *end != ':')
+    return false;
+  const char *minor_text = end + 1;
+  const unsigned long long minor_number = strtoull(minor_text, &end, 10);
+  if (end == minor_text || *end || major_number > UINT32_MAX || minor_number > UINT32_MAX)
+    return false;
+  *dev = makedev(major_number, minor_number);
+  return true;
+}
+
 } // namespace
 
 // "id parent major:minor root mount-point options [optional fields] - type source
-// super-options": the mount point is the fifth field, the source the second after the
-// lone "-".
+// super-options": the source is the second field after the lone "-".
 bool parse_mountinfo_line(char *line, mount_entry_view *out) noexcept {
   line[strcspn(line, "\n")] = '\0';
   char *save = nullptr;
-  char *mount_point = nullptr;
+  char *fields[5] = {};
   char *field = strtok_r(line, " ", &save);
   for (int i = 1; field; i++, field = strtok_r(nullptr, " ", &save)) {
-    if (i == 5)
-      mount_point = field;
+    if (i <= 5)
+      fields[i - 1] = field;
     if (i > 6 && strcmp(field, "-") == 0)
       break;
   }
-  if (!mount_point || !field || !strtok_r(nullptr, " ", &save))
+  if (!fields[4] || !field || !strtok_r(nullptr, " ", &save))
     return false;
   char *source = strtok_r(nullptr, " ", &save);
-  if (!source)
+  char *end;
+  const long long id = strtoll(fields[0], &end, 10);
+  if (!source || *end || id < 0 || id > INT32_MAX || !parse_dev(fields[2], &out->dev))
     return false;
-  unescape_field(mount_point);
+  unescape_field(fields[3]);
+  unescape_field(fields[4]);
   unescape_field(source);
-  out->mount_point = mount_point;
+  out->id = static_cast<int>(id);
+  out->root = fields[3];
+  out->mount_point = fields[4];
   out->source = source;
   return true;
 }

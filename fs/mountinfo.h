@@ -3,6 +3,7 @@
 #define FSIC_FS_MOUNTINFO_H
 
 #include <fcntl.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,9 @@ namespace fsic::detail {
 
 // The fields of one mount that the library looks at, unescaped (\040 for a blank).
 struct mount_entry_view {
+  int id;           // the mount's id (statx's stx_mnt_id)
+  dev_t dev;        // the file system's device number
+  const char *root; // the directory of the file system that the mount shows
   const char *mount_point;
   const char *source;
 };
