@@ -29,6 +29,7 @@ void destroy_disk(fs_disk *disk) noexcept {
 }
 
 using disk_owner = owner<fs_disk, destroy_disk>;
+using partition_owner = owner<fs_partition, _fs_destroy_partition>;
 
 // The disk's serial number: ID_SERIAL_SHORT, else ID_SERIAL; null when it has none.
 fsic_status get_serial(udev_device *dev, const char **serial) noexcept {
@@ -73,7 +74,7 @@ fsic_status add_disk(fs_disk_list *list, udev_device *dev, uint32_t flags) noexc
 // A partition belongs to the first disk whose syspath agrees with the partition's
 // sysfs parent directory over that directory's length. A partition without a disk
 // (one of a removable disk, say) is ignored.
-fsic_status add_partition(fs_disk_list *list, udev_device *dev) noexcept {
+fsic_status add_partition(fs_disk_list *list, udev_device *dev, uint32_t flags) noexcept {
   const char *syspath = udev_device_get_syspath(dev);
   const char *slash = strrchr(syspath, '/');
   size_t parent_len = slash ? static_cast<size_t>(slash - syspath) : 0;
@@ -88,12 +89,13 @@ fsic_status add_partition(fs_disk_list *list, udev_device *dev) noexcept {
   if (!owner)
     return FSIC_OK;
 
-  fs_partition *part;
-  fsic_status status = _fs_create_partition(dev, &_fs_partition_ops, &part);
-  if (status != FSIC_OK)
-    return status;
-  list_add_tail(&part->link, &owner->partitions);
+  fs_partition *made;
+  FSIC_TRY(_fs_create_partition(dev, &_fs_partition_ops, &made));
+  partition_owner part(made);
+  if (flags & FS_DISK_LIST_PROBE)
+    FSIC_TRY(probe_unrecorded(dev, part.get()));
   part->disk = owner;
+  list_add_tail(&part.release()->link, &owner->partitions);
   return FSIC_OK;
 }
 
@@ -116,10 +118,10 @@ fsic_status disk_pass(fs_disk_list *list, udev_device *dev, uint32_t flags) noex
 }
 
 // Second pass: partitions, attached to the disks found by the first.
-fsic_status partition_pass(fs_disk_list *list, udev_device *dev, uint32_t) noexcept {
+fsic_status partition_pass(fs_disk_list *list, udev_device *dev, uint32_t flags) noexcept {
   switch (_fs_is_partition(dev)) {
     case 1:
-      return add_partition(list, dev);
+      return add_partition(list, dev, flags);
     case -1:
       return FSIC_ERR_NO_MEMORY;
     default:
@@ -151,8 +153,9 @@ fsic_status scan_block_devices(fs_disk_list *list, uint32_t flags,
 }
 
 // A disk without partitions that carries a file system itself (udev ID_FS_TYPE on the
-// disk) gets one volume: a partition record numbered 0 with the disk's device.
-fsic_status add_whole_disk_volume(struct udev *udev, fs_disk *disk) noexcept {
+// disk, or what the probe finds on a disk that udev has no record of) gets one volume: a
+// partition record numbered 0 with the disk's device.
+fsic_status add_whole_disk_volume(struct udev *udev, fs_disk *disk, uint32_t flags) noexcept {
   if (!list_empty(&disk->partitions))
     return FSIC_OK;
   udev_device_ptr dev(udev_device_new_from_syspath(udev, disk->syspath));
@@ -162,24 +165,31 @@ fsic_status add_whole_disk_volume(struct udev *udev, fs_disk *disk) noexcept {
   }
   const char *fs_type;
   FSIC_TRY(optional_value(udev_property(dev.get(), "ID_FS_TYPE", &fs_type)));
-  if (!fs_type)
+  const bool probe = !fs_type && (flags & FS_DISK_LIST_PROBE);
+  if (!fs_type && !probe)
     return FSIC_OK;
-  fs_partition *part;
-  FSIC_TRY(_fs_create_partition(dev.get(), &_fs_partition_ops, &part));
+  fs_partition *made;
+  FSIC_TRY(_fs_create_partition(dev.get(), &_fs_partition_ops, &made));
+  partition_owner part(made);
+  if (probe) {
+    FSIC_TRY(probe_unrecorded(dev.get(), part.get()));
+    if (!part->volume.fs_type)
+      return FSIC_OK;
+  }
   part->number = 0;
-  list_add_tail(&part->link, &disk->partitions);
   part->disk = disk;
+  list_add_tail(&part.release()->link, &disk->partitions);
   return FSIC_OK;
 }
 
-fsic_status add_whole_disk_volumes(fs_disk_list *list) noexcept {
+fsic_status add_whole_disk_volumes(fs_disk_list *list, uint32_t flags) noexcept {
   udev_ptr udev(udev_new());
   if (!udev) {
     FSIC_LOG_FAILED("udev_new");
     return FSIC_ERR_FAILED;
   }
   for (fs_disk *d = fs_disk_list_first_disk(list); d; d = fs_disk_list_next_disk(list, d))
-    FSIC_TRY(add_whole_disk_volume(udev.get(), d));
+    FSIC_TRY(add_whole_disk_volume(udev.get(), d, flags));
   return FSIC_OK;
 }
 
@@ -196,7 +206,7 @@ void destroy_list(fs_disk_list *list) noexcept {
 } // namespace
 
 extern "C" fsic_status fs_disk_list_create_with(uint32_t flags, fs_disk_list **out) noexcept {
-  if (flags & ~(FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS))
+  if (flags & ~(FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS | FS_DISK_LIST_PROBE))
     return FSIC_ERR_FAILED;
   owner<fs_disk_list, destroy_list> list = make_zeroed<fs_disk_list, destroy_list>();
   if (!list)
@@ -211,7 +221,7 @@ extern "C" fsic_status fs_disk_list_create_with(uint32_t flags, fs_disk_list **o
   FSIC_TRY(scan_block_devices(list.get(), flags, disk_pass));
   FSIC_TRY(scan_block_devices(list.get(), flags, partition_pass));
   if (flags & FS_DISK_LIST_WHOLE_DISKS)
-    FSIC_TRY(add_whole_disk_volumes(list.get()));
+    FSIC_TRY(add_whole_disk_volumes(list.get(), flags));
   *out = list.release();
   return FSIC_OK;
 }

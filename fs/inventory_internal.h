@@ -164,6 +164,26 @@ fsic_status walk_block_devices(Visit &&visit) noexcept {
       const_cast<void *>(static_cast<const void *>(&visit)));
 }
 
+// ---- devices that udev has no record of ---------------------------------------------
+
+// The file system on `devnode` as libblkid reads it from the superblock: its type and
+// UUID, each a new string or null; nulls where not exactly one file system is found. A
+// device that cannot be opened (logged) but that the system has mounted gets the type
+// of the mount table and the UUID that the kernel reports for the mount (nulls for
+// neither); 3 when memory is exhausted.
+fsic_status probe_file_system(const char *devnode, char **fs_type, char **uuid) noexcept;
+
+// The type and UUID of the file system on `devnode` as the system's first mount of it
+// shows them (the mount table's type; the UUID that the kernel reports, from Linux 6.5
+// on, none for an all-zero one); nulls when it is not mounted; 3 when memory is
+// exhausted.
+fsic_status probe_mounted(const char *devnode, char **fs_type, char **uuid) noexcept;
+
+// Fills the type and UUID of a partition record whose udev device has no udev record
+// (udev has not seen it, or no udev daemon runs) from probe_file_system; a record with
+// either value, or of a device that udev knows, is left as it is.
+fsic_status probe_unrecorded(udev_device *dev, fs_partition *part) noexcept;
+
 } // namespace fsic::detail
 
 #endif // FSIC_FS_INVENTORY_INTERNAL_H

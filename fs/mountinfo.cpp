@@ -54,7 +54,8 @@ bool parse_mountinfo_line(char *line, mount_entry_view *out) noexcept {
     if (i > 6 && strcmp(field, "-") == 0)
       break;
   }
-  if (!fields[4] || !field || !strtok_r(nullptr, " ", &save))
+  char *fs_type = field ? strtok_r(nullptr, " ", &save) : nullptr;
+  if (!fields[4] || !fs_type)
     return false;
   char *source = strtok_r(nullptr, " ", &save);
   char *end;
@@ -63,10 +64,12 @@ bool parse_mountinfo_line(char *line, mount_entry_view *out) noexcept {
     return false;
   unescape_field(fields[3]);
   unescape_field(fields[4]);
+  unescape_field(fs_type);
   unescape_field(source);
   out->id = static_cast<int>(id);
   out->root = fields[3];
   out->mount_point = fields[4];
+  out->fs_type = fs_type;
   out->source = source;
   return true;
 }

@@ -17,6 +17,7 @@ struct mount_entry_view {
   dev_t dev;        // the file system's device number
   const char *root; // the directory of the file system that the mount shows
   const char *mount_point;
+  const char *fs_type;
   const char *source;
 };
 

@@ -14,7 +14,7 @@ packages=(
   # the dialect: formatting and the clang CI configuration's static checks
   clang-format clang-tidy
   # library dependencies
-  libudev-dev libblockdev-dev libblockdev-lvm-dev libblockdev-lvm2 lvm2 libglib2.0-dev
+  libudev-dev libblkid-dev libblockdev-dev libblockdev-lvm-dev libblockdev-lvm2 lvm2 libglib2.0-dev
   # blockdev/lvm.h includes libdevmapper.h, which libblockdev-lvm-dev does not pull in
   libdevmapper-dev
   # tests and test oracles / benchmark peers

@@ -116,6 +116,11 @@ FSIC_API fsic_status fs_disk_list_create(fs_disk_list **out) FSIC_NOEXCEPT;
  * disk, as after "mkfs.ext4 /dev/vdb") gets one volume: a partition record numbered 0
  * with the disk's devnode, syspath, type and UUID. */
 #define FS_DISK_LIST_WHOLE_DISKS 0x2u
+/* A device that udev has no record of (no udev daemon runs, as in many containers and
+ * minimal machines, or udev has not seen it yet) gets the file system type and UUID
+ * that libblkid reads from its superblock, as udev's own rules would have given; a
+ * device that udev has recorded keeps udev's values. */
+#define FS_DISK_LIST_PROBE 0x4u
 
 /* fs_disk_list_create() with the behaviours that `flags` asks for (0 gives exactly
  * fs_disk_list_create()); an unknown flag gives 1. */

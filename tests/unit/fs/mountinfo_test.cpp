@@ -25,18 +25,21 @@ TEST(MountinfoTest, ALineGivesItsIdDeviceRootMountPointAndSource) {
   EXPECT_EQ(m.dev, makedev(254, 0));
   EXPECT_STREQ(m.root, "/");
   EXPECT_STREQ(m.mount_point, "/");
+  EXPECT_STREQ(m.fs_type, "ext4");
   EXPECT_STREQ(m.source, "/dev/vda");
 }
 
 TEST(MountinfoTest, EscapesAreUndoneInRootMountPointAndSource) {
-  std::string line = "4000 26 7:3 /a\\040dir /mnt/my\\040disk\\011x rw master:2 shared:7 - ext4 "
-                     "/dev/my\\134disk rw";
+  std::string line =
+      "4000 26 7:3 /a\\040dir /mnt/my\\040disk\\011x rw master:2 shared:7 - fuse.a\\040b "
+      "/dev/my\\134disk rw";
   mount_entry_view m{};
   ASSERT_TRUE(parse(line, &m));
   EXPECT_EQ(m.id, 4000);
   EXPECT_EQ(m.dev, makedev(7, 3));
   EXPECT_STREQ(m.root, "/a dir");
   EXPECT_STREQ(m.mount_point, "/mnt/my disk\tx");
+  EXPECT_STREQ(m.fs_type, "fuse.a b");
   EXPECT_STREQ(m.source, "/dev/my\\disk");
 }
 
