@@ -1,18 +1,25 @@
 // The tolerant inventory of the guest: every disk with its volumes, each volume's
 // identifier, whether a second list finds it again (by identifier, device path and UUID),
 // and its hello.txt read through a mount.
+//
+// fsic-tolerant --control DIR PATH: puts the file PATH of the volume that the system has
+// mounted on DIR under control (content and attributes) in an integrity list, and
+// prints the volume's device and the file's GOST R 34.11-94 hash.
 #include <fsic/disk_list.h>
+#include <fsic/icl.h>
 #include <fsic/mount.h>
 #include <fsic/volume_id.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 namespace {
 
-constexpr uint32_t kFlags = FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS;
+constexpr uint32_t kFlags =
+    FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS | FS_DISK_LIST_PROBE;
 
 const char *text(const char *s) { return s ? s : "(none)"; }
 
@@ -67,9 +74,34 @@ void print_volume(fs_disk_list *again, fs_partition *p) {
     printf("     %s\n", hello_of(&p->volume).c_str());
 }
 
+int control(const char *dir, const char *path) {
+  fs_disk_list *list = nullptr;
+  if (fs_disk_list_create_with(kFlags, &list) != FSIC_OK)
+    return 1;
+  fs_volume *volume = fs_disk_list_volume_by_mount(list, dir);
+  printf("volume mounted on %s: %s\n", dir, volume ? volume->devnode : "(none)");
+  fs_icl *icl = nullptr;
+  fs_ocl_object *object = nullptr;
+  fsic_status status = volume ? fs_icl_create(&icl) : FSIC_ERR_FAILED;
+  if (status == FSIC_OK)
+    status = fs_icl_add_file(icl, volume, path, CONTROL_DATA | CONTROL_ATTRS, &object);
+  printf("%s under control: status %u\n", path, status);
+  if (status == FSIC_OK) {
+    printf("hash: ");
+    for (int i = 0; i < FS_OCL_HASH_SIZE; i++)
+      printf("%02x", reinterpret_cast<fs_ocl_file_object *>(object)->hash[i]);
+    printf("\nstill held: %d\n", volume->mount_count);
+  }
+  fs_icl_destroy(icl);
+  fs_disk_list_destroy(list);
+  return status == FSIC_OK ? 0 : 1;
+}
+
 } // namespace
 
-int main() {
+int main(int argc, char **argv) {
+  if (argc == 4 && strcmp(argv[1], "--control") == 0)
+    return control(argv[2], argv[3]);
   fs_disk_list *strict = nullptr;
   const fsic_status designed = fs_disk_list_create(&strict);
   printf("designed inventory: status %u\n", designed);
