@@ -42,6 +42,9 @@ SECTOR = 512
 UUID_NAMESPACE = uuid.UUID("6f1c1f2e-3d5b-4c7a-9e0f-2b8d4a6c8e10")
 INITRAMFS_MODULES = ["virtio_pci", "9pnet_virtio", "9p"]
 
+# Where the guest sees the exchange directory (guest/init).
+GUEST_IO = "/run/fsic-io"
+
 # Fixed PCI slots, so that sysfs paths are the same on every boot. Disks come first:
 # virtio devices are numbered (virtio0, virtio1, ...) in slot order, and the 9p devices
 # at the end then do not shift the disks' numbers.
@@ -80,7 +83,7 @@ def load_machine(path):
             machine = json.load(f)
     except (OSError, ValueError) as e:
         raise HarnessError(f"cannot read machine description {path}: {e}") from e
-    check_keys(machine, {"disks", "setup", "memory_mib", "comment"}, path)
+    check_keys(machine, {"disks", "setup", "memory_mib", "boots", "comment"}, path)
     disks = machine.setdefault("disks", [])
     for i, disk in enumerate(disks):
         where = f"{path}: disks[{i}]"
@@ -92,6 +95,8 @@ def load_machine(path):
         raise HarnessError(f"{path}: at most {len(SLOTS_VIRTIO_DISK)} virtio disks")
     if not isinstance(machine.get("memory_mib", 1024), int):
         raise HarnessError(f"{path}: memory_mib must be an integer")
+    if machine.get("boots", 1) not in (1, 2, 3):
+        raise HarnessError(f"{path}: boots must be 1, 2 or 3")
     if "setup" in machine:
         if not isinstance(machine["setup"], str):
             raise HarnessError(f"{path}: setup must be a file name")
@@ -580,6 +585,8 @@ def boot(args, machine, tmp, log_path):
         raise HarnessError(f"at most {len(SLOTS_9P) - 2} shared directories")
     if args.build_dir:
         env.append(f"BUILD_DIR={args.build_dir}")
+    os.mkdir(os.path.join(io, "state"))
+    env.append(f"FSIC_STATE_DIR={GUEST_IO}/state")
     for i, d in enumerate(share_dirs):
         if not os.path.isdir(d):
             raise HarnessError(f"shared directory {d} does not exist")
@@ -589,9 +596,29 @@ def boot(args, machine, tmp, log_path):
             raise HarnessError(f"--env wants NAME=VALUE, got {e!r}")
         env.append(e)
 
-    dargs, groups = disk_args(machine["disks"], images)
-    write_config(os.path.join(io, "config"), shares, groups, env)
+    # Every boot sees the same disk images; a second boot attaches them in the opposite
+    # order, so that device names and slots change as they may after a real reboot.
+    outs, errs = [], []
+    status = 0
+    for n in range(1, machine.get("boots", 1) + 1):
+        order = list(range(len(images)))
+        if n % 2 == 0:
+            order.reverse()
+        dargs, groups = disk_args([machine["disks"][i] for i in order], [images[i] for i in order])
+        write_config(os.path.join(io, "config"), shares, groups, env + [f"FSIC_BOOT={n}"])
+        for name in ("result", "stdout", "stderr") + (("setup",) if n > 1 else ()):
+            if os.path.exists(os.path.join(io, name)):
+                os.unlink(os.path.join(io, name))
+        status, out, err = run_guest(args, qemu, machine, kernel, initramfs, io, shares, dargs, log_path)
+        outs.append(out)
+        errs.append(err)
+        if status != 0:
+            break
+    return status, b"".join(outs), b"".join(errs)
 
+
+def run_guest(args, qemu, machine, kernel, initramfs, io, shares, dargs, log_path):
+    """Boots the guest once and returns the test script's (status, stdout, stderr)."""
     slots = iter(SLOTS_9P)
     fsdevs = [("hostroot", "/", True), ("io", io, False)] + [(t, d, False) for t, d in shares]
     cmd = [qemu, "-accel", "tcg", "-machine", "pc", "-cpu", "max", "-smp", "1",
@@ -609,7 +636,7 @@ def boot(args, machine, tmp, log_path):
     if args.verbose:
         print("run-guest:", shlex.join(cmd), file=sys.stderr)
 
-    qemu_log = os.path.join(tmp, "qemu.log")
+    qemu_log = os.path.join(os.path.dirname(io), "qemu.log")
     started = time.monotonic()
     with open(qemu_log, "wb") as qlog:
         proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=qlog, stderr=qlog,

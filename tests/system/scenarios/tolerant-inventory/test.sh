@@ -6,9 +6,21 @@
 # serial is mounted read-write by the system meanwhile, and written to all the time:
 # it is read through a read-only bind of the system's mount, a file of it is put under
 # control, and the system's mount is the same afterwards and still writable.
-# Afterwards nothing is mounted under /tmp and nothing is left there.
+# Every volume's /hello.txt is put under control and the list saved; after a reboot that
+# attaches the disks in the opposite order, each entry finds its volume again (by UUID,
+# by serial and number 0, by serial and number). Afterwards nothing is mounted under
+# /tmp and nothing is left there.
 set -u
 source "$FSIC_SCENARIO_CHECKS"
+
+if [[ $FSIC_BOOT == 2 ]]; then
+  echo "== second boot"
+  "$FSIC_TOLERANT" --find-list "$FSIC_STATE_DIR/list"
+  echo "status $?"
+  echo "entries left in /tmp: $(tmp_entries)"
+  echo "mounts under /tmp: $(tmp_mounts)"
+  exit
+fi
 
 # The system's mount: its options, super-block options, source and type.
 mkdir -p /run/data
@@ -33,5 +45,7 @@ wait $writer 2>/dev/null
 echo "written by the system meanwhile: $([[ $(wc -l </run/data/log.txt) -gt 0 ]] && echo yes || echo no)"
 touch /run/data/written-after && echo "still writable"
 umount /run/data
+"$FSIC_TOLERANT" --save-list "$FSIC_STATE_DIR/list"
+echo "status $?"
 echo "entries left in /tmp: $(tmp_entries)"
 echo "mounts under /tmp: $(tmp_mounts)"
