@@ -429,6 +429,33 @@ fsic_status fs_ocl_read_from_mem(const uint8_t *data, uint32_t size, fs_ocl **ou
   return FSIC_OK;
 }
 
+fsic_status _fs_ocl_copy_object(const fs_ocl_object *obj, fs_ocl_object **out) noexcept {
+  wb buf;
+  FSIC_TRY(wb_init(&buf, 0));
+  fsic_status status = write_object(&buf, obj);
+  if (status == FSIC_OK) {
+    rb in;
+    rb_init(&in, buf.data, buf.used);
+    status = read_object(&in, out);
+  }
+  wb_finalize(&buf, 1);
+  return status;
+}
+
+fsic_status _fs_ocl_copy_dir_info(const fs_ocl_dir_info *info, uint32_t flags,
+                                  fs_ocl_dir_info **out) noexcept {
+  wb buf;
+  FSIC_TRY(wb_init(&buf, 0));
+  fsic_status status = write_dir_info(&buf, info, flags);
+  if (status == FSIC_OK) {
+    rb in;
+    rb_init(&in, buf.data, buf.used);
+    status = read_dir_info(&in, flags, 0, out);
+  }
+  wb_finalize(&buf, 1);
+  return status;
+}
+
 int _fs_rb_count_fits(const rb *buf, uint32_t count, uint32_t entry_size) noexcept {
   return count <= (buf->size - buf->pos) / entry_size;
 }

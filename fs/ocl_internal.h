@@ -37,6 +37,11 @@ void _fs_ocl_walk_free(fs_ocl_walk *w) FSIC_NOEXCEPT;
 fsic_status _fs_ocl_open_object(fs_ocl_walk *w, int flags, mode_t type, int *fd,
                                 struct stat *st) FSIC_NOEXCEPT;
 
+// Whether the object `path` is there under `base` (resolved as for an add): 0 and its
+// file type (S_IFREG, ...), or the errno of its resolution (ENOENT: it is gone; ENOMEM
+// also when the walk cannot start).
+int _fs_ocl_probe_object(const char *base, const char *path, mode_t *type) FSIC_NOEXCEPT;
+
 // Opens the entry `name` of the directory open on `dir`, whose full name `w` holds,
 // following links within the volume, and gives its stat: 0; 1 (cannot be resolved:
 // vanished, dangling, unreadable); 7 (it lies on another mount); 11 (a link loop,
@@ -100,6 +105,12 @@ void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) FSIC_NOEXCEPT;
 void _fs_ocl_destroy_object(fs_ocl_object *obj) FSIC_NOEXCEPT;
 // Links a finished object; an object of the same path is replaced and destroyed.
 void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) FSIC_NOEXCEPT;
+
+// A copy of a finished object, linked nowhere (through its blob record): 0, or 3.
+fsic_status _fs_ocl_copy_object(const fs_ocl_object *obj, fs_ocl_object **out) FSIC_NOEXCEPT;
+// A copy of an info tree kept with `flags`, the same way: 0, or 3.
+fsic_status _fs_ocl_copy_dir_info(const fs_ocl_dir_info *info, uint32_t flags,
+                                  fs_ocl_dir_info **out) FSIC_NOEXCEPT;
 
 // ---- blob records ----
 

@@ -141,6 +141,18 @@ fsic_status _fs_ocl_open_object(fs_ocl_walk *w, int flags, mode_t type, int *fd,
   return FSIC_ERR_UNAVAILABLE;
 }
 
+int _fs_ocl_probe_object(const char *base, const char *path, mode_t *type) noexcept {
+  fs_ocl_walk w;
+  if (_fs_ocl_walk_init(&w, base, path) != FSIC_OK)
+    return ENOMEM;
+  struct stat st;
+  const int rc = open_from_root(&w, O_PATH, nullptr, &st);
+  _fs_ocl_walk_free(&w);
+  if (rc == 0)
+    *type = st.st_mode & S_IFMT;
+  return -rc;
+}
+
 fsic_status _fs_ocl_open_entry(fs_ocl_walk *w, int dir, const char *name, int flags, int *fd,
                                struct stat *st) noexcept {
   return resolve_entry(w, dir, name, flags, fd, st);

@@ -4,6 +4,7 @@
 #define FSIC_FSIC_H
 
 #include <fsic/buffer.h>
+#include <fsic/check.h>
 #include <fsic/defs.h>
 #include <fsic/disk_list.h>
 #include <fsic/gost_r3411_94.h>

@@ -1,0 +1,146 @@
+// Checking an integrity list against the live volumes: each entry's volume is found in
+// a disk list and held once; each object is measured again exactly as an add measures
+// it (same flags and masks, same confinement and torn-read checks) into a fresh list,
+// and compared with the baseline's object at once.
+#include <fsic/check.h>
+#include <fsic/mount.h>
+
+#include <cerrno>
+#include <sys/stat.h>
+
+#include "fs/check_internal.h"
+#include "fs/icl_internal.h"
+#include "fs/ocl_internal.h"
+#include "util/owner.h"
+
+namespace {
+
+using fsic::detail::comparer;
+using icl_owner = fsic::detail::owner<fs_icl, fs_icl_destroy>;
+using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
+
+// The first entry of the list with that identifier.
+const fs_icl_volume *first_with_id(const fs_icl *list, const fs_volume_id *id) noexcept {
+  auto *l = const_cast<fs_icl *>(list);
+  for (fs_icl_volume *e = fs_icl_first_volume(l); e; e = fs_icl_next_volume(l, e))
+    if (fs_volume_id_compare(e->id, id) == 0)
+      return e;
+  return nullptr;
+}
+
+// Measures the object again under `base` into `live`.
+fsic_status measure(fs_ocl *live, const char *base, const fs_ocl_object *obj,
+                    fs_ocl_object **out) noexcept {
+  if (obj->type == FS_OCL_FILE)
+    return fs_ocl_add_file(live, base, obj->path, obj->flags, out);
+  auto *dir = reinterpret_cast<const fs_ocl_dir_object *>(obj);
+  return fs_ocl_add_dir(live, base, obj->path, dir->masks, obj->flags, out);
+}
+
+// A record for an object that could not be measured (`kind`: unreadable, or type
+// changed with the live side's type); the live list keeps the baseline's object, so
+// that nothing is taken for accepted that was not measured.
+fsic_status not_measured(comparer &c, fs_ocl *live, const fs_ocl_object *obj, uint32_t kind,
+                         const fs_entry_values &now, fsic_status why) noexcept {
+  fs_ocl_object *copy;
+  FSIC_TRY(_fs_ocl_copy_object(obj, &copy));
+  _fs_ocl_add_object(live, copy);
+  return fsic::detail::report_object(c, obj, kind, now, why);
+}
+
+// An object that an add refuses (7): gone (removed), there as another type (a type
+// change), or there but not resolvable, as a corrupt inode is (unreadable, 1).
+fsic_status refused(comparer &c, fs_ocl *live, const char *base,
+                    const fs_ocl_object *obj) noexcept {
+  mode_t type = 0;
+  const int error = _fs_ocl_probe_object(base, obj->path, &type);
+  if (error == ENOMEM)
+    return FSIC_ERR_NO_MEMORY;
+  if (error == ENOENT || error == ENOTDIR)
+    return fsic::detail::compare_object(c, obj, nullptr);
+  fs_entry_values now = {};
+  if (error == 0 && (type == S_IFREG || type == S_IFDIR)) {
+    now.present = 1;
+    now.type = type == S_IFREG ? FS_OCL_FILE : FS_OCL_DIR;
+    return not_measured(c, live, obj, FS_CHANGE_TYPE_CHANGED, now, FSIC_OK);
+  }
+  return not_measured(c, live, obj, FS_CHANGE_UNREADABLE, now,
+                      error == 0 ? FSIC_ERR_UNAVAILABLE : FSIC_ERR_FAILED);
+}
+
+// Checks every object of the entry on its live volume. An object that is gone (7) is
+// removed; one that cannot be measured otherwise is unreadable, and the rest goes on.
+// 0, or 3.
+fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *volume,
+                         fs_ocl *live) noexcept {
+  const char *base;
+  const fsic_status held = fs_volume_get_mount_point(volume, &base);
+  if (held == FSIC_ERR_NO_MEMORY)
+    return held;
+  if (held != FSIC_OK) {
+    fsic::detail::report_volume(c, FS_CHANGE_UNREADABLE, held);
+    return FSIC_OK;
+  }
+  fsic_status status = FSIC_OK;
+  for (fs_ocl_object *obj = fs_ocl_first_object(entry->ocl); obj && status == FSIC_OK;
+       obj = fs_ocl_next_object(obj)) {
+    fs_ocl_object *now = nullptr;
+    const fsic_status got = measure(live, base, obj, &now);
+    if (got == FSIC_ERR_NO_MEMORY)
+      status = got;
+    else if (got == FSIC_OK)
+      status = fsic::detail::compare_object(c, obj, now);
+    else if (got == FSIC_ERR_UNAVAILABLE)
+      status = refused(c, live, base, obj);
+    else
+      status = not_measured(c, live, obj, FS_CHANGE_UNREADABLE, fs_entry_values{}, got);
+  }
+  fs_volume_release_mount_point(volume);
+  return status;
+}
+
+// A live entry for the baseline's entry, with a copy of its identifier.
+fsic_status live_entry(fs_icl *live, const fs_icl_volume *entry, fs_icl_volume **out) noexcept {
+  fs_volume_id *copy;
+  FSIC_TRY(entry->id->ops->copy(entry->id, &copy));
+  id_owner id(copy);
+  FSIC_TRY(_fs_icl_create_volume(live, id.get(), nullptr, out));
+  id.release();
+  return FSIC_OK;
+}
+
+} // namespace
+
+extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks, fs_change_fn fn,
+                                    void *ctx, fs_check_summary *summary,
+                                    fs_icl **live_out) noexcept {
+  fs_icl *made;
+  FSIC_TRY(fs_icl_create(&made));
+  icl_owner live(made);
+  comparer c = {};
+  c.fn = fn;
+  c.ctx = ctx;
+  fsic_status status = FSIC_OK;
+  auto *list = const_cast<fs_icl *>(baseline);
+  for (fs_icl_volume *e = fs_icl_first_volume(list); e && status == FSIC_OK;
+       e = fs_icl_next_volume(list, e)) {
+    if (first_with_id(baseline, e->id) != e)
+      continue;
+    c.volume = e->id;
+    fs_volume *volume = fs_disk_list_find_volume(disks, e->id);
+    if (!volume) {
+      fsic::detail::report_volume(c, FS_CHANGE_VOLUME_MISSING, FSIC_OK);
+      continue;
+    }
+    fs_icl_volume *now;
+    status = live_entry(live.get(), e, &now);
+    if (status == FSIC_OK)
+      status = check_volume(c, e, volume, now->ocl);
+  }
+  fsic::detail::comparer_free(c);
+  if (summary)
+    *summary = c.sum;
+  if (status == FSIC_OK && live_out)
+    *live_out = live.release();
+  return status;
+}
