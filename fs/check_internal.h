@@ -15,7 +15,7 @@ struct comparer {
   void *ctx;
   fs_check_summary sum;
   const char *object_path; // of the object being compared; null for a volume's record
-  fs_str_buf path;         // the entry path; allocated with the first object
+  fs_str_buf path;         // the entry path; zero-filled until the first object
 };
 
 // Compares an object of the old list with the new list's object of the same path;

@@ -250,12 +250,16 @@ fsic_status one_object(comparer &c, const fs_ocl_object *obj, bool added) {
   return FSIC_OK;
 }
 
+// Room for the entry paths of most trees at once (PATH_MAX): longer ones grow it.
+constexpr uint32_t kPathRoom = 4096;
+
 // Starts the records of an object: its path is the entry path.
 fsic_status begin_object(comparer &c, const fs_ocl_object *obj) {
   c.object_path = obj->path;
   c.sum.objects++;
-  if (!c.path.data)
-    return _fs_str_buf_init(&c.path, obj->path, nullptr) == FSIC_OK ? FSIC_OK : FSIC_ERR_NO_MEMORY;
+  // The buffer starts empty (no block) and gets its room with the first object.
+  if (!c.path.data && _fs_str_buf_reserve(&c.path, kPathRoom) != FSIC_OK)
+    return FSIC_ERR_NO_MEMORY;
   _fs_str_buf_setlen(&c.path, 0);
   return _fs_str_buf_append(&c.path, obj->path, nullptr) == FSIC_OK ? FSIC_OK : FSIC_ERR_NO_MEMORY;
 }

@@ -84,6 +84,10 @@ fsic_status _fs_str_buf_append(fs_str_buf *buf, ...) noexcept {
   return FSIC_OK;
 }
 
+fsic_status _fs_str_buf_reserve(fs_str_buf *buf, uint32_t capacity) noexcept {
+  return fsic::detail::reserve(&buf->data, &buf->capacity, capacity, capacity);
+}
+
 void _fs_str_buf_free(fs_str_buf *buf) noexcept { free(buf->data); }
 
 } // extern "C"

@@ -24,6 +24,10 @@ fsic_status _fs_str_buf_init(fs_str_buf *buf, ...) FSIC_NOEXCEPT FSIC_SENTINEL;
 // the block is too small. 3 (and the buffer unchanged) when that fails.
 fsic_status _fs_str_buf_append(fs_str_buf *buf, ...) FSIC_NOEXCEPT FSIC_SENTINEL;
 
+// Makes the block at least `capacity` bytes, so that texts up to capacity - 1 characters
+// allocate nothing more. 3 (and the buffer unchanged) when that fails.
+fsic_status _fs_str_buf_reserve(fs_str_buf *buf, uint32_t capacity) FSIC_NOEXCEPT;
+
 // Releases the block; the fields are not reset.
 void _fs_str_buf_free(fs_str_buf *buf) FSIC_NOEXCEPT;
 

@@ -6,11 +6,14 @@
 // the heap blocks that replacing an object and reading a cut blob leave in use.
 #include <stdlib.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include <fsic/check.h>
 #include <fsic/ocl.h>
 
 #include "fault_gtest.h"
@@ -200,6 +203,60 @@ TEST_F(FaultOcl, ReadTheBlob) {
       fs_ocl_destroy(ocl);
   };
   fault::expect_exercised(fault::run(op), op);
+}
+
+// Comparing two lists: a failure gives 3 and leaves nothing allocated; the records of a
+// run that succeeds are those of an undisturbed one.
+TEST_F(FaultOcl, CompareTwoLists) {
+  fs_ocl *a = rich_list(), *b = rich_list();
+  EXPECT_EQ(fs_ocl_remove_object(b, "/tree/readme.txt"), FSIC_OK);
+  EXPECT_EQ(fs_ocl_add_dir(b, base(), "/tree/sub", nullptr, 15, nullptr), FSIC_OK);
+  EXPECT_EQ(fs_ocl_add_file(b, base(), "/tree/sub/deeper/and/deeper/file", 12, nullptr),
+            FSIC_ERR_UNAVAILABLE);
+  // The records go into a fixed buffer: the callback allocates nothing of its own.
+  struct text {
+    char bytes[4096];
+    size_t used;
+  } got{};
+  std::string reference;
+  auto record = [](const fs_change *change, void *ctx) {
+    auto *t = static_cast<text *>(ctx);
+    const int n = snprintf(t->bytes + t->used, sizeof t->bytes - t->used, "%u %s\n", change->kind,
+                           change->entry_path);
+    if (n > 0)
+      t->used = std::min(sizeof t->bytes - 1, t->used + static_cast<size_t>(n));
+  };
+  operation op;
+  op.name = "fs_ocl_compare";
+  op.setup = [&] { got.used = 0; };
+  op.call = [&] { return fs_ocl_compare(a, b, nullptr, record, &got, nullptr); };
+  op.after_failure = [&](checks &c, const attempt &at) {
+    c.equal(at.status, FSIC_ERR_NO_MEMORY, "status");
+  };
+  op.after_success = [&](checks &c, const attempt &) {
+    const std::string now(got.bytes, got.used);
+    if (reference.empty())
+      reference = now;
+    c.that(now == reference, "the records differ from an undisturbed compare's");
+    c.that(!now.empty(), "no records");
+  };
+  fault::expect_exercised(fault::run(op), op);
+  fs_ocl_destroy(a);
+  fs_ocl_destroy(b);
+}
+
+// Comparing a list with an equal one allocates one block, the entry path's, whatever
+// the number of entries.
+TEST_F(FaultOcl, ComparingEqualListsAllocatesOneBlock) {
+  fs_ocl *a = rich_list(), *b = rich_list();
+  int records = 0;
+  auto count = [](const fs_change *, void *ctx) { ++*static_cast<int *>(ctx); };
+  fault::arm(fault::scope::library, 0);
+  EXPECT_EQ(fs_ocl_compare(a, b, nullptr, count, &records, nullptr), FSIC_OK);
+  EXPECT_EQ(fault::disarm().allocations, 1);
+  EXPECT_EQ(records, 0);
+  fs_ocl_destroy(a);
+  fs_ocl_destroy(b);
 }
 
 // Replacing an object frees the older one: the blocks in use depend only on what the
