@@ -15,7 +15,7 @@
 #   -n           no build: use the binaries already in the build directory
 #   -- ARGS      further libFuzzer arguments, given to every target
 #
-# Targets: ocl_blob icl_blob volume_id log_config log_format (default: all).
+# Targets: ocl_blob ocl_compare icl_blob volume_id log_config log_format (default: all).
 # New inputs go to <build>/fuzz-work/<target>/corpus, crashes to .../artifacts; the
 # committed corpus is only read (and, with -m, replaced by the merged one). Each run's
 # log is <build>/fuzz-work/<target>/run.log; its final statistics are printed.
@@ -23,7 +23,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 
-all_targets=(ocl_blob icl_blob volume_id log_config log_format)
+all_targets=(ocl_blob ocl_compare icl_blob volume_id log_config log_format)
 seconds=60
 runs=""
 merge=0
