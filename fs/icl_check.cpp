@@ -68,11 +68,22 @@ fsic_status refused(comparer &c, fs_ocl *live, const char *base,
                       error == 0 ? FSIC_ERR_UNAVAILABLE : FSIC_ERR_FAILED);
 }
 
-// Checks every object of the entry on its live volume. An object that is gone (7) is
-// removed; one that cannot be measured otherwise is unreadable, and the rest goes on.
-// 0, or 3.
+// A live entry for the baseline's entry, with a copy of its identifier.
+fsic_status live_entry(fs_icl *live, const fs_icl_volume *entry, fs_icl_volume **out) noexcept {
+  fs_volume_id *copy;
+  FSIC_TRY(entry->id->ops->copy(entry->id, &copy));
+  id_owner id(copy);
+  FSIC_TRY(_fs_icl_create_volume(live, id.get(), nullptr, out));
+  id.release();
+  return FSIC_OK;
+}
+
+// Checks every object of the entry on its live volume, into a new entry of `live_list`
+// made once the volume is held: a volume that cannot be mounted has none, as nothing of
+// it was measured. An object that is gone (7) is removed; one that cannot be measured
+// otherwise is unreadable, and the rest goes on. 0, or 3.
 fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *volume,
-                         fs_ocl *live) noexcept {
+                         fs_icl *live_list) noexcept {
   const char *base;
   const fsic_status held = fs_volume_get_mount_point(volume, &base);
   if (held == FSIC_ERR_NO_MEMORY)
@@ -81,7 +92,9 @@ fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *vol
     fsic::detail::report_volume(c, FS_CHANGE_UNREADABLE, held);
     return FSIC_OK;
   }
-  fsic_status status = FSIC_OK;
+  fs_icl_volume *made;
+  fsic_status status = live_entry(live_list, entry, &made);
+  fs_ocl *live = status == FSIC_OK ? made->ocl : nullptr;
   for (fs_ocl_object *obj = fs_ocl_first_object(entry->ocl); obj && status == FSIC_OK;
        obj = fs_ocl_next_object(obj)) {
     fs_ocl_object *now = nullptr;
@@ -97,16 +110,6 @@ fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *vol
   }
   fs_volume_release_mount_point(volume);
   return status;
-}
-
-// A live entry for the baseline's entry, with a copy of its identifier.
-fsic_status live_entry(fs_icl *live, const fs_icl_volume *entry, fs_icl_volume **out) noexcept {
-  fs_volume_id *copy;
-  FSIC_TRY(entry->id->ops->copy(entry->id, &copy));
-  id_owner id(copy);
-  FSIC_TRY(_fs_icl_create_volume(live, id.get(), nullptr, out));
-  id.release();
-  return FSIC_OK;
 }
 
 } // namespace
@@ -132,10 +135,7 @@ extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks,
       fsic::detail::report_volume(c, FS_CHANGE_VOLUME_MISSING, FSIC_OK);
       continue;
     }
-    fs_icl_volume *now;
-    status = live_entry(live.get(), e, &now);
-    if (status == FSIC_OK)
-      status = check_volume(c, e, volume, now->ocl);
+    status = check_volume(c, e, volume, live.get());
   }
   fsic::detail::comparer_free(c);
   if (summary)

@@ -234,6 +234,27 @@ TEST_F(CheckTest, AVanishedVolumeIsOneRecordAndTheRestIsChecked) {
   EXPECT_EQ(sum.changed + sum.removed + sum.added, 5u);
 }
 
+// A volume that cannot be mounted is one "unreadable" record, and nothing of it counts
+// as measured: accepting everything keeps its baseline as it was.
+TEST_F(CheckTest, AVolumeThatCannotBeMountedKeepsItsBaselineWhenAccepted) {
+  icltest::IclPtr list = baseline();
+  const ocltest::Bytes before = icltest::blob_of(list.get());
+  volume_->fs_type = "xfs"; // the device holds ext4: the mount fails
+  volume_->part.volume.fs_type = volume_->fs_type->data();
+  icltest::IclPtr live;
+  fs_check_summary sum{};
+  const recorded r = check(list.get(), &disks_.list, &sum, &live);
+  EXPECT_EQ(r.lines, (std::vector<std::string>{"unreadable - 0 status 1"}));
+  EXPECT_EQ(sum.errors, 1u);
+  ASSERT_TRUE(live);
+  EXPECT_EQ(fs_icl_first_volume(live.get()), nullptr) << "an unmeasured volume in the live list";
+  fs_icl *accepted = nullptr;
+  ASSERT_EQ(fs_icl_accept(list.get(), live.get(), nullptr, nullptr, &accepted), FSIC_OK);
+  icltest::IclPtr now(accepted);
+  EXPECT_EQ(icltest::blob_of(now.get()), before);
+  EXPECT_TRUE(guard_.made_since().empty());
+}
+
 // A file whose data cannot be read (its first block pointer broken with debugfs) is one
 // "unreadable" record with status 1; the rest of the volume is checked.
 TEST_F(CheckTest, AnUnreadableFileIsReportedAndTheCheckGoesOn) {
