@@ -32,6 +32,9 @@ void report_volume(comparer &c, uint32_t kind, fsic_status why) noexcept;
 
 void comparer_free(comparer &c) noexcept;
 
+// Whether two objects have the same type, flags and masks.
+bool same_settings(const fs_ocl_object *a, const fs_ocl_object *b) noexcept;
+
 } // namespace fsic::detail
 
 #endif // FSIC_FS_CHECK_INTERNAL_H

@@ -13,14 +13,6 @@ namespace {
 #define ENTRY_AFTER(head, pos) \
   ((pos)->next == (head) ? nullptr : list_entry((pos)->next, fs_icl_volume, link))
 
-// The first entry whose identifier equals `id`, or null.
-fs_icl_volume *find_volume(fs_icl *list, const fs_volume_id *id) noexcept {
-  for (fs_icl_volume *e = fs_icl_first_volume(list); e; e = fs_icl_next_volume(list, e))
-    if (fs_volume_id_compare(e->id, id) == 0)
-      return e;
-  return nullptr;
-}
-
 using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
 
 // A new identifier of the volume, held by an owner.
@@ -36,7 +28,7 @@ fsic_status make_id(fs_volume *volume, id_owner *out) noexcept {
 fsic_status find_volume2(fs_icl *list, fs_volume *volume, fs_icl_volume **out) noexcept {
   id_owner id;
   FSIC_TRY(make_id(volume, &id));
-  *out = find_volume(list, id.get());
+  *out = _fs_icl_find_volume(list, id.get());
   return FSIC_OK;
 }
 
@@ -142,7 +134,7 @@ extern "C" fsic_status fs_icl_add_dir(fs_icl *list, fs_volume *volume, const cha
 
 extern "C" fs_ocl_object *fs_icl_find_object(fs_icl *list, const fs_volume_id *id,
                                              const char *path) noexcept {
-  fs_icl_volume *entry = find_volume(list, id);
+  fs_icl_volume *entry = _fs_icl_find_volume(list, id);
   return entry ? fs_icl_volume_find_object(entry, path) : nullptr;
 }
 
@@ -153,7 +145,7 @@ extern "C" fs_ocl_object *fs_icl_volume_find_object(fs_icl_volume *entry,
 
 extern "C" fsic_status fs_icl_remove_object(fs_icl *list, const fs_volume_id *id,
                                             const char *path) noexcept {
-  fs_icl_volume *entry = find_volume(list, id);
+  fs_icl_volume *entry = _fs_icl_find_volume(list, id);
   if (!entry || !fs_icl_volume_find_object(entry, path))
     return FSIC_ERR_NOT_FOUND;
   fsic_status status = fs_ocl_remove_object(entry->ocl, path);
@@ -176,4 +168,12 @@ extern "C" fs_ocl_object *fs_icl_volume_first_object(fs_icl_volume *entry) noexc
 
 extern "C" fs_ocl_object *fs_icl_volume_next_object(fs_ocl_object *obj) noexcept {
   return fs_ocl_next_object(obj);
+}
+
+extern "C" fs_icl_volume *_fs_icl_find_volume(const fs_icl *list, const fs_volume_id *id) noexcept {
+  auto *l = const_cast<fs_icl *>(list);
+  for (fs_icl_volume *e = fs_icl_first_volume(l); e; e = fs_icl_next_volume(l, e))
+    if (fs_volume_id_compare(e->id, id) == 0)
+      return e;
+  return nullptr;
 }

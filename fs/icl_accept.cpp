@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fs/check_internal.h"
 #include "fs/icl_internal.h"
 #include "fs/ocl_internal.h"
 #include "util/owner.h"
@@ -241,28 +242,13 @@ fsic_status merge_level(const fs_ocl_dir_info *a, const fs_ocl_dir_info *b, uint
 
 // ---- objects ----
 
-bool same_settings(const fs_ocl_object *a, const fs_ocl_object *b) noexcept {
-  if (a->type != b->type || a->flags != b->flags)
-    return false;
-  if (a->type != FS_OCL_DIR)
-    return true;
-  char *const *x = reinterpret_cast<const fs_ocl_dir_object *>(a)->masks;
-  char *const *y = reinterpret_cast<const fs_ocl_dir_object *>(b)->masks;
-  if (!x || !y)
-    return x == y;
-  for (; *x && *y; x++, y++)
-    if (strcmp(*x, *y) != 0)
-      return false;
-  return !*x && !*y;
-}
-
 // The baseline's object with the entries below it that `paths` name taken from the
 // live one (null: the object is gone). Only a directory kept per file, with the same
 // settings on both sides, can take part of its entries: else 1.
 fsic_status accept_inside(const fs_ocl_object *old_obj, const fs_ocl_object *now,
                           char *const *paths, fs_ocl_object **out) noexcept {
   if (old_obj->type != FS_OCL_DIR || !(old_obj->flags & EACH_FILE) ||
-      (now && !same_settings(old_obj, now)))
+      (now && !fsic::detail::same_settings(old_obj, now)))
     return FSIC_ERR_FAILED;
   fs_ocl_object *copy;
   FSIC_TRY(_fs_ocl_copy_object(old_obj, &copy));
@@ -341,14 +327,6 @@ fsic_status accept_ocl(const fs_ocl *old_list, const fs_ocl *live, char *const *
   return FSIC_OK;
 }
 
-const fs_icl_volume *first_with_id(const fs_icl *list, const fs_volume_id *id) noexcept {
-  auto *l = const_cast<fs_icl *>(list);
-  for (fs_icl_volume *e = fs_icl_first_volume(l); e; e = fs_icl_next_volume(l, e))
-    if (fs_volume_id_compare(e->id, id) == 0)
-      return e;
-  return nullptr;
-}
-
 // A new entry at the front of `to` for `id` holding the accepted list.
 fsic_status accept_entry(fs_icl *to, const fs_volume_id *id, const fs_ocl *old_list,
                          const fs_ocl *live, char *const *paths) noexcept {
@@ -389,7 +367,7 @@ extern "C" fsic_status fs_icl_accept(const fs_icl *baseline, const fs_icl *live,
   auto *b = const_cast<fs_icl *>(live);
   for (list_head *pos = b->volumes.prev; pos != &b->volumes; pos = pos->prev) {
     const fs_icl_volume *e = list_entry(pos, fs_icl_volume, link);
-    if (first_with_id(live, e->id) != e || first_with_id(baseline, e->id))
+    if (_fs_icl_find_volume(live, e->id) != e || _fs_icl_find_volume(baseline, e->id))
       continue;
     if (volume && fs_volume_id_compare(volume, e->id) != 0)
       continue;
@@ -398,9 +376,9 @@ extern "C" fsic_status fs_icl_accept(const fs_icl *baseline, const fs_icl *live,
   auto *a = const_cast<fs_icl *>(baseline);
   for (list_head *pos = a->volumes.prev; pos != &a->volumes; pos = pos->prev) {
     const fs_icl_volume *e = list_entry(pos, fs_icl_volume, link);
-    if (first_with_id(baseline, e->id) != e)
+    if (_fs_icl_find_volume(baseline, e->id) != e)
       continue;
-    const fs_icl_volume *now = first_with_id(live, e->id);
+    const fs_icl_volume *now = _fs_icl_find_volume(live, e->id);
     const bool chosen = !volume || fs_volume_id_compare(volume, e->id) == 0;
     FSIC_TRY(accept_entry(result.get(), e->id, e->ocl, chosen && now ? now->ocl : nullptr, paths));
   }

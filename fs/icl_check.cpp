@@ -19,15 +19,6 @@ using fsic::detail::comparer;
 using icl_owner = fsic::detail::owner<fs_icl, fs_icl_destroy>;
 using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
 
-// The first entry of the list with that identifier.
-const fs_icl_volume *first_with_id(const fs_icl *list, const fs_volume_id *id) noexcept {
-  auto *l = const_cast<fs_icl *>(list);
-  for (fs_icl_volume *e = fs_icl_first_volume(l); e; e = fs_icl_next_volume(l, e))
-    if (fs_volume_id_compare(e->id, id) == 0)
-      return e;
-  return nullptr;
-}
-
 // Measures the object again under `base` into `live`.
 fsic_status measure(fs_ocl *live, const char *base, const fs_ocl_object *obj,
                     fs_ocl_object **out) noexcept {
@@ -127,7 +118,7 @@ extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks,
   auto *list = const_cast<fs_icl *>(baseline);
   for (fs_icl_volume *e = fs_icl_first_volume(list); e && status == FSIC_OK;
        e = fs_icl_next_volume(list, e)) {
-    if (first_with_id(baseline, e->id) != e)
+    if (_fs_icl_find_volume(baseline, e->id) != e)
       continue;
     c.volume = e->id;
     fs_volume *volume = fs_disk_list_find_volume(disks, e->id);

@@ -4,6 +4,8 @@
 #include <fsic/check.h>
 #include <fsic/icl.h>
 
+#include "fs/icl_internal.h"
+
 namespace {
 
 void add_up(fs_check_summary *total, const fs_check_summary &part) noexcept {
@@ -13,14 +15,6 @@ void add_up(fs_check_summary *total, const fs_check_summary &part) noexcept {
   total->removed += part.removed;
   total->changed += part.changed;
   total->errors += part.errors;
-}
-
-const fs_icl_volume *find_entry(const fs_icl *list, const fs_volume_id *id) noexcept {
-  auto *l = const_cast<fs_icl *>(list);
-  for (fs_icl_volume *e = fs_icl_first_volume(l); e; e = fs_icl_next_volume(l, e))
-    if (fs_volume_id_compare(e->id, id) == 0)
-      return e;
-  return nullptr;
 }
 
 } // namespace
@@ -37,15 +31,15 @@ extern "C" fsic_status fs_icl_compare(const fs_icl *old_list, const fs_icl *new_
        e = fs_icl_next_volume(a, e)) {
     // The first entry of an identifier counts; a later one with the same is not a
     // volume of its own.
-    if (find_entry(a, e->id) != e)
+    if (_fs_icl_find_volume(a, e->id) != e)
       continue;
-    const fs_icl_volume *other = find_entry(b, e->id);
+    const fs_icl_volume *other = _fs_icl_find_volume(b, e->id);
     status = fs_ocl_compare(e->ocl, other ? other->ocl : &empty, e->id, fn, ctx, &part);
     add_up(&total, part);
   }
   for (fs_icl_volume *e = fs_icl_first_volume(b); e && status == FSIC_OK;
        e = fs_icl_next_volume(b, e)) {
-    if (find_entry(b, e->id) != e || find_entry(a, e->id))
+    if (_fs_icl_find_volume(b, e->id) != e || _fs_icl_find_volume(a, e->id))
       continue;
     status = fs_ocl_compare(&empty, e->ocl, e->id, fn, ctx, &part);
     add_up(&total, part);

@@ -11,6 +11,9 @@ FSIC_BEGIN_DECLS
 fsic_status _fs_icl_create_volume(fs_icl *list, fs_volume_id *id, fs_ocl *ocl,
                                   fs_icl_volume **out) FSIC_NOEXCEPT;
 
+// The first entry of the list whose identifier equals `id`, or null.
+fs_icl_volume *_fs_icl_find_volume(const fs_icl *list, const fs_volume_id *id) FSIC_NOEXCEPT;
+
 // Destroys an entry with its list and identifier and unlinks it.
 void _fs_icl_destroy_volume(fs_icl *list, fs_icl_volume *entry) FSIC_NOEXCEPT;
 

@@ -212,25 +212,9 @@ fsic_status compare_levels(comparer &c, const fs_ocl_dir_info *a, const fs_ocl_d
 
 // ---- objects ----
 
-bool same_masks(char *const *a, char *const *b) {
-  if (!a || !b)
-    return a == b;
-  for (; *a && *b; a++, b++)
-    if (strcmp(*a, *b) != 0)
-      return false;
-  return !*a && !*b;
-}
-
-bool same_settings(const fs_ocl_object *a, const fs_ocl_object *b) {
-  if (a->flags != b->flags)
-    return false;
-  return a->type != FS_OCL_DIR || same_masks(reinterpret_cast<const fs_ocl_dir_object *>(a)->masks,
-                                             reinterpret_cast<const fs_ocl_dir_object *>(b)->masks);
-}
-
 fsic_status compare_objects(comparer &c, const fs_ocl_object *a, const fs_ocl_object *b) {
   const fs_entry_values av = object_values(a), bv = object_values(b);
-  if (a->type != b->type || !same_settings(a, b)) {
+  if (!fsic::detail::same_settings(a, b)) {
     c.sum.entries++;
     emit(c, a->type != b->type ? FS_CHANGE_TYPE_CHANGED : FS_CHANGE_SETTINGS_CHANGED, 0, av, bv);
     return FSIC_OK;
@@ -289,6 +273,21 @@ void report_volume(comparer &c, uint32_t kind, fsic_status why) noexcept {
 }
 
 void comparer_free(comparer &c) noexcept { _fs_str_buf_free(&c.path); }
+
+bool same_settings(const fs_ocl_object *a, const fs_ocl_object *b) noexcept {
+  if (a->type != b->type || a->flags != b->flags)
+    return false;
+  if (a->type != FS_OCL_DIR)
+    return true;
+  char *const *x = reinterpret_cast<const fs_ocl_dir_object *>(a)->masks;
+  char *const *y = reinterpret_cast<const fs_ocl_dir_object *>(b)->masks;
+  if (!x || !y)
+    return x == y;
+  for (; *x && *y; x++, y++)
+    if (strcmp(*x, *y) != 0)
+      return false;
+  return !*x && !*y;
+}
 
 } // namespace fsic::detail
 
