@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
@@ -32,44 +31,6 @@ using namespace fsic::detail;
 constexpr const char *kLogSource = "image_disk";
 
 constexpr unsigned kLoopMajor = 7;
-// The udev queue must empty within this many whole seconds (measured with time(), so
-// the real limit lies between 5 and 6 seconds).
-constexpr time_t kSettleSeconds = 5;
-constexpr long kSettlePollNanoseconds = 50L * 1000 * 1000;
-
-// ---- udev settling -----------------------------------------------------------------
-
-// Waits until udev's event queue is empty, polling every 50 ms; 8 after the time
-// limit, 1 when the queue cannot be watched.
-fsic_status _sync_udev(struct udev *udev) noexcept {
-  udev_queue_ptr queue(udev_queue_new(udev));
-  if (!queue) {
-    FSIC_LOG_FAILED("udev_queue_new");
-    return FSIC_ERR_FAILED;
-  }
-  const time_t start = time(nullptr);
-  for (;;) {
-    if (udev_queue_get_queue_is_empty(queue.get()))
-      return FSIC_OK;
-    struct timespec pause = {0, kSettlePollNanoseconds};
-    nanosleep(&pause, nullptr);
-    if (time(nullptr) - start > kSettleSeconds) {
-      FSIC_LOG_FAILED("waiting for the udev event queue to settle");
-      return FSIC_ERR_UDEV_TIMEOUT;
-    }
-  }
-}
-
-// The same with a udev context of its own.
-fsic_status sync_udev() noexcept {
-  udev_ptr udev(udev_new());
-  if (!udev) {
-    FSIC_LOG_FAILED("udev_new");
-    return FSIC_ERR_FAILED;
-  }
-  return _sync_udev(udev.get());
-}
-
 // ---- loop devices ------------------------------------------------------------------
 
 // A loop device is free when asking for its status fails with ENXIO (nothing bound);
@@ -189,18 +150,20 @@ void clear_loop(const char *devnode, int loop_fd, fs_volume *volume) noexcept {
   fs_volume_release_mount_point(volume);
 }
 
-// Binds "<mount point><path>" to the loop device and waits until udev has seen the new
-// device and its partitions; a loop device bound here is unbound again on failure.
+// Binds "<mount point><path>" to the loop device and waits until udev has made the
+// records of its partitions; a loop device bound here is unbound again on failure.
 fsic_status attach_file(struct udev_device *loop, const char *mount_point, const char *path,
                         int *loop_fd, bool *busy) noexcept {
   const char *devnode = udev_device_get_devnode(loop);
   str_ptr file_name(ic_util_dupstrs(mount_point, path, nullptr));
   if (!file_name)
     return FSIC_ERR_NO_MEMORY;
+  partition_watch watch;
+  FSIC_TRY(partition_watch_start(udev_device_get_udev(loop), &watch));
   fsic_status status = _set_loop(devnode, mount_point, path, file_name.get(), loop_fd, busy);
   if (status != FSIC_OK)
     return status;
-  status = _sync_udev(udev_device_get_udev(loop));
+  status = partition_watch_wait(&watch, udev_device_get_syspath(loop));
   if (status != FSIC_OK)
     unbind_loop(devnode, *loop_fd);
   return status;

@@ -63,9 +63,14 @@ struct udev_queue_unref_deleter {
   void operator()(struct udev_queue *q) const noexcept { udev_queue_unref(q); }
 };
 
+struct udev_monitor_unref_deleter {
+  void operator()(struct udev_monitor *m) const noexcept { udev_monitor_unref(m); }
+};
+
 using udev_ptr = std::unique_ptr<struct udev, udev_unref_deleter>;
 using udev_device_ptr = std::unique_ptr<struct udev_device, udev_device_unref_deleter>;
 using udev_queue_ptr = std::unique_ptr<struct udev_queue, udev_queue_unref_deleter>;
+using udev_monitor_ptr = std::unique_ptr<struct udev_monitor, udev_monitor_unref_deleter>;
 
 // What a libudev getter gave. libudev answers null (or device number 0) both when a
 // value is not there and when it ran out of memory reading it; only errno tells them
@@ -137,6 +142,33 @@ inline fsic_status required_devnode(struct udev_device *dev, const char **out,
     log_failed_call(source, "required_devnode", __LINE__, "udev_device_get_devnode");
   return status;
 }
+
+// ---- waiting for udev ------------------------------------------------------------------
+
+// Waits until udev's event queue is empty, polling every 50 ms; 8 after 5 to 6 seconds,
+// 1 when the queue cannot be watched.
+fsic_status _sync_udev(struct udev *udev) noexcept;
+
+// The same with a udev context of its own.
+fsic_status sync_udev() noexcept;
+
+// A watch over the partitions that a block device is about to get (a loop device that
+// scans its image's partition table), started before the device changes.
+struct partition_watch {
+  struct udev *udev = nullptr;
+  udev_monitor_ptr monitor;     // udev's announcements of partitions; null without udev
+  unsigned long long after = 0; // the kernel's last event number at the start
+};
+
+// Starts a watch; when udev is not running there is nothing to watch (FSIC_OK). 1 when
+// udev's announcements cannot be listened to, 3 when memory ran out.
+fsic_status partition_watch_start(struct udev *udev, partition_watch *w) noexcept;
+
+// After the change: waits until udev has announced an add or change, later than the
+// watch's start, of every partition below `syspath` in sysfs, so that their udev
+// records are written, and then until its queue is empty (_sync_udev). 8 when that
+// takes more than 5.5 seconds; 3 when libudev ran out of memory reading an event.
+fsic_status partition_watch_wait(partition_watch *w, const char *syspath) noexcept;
 
 // ---- /sys/class/block ---------------------------------------------------------------
 

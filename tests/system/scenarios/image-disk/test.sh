@@ -1,9 +1,10 @@
 #!/bin/bash
 # The driver's image-disk and mount scenarios on a machine whose second disk stores a
 # service-console disk image, the disk list with that image added (its partitions
-# identified and mounted), removal of an image while its partition is held, and the
-# two mount scenarios driven through their standard input. After each step: no loop
-# device attached, nothing mounted under /tmp, nothing left in /tmp.
+# identified and mounted), the same while udev lags behind, removal of an image while
+# its partition is held, and the two mount scenarios driven through their standard
+# input. After each step: no loop device attached, nothing mounted under /tmp, nothing
+# left in /tmp.
 set -u
 source "$FSIC_SCENARIO_CHECKS"
 shopt -s extglob
@@ -44,6 +45,18 @@ wait_unmounted() {
   return 1
 }
 
+# wait_bound FILE: up to 10 s until a loop device holds a file whose name ends in FILE.
+wait_bound() {
+  local i f
+  for ((i = 0; i < 1000; i++)); do
+    for f in /sys/block/loop*/loop/backing_file; do
+      [[ -e $f && $(<"$f") == *"$1" ]] && return 0
+    done
+    sleep 0.01
+  done
+  return 1
+}
+
 step "test_image_disk"
 "$prog" image-disk
 echo "status $?"
@@ -51,6 +64,20 @@ afterwards
 
 step "the image in the disk list"
 "$prog" report test "$vmdk"
+echo "status $?"
+afterwards
+
+# udev held up while the image is bound: the partitions are read only once udev has
+# handled their events, not while their udev records do not exist yet.
+step "the image in the disk list while udev lags behind"
+udevd=$(pidof systemd-udevd)
+kill -STOP $udevd
+"$prog" report test "$vmdk" &
+report_pid=$!
+wait_bound "$vmdk" || echo "the image was not bound"
+sleep 0.2
+kill -CONT $udevd
+wait "$report_pid"
 echo "status $?"
 afterwards
 
