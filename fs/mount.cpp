@@ -234,10 +234,23 @@ bool mount_source_of(const char *dir, char (&source)[32]) noexcept {
   return found;
 }
 
+// A file system that is busy for a moment only is unmounted again, every 50 ms for a
+// second: a loop device over an image file stored on it that clears itself when another
+// process (udev, probing it) closes it last gives the file back just after that close.
+constexpr int kUmountTries = 20;
+constexpr long kUmountPauseNanoseconds = 50L * 1000 * 1000;
+
 int umount_volume(const char *dir, const char *fs_type) noexcept {
   if (const mount_entry *e = find_mount_entry(fs_type))
     e->umount(dir);
-  const int rc = umount(dir);
+  int rc;
+  for (int attempt = 1;; attempt++) {
+    rc = umount(dir);
+    if (rc == 0 || errno != EBUSY || attempt == kUmountTries)
+      break;
+    struct timespec pause = {0, kUmountPauseNanoseconds};
+    nanosleep(&pause, nullptr);
+  }
   if (rc != 0)
     FSIC_LOG_FAILED("umount");
   return rc;

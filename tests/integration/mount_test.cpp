@@ -708,6 +708,29 @@ TEST_F(MountTest, ABusyFileSystemStaysMountedWhileTheRecordForgetsIt) {
   // The fixture detaches it and removes the directories.
 }
 
+// A file system that another process keeps busy for a moment only (as the deferred
+// release of an image file whose loop device was cleared by its last closer does) is
+// still unmounted by the release.
+TEST_F(MountTest, AFileSystemBusyForAMomentIsStillUnmounted) {
+  auto &[dev, list, vol] = volume_on_new_image();
+  ASSERT_FALSE(dev.empty());
+
+  const char *mp = nullptr;
+  ASSERT_EQ(fs_volume_get_mount_point(vol->volume(), &mp), FSIC_OK);
+  const std::string dir = mp, base = list.list.base_dir;
+  const int fd = open((dir + "/hello.txt").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  std::thread holder([fd] {
+    usleep(200 * 1000);
+    close(fd);
+  });
+  EXPECT_EQ(fs_volume_release_mount_point(vol->volume()), FSIC_OK);
+  holder.join();
+  EXPECT_EQ(count_mounts_at(dir), 0);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(exists(base));
+}
+
 TEST_F(MountTest, TheImmediateReleaseIgnoresTheHoldCount) {
   auto &[dev, list, vol] = volume_on_new_image();
   ASSERT_FALSE(dev.empty());
