@@ -5,6 +5,7 @@
 
 #include <fsic/check.h>
 
+#include "fs/ocl_internal.h"
 #include "util/str_buf.h"
 
 namespace fsic::detail {
@@ -16,6 +17,9 @@ struct comparer {
   fs_check_summary sum;
   const char *object_path; // of the object being compared; null for a volume's record
   fs_str_buf path;         // the entry path; zero-filled until the first object
+  // A check's entries of the new side that could not be measured (sorted), or null:
+  // each is reported as unreadable, and given the old side's matching entry.
+  fs_ocl_unreadable_set *unreadable;
 };
 
 // Compares an object of the old list with the new list's object of the same path;

@@ -19,13 +19,30 @@ using fsic::detail::comparer;
 using icl_owner = fsic::detail::owner<fs_icl, fs_icl_destroy>;
 using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
 
-// Measures the object again under `base` into `live`.
+// Measures the object again under `base` into `live`; the entries of a per-file tree
+// that cannot be measured go to `set`.
 fsic_status measure(fs_ocl *live, const char *base, const fs_ocl_object *obj,
-                    fs_ocl_object **out) noexcept {
+                    fs_ocl_unreadable_set *set, fs_ocl_object **out) noexcept {
   if (obj->type == FS_OCL_FILE)
     return fs_ocl_add_file(live, base, obj->path, obj->flags, out);
   auto *dir = reinterpret_cast<const fs_ocl_dir_object *>(obj);
-  return fs_ocl_add_dir(live, base, obj->path, dir->masks, obj->flags, out);
+  return _fs_ocl_add_dir_tolerant(live, base, obj->path, dir->masks, obj->flags, set, out);
+}
+
+// Compares a measured object with the baseline's; entries of its tree that could not be
+// measured are reported as unreadable and keep the baseline's data in the live tree.
+fsic_status compare_measured(comparer &c, const fs_ocl_object *obj, fs_ocl_object *now,
+                             fs_ocl_unreadable_set *set) noexcept {
+  if (set->count == 0)
+    return fsic::detail::compare_object(c, obj, now);
+  _fs_ocl_unreadable_sort(set);
+  c.unreadable = set;
+  const fsic_status status = fsic::detail::compare_object(c, obj, now);
+  c.unreadable = nullptr;
+  if (status != FSIC_OK)
+    return status;
+  auto *dir = reinterpret_cast<fs_ocl_dir_object *>(now);
+  return _fs_ocl_unreadable_apply(set, dir->info, now->flags);
 }
 
 // A record for an object that could not be measured (`kind`: unreadable, or type
@@ -86,19 +103,22 @@ fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *vol
   fs_icl_volume *made;
   fsic_status status = live_entry(live_list, entry, &made);
   fs_ocl *live = status == FSIC_OK ? made->ocl : nullptr;
+  fs_ocl_unreadable_set set = {};
   for (fs_ocl_object *obj = fs_ocl_first_object(entry->ocl); obj && status == FSIC_OK;
        obj = fs_ocl_next_object(obj)) {
     fs_ocl_object *now = nullptr;
-    const fsic_status got = measure(live, base, obj, &now);
+    set.count = 0;
+    const fsic_status got = measure(live, base, obj, &set, &now);
     if (got == FSIC_ERR_NO_MEMORY)
       status = got;
     else if (got == FSIC_OK)
-      status = fsic::detail::compare_object(c, obj, now);
+      status = compare_measured(c, obj, now, &set);
     else if (got == FSIC_ERR_UNAVAILABLE)
       status = refused(c, live, base, obj);
     else
       status = not_measured(c, live, obj, FS_CHANGE_UNREADABLE, fs_entry_values{}, got);
   }
+  _fs_ocl_unreadable_free(&set);
   fs_volume_release_mount_point(volume);
   return status;
 }

@@ -192,13 +192,24 @@ fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path, uin
 
 fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char *const *masks,
                            uint32_t flags, fs_ocl_object **out) noexcept {
+  return _fs_ocl_add_dir_tolerant(ocl, base, path, masks, flags, nullptr, out);
+}
+
+fsic_status _fs_ocl_add_dir_tolerant(fs_ocl *ocl, const char *base, const char *path,
+                                     char *const *masks, uint32_t flags, fs_ocl_unreadable_set *set,
+                                     fs_ocl_object **out) noexcept {
   object_owner obj;
   FSIC_TRY(start_object(sizeof(fs_ocl_dir_object), path, FS_OCL_DIR, flags, &obj));
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
   if (masks && !(dir->masks = ic_str_zarray_copy(masks)))
     return FSIC_ERR_NO_MEMORY;
   return finish_object(
-      ocl, std::move(obj), base, [&](fs_ocl_walk *w) noexcept { return fill_dir(dir, w); }, out);
+      ocl, std::move(obj), base,
+      [&](fs_ocl_walk *w) noexcept {
+        w->unreadable = set;
+        return fill_dir(dir, w);
+      },
+      out);
 }
 
 fs_ocl_object *fs_ocl_find_object(fs_ocl *ocl, const char *path) noexcept {

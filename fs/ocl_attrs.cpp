@@ -26,6 +26,7 @@ void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) noexcept { free(attrs); 
 // One record per name, in the names' order; no partial array is left on failure. A
 // name that resolves to anything else than a regular file fails like a vanished one.
 fsic_status _fs_ocl_create_file_attrs_array(fs_ocl_walk *w, int dir, char *const *names, int count,
+                                            const fs_ocl_dir_info *level,
                                             fs_ocl_file_attrs **out) noexcept {
   if (count <= 0) {
     *out = nullptr;
@@ -40,8 +41,15 @@ fsic_status _fs_ocl_create_file_attrs_array(fs_ocl_walk *w, int dir, char *const
     fsic_status status = _fs_ocl_stat_entry(w, dir, names[i], &st);
     if (status == FSIC_OK && !S_ISREG(st.st_mode))
       status = FSIC_ERR_FAILED;
+    if (status == FSIC_ERR_UNAVAILABLE)
+      status = FSIC_ERR_FAILED;
+    if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
+      array.get()[i] = fs_ocl_file_attrs{};
+      FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, level, i, 0, status));
+      continue;
+    }
     if (status != FSIC_OK)
-      return status == FSIC_ERR_UNAVAILABLE ? FSIC_ERR_FAILED : status;
+      return status;
     _fs_ocl_stat_to_file_attrs(&st, &array.get()[i]);
   }
   *out = array.release();

@@ -192,6 +192,33 @@ fsic_status compare_entry(comparer &c, const char *name, const fs_entry_values &
   return status;
 }
 
+// The new side's entry that a check could not measure: one "unreadable" record with the
+// old side's values, and nothing below it. The old side's entry of the same name and
+// type is noted as the one whose data the live tree keeps.
+fsic_status unreadable_entry(comparer &c, fs_ocl_unreadable *u, const char *name,
+                             const fs_entry_values &a, const level &old_side, bool a_dir) {
+  uint32_t len;
+  FSIC_TRY(push(c, name, &len));
+  c.sum.entries++;
+  if (a.present && a_dir == (u->is_dir != 0)) {
+    u->old_level = old_side.info;
+    u->old_index = (a_dir ? old_side.dir : old_side.file) - 1;
+  }
+  fs_entry_values now = {};
+  now.present = 1;
+  now.type = u->is_dir ? FS_OCL_DIR : FS_OCL_FILE;
+  emit(c, FS_CHANGE_UNREADABLE, 0, a, now, u->status);
+  pop(c, len);
+  return FSIC_OK;
+}
+
+// The noted entry that the side's next entry is, or nullptr.
+fs_ocl_unreadable *noted(const comparer &c, const level &l, bool is_dir) {
+  if (!c.unreadable || c.unreadable->count == 0)
+    return nullptr;
+  return _fs_ocl_unreadable_find(c.unreadable, l.info, is_dir ? l.dir : l.file, is_dir);
+}
+
 fsic_status compare_levels(comparer &c, const fs_ocl_dir_info *a, const fs_ocl_dir_info *b) {
   level old_level{a}, new_level{b};
   for (;;) {
@@ -202,11 +229,15 @@ fsic_status compare_levels(comparer &c, const fs_ocl_dir_info *a, const fs_ocl_d
     const int order = !an ? 1 : !bn ? -1 : strcmp(an, bn);
     fs_entry_values av = {}, bv = {};
     const fs_ocl_dir_info *a_sub = nullptr, *b_sub = nullptr;
+    fs_ocl_unreadable *u = order >= 0 ? noted(c, new_level, b_dir) : nullptr;
     if (order <= 0)
       av = take(old_level, a_dir, &a_sub);
     if (order >= 0)
       bv = take(new_level, b_dir, &b_sub);
-    FSIC_TRY(compare_entry(c, order <= 0 ? an : bn, av, a_sub, bv, b_sub));
+    if (u)
+      FSIC_TRY(unreadable_entry(c, u, bn, av, old_level, a_dir));
+    else
+      FSIC_TRY(compare_entry(c, order <= 0 ? an : bn, av, a_sub, bv, b_sub));
   }
 }
 

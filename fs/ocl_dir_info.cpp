@@ -20,6 +20,22 @@ using namespace fsic::detail;
 
 using info_owner = owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 
+// The content hash of the file `name` of the directory `dir`, and in `st` the stat that
+// describes the bytes hashed. Anything but a regular file (a FIFO or device swapped in
+// after the scan) is not read (1).
+fsic_status hash_file(fs_ocl_walk *w, int dir, const char *name, uint8_t hash[FS_OCL_HASH_SIZE],
+                      struct stat *st) noexcept {
+  int fd;
+  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, &fd, st);
+  if (status == FSIC_ERR_UNAVAILABLE)
+    return FSIC_ERR_FAILED;
+  if (status != FSIC_OK)
+    return status;
+  status = S_ISREG(st->st_mode) ? _fs_ocl_fd_hash(fd, hash, st) : FSIC_ERR_FAILED;
+  close(fd);
+  return status;
+}
+
 // The content hashes of the info's files (whose names it holds) in the directory `dir`
 // and, with `with_attrs`, their attributes from the stats that describe the bytes
 // hashed.
@@ -39,17 +55,16 @@ fsic_status fill_file_hashes(fs_ocl_walk *w, int dir, fs_ocl_dir_info *info,
       return FSIC_ERR_NO_MEMORY;
   }
   for (int i = 0; i < count; ++i) {
-    int fd;
     struct stat st;
-    fsic_status status =
-        _fs_ocl_open_entry(w, dir, info->file_names[i], O_RDONLY | O_NONBLOCK | O_NOCTTY, &fd, &st);
-    if (status == FSIC_ERR_UNAVAILABLE)
-      return FSIC_ERR_FAILED;
-    if (status != FSIC_OK)
-      return status;
-    // A FIFO or device swapped in after the scan is not read.
-    status = S_ISREG(st.st_mode) ? _fs_ocl_fd_hash(fd, info->file_hashes[i], &st) : FSIC_ERR_FAILED;
-    close(fd);
+    const fsic_status status = hash_file(w, dir, info->file_names[i], info->file_hashes[i], &st);
+    if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
+      // A check notes the file and goes on; its values are not taken.
+      memset(info->file_hashes[i], 0, FS_OCL_HASH_SIZE);
+      if (with_attrs)
+        info->file_attrs[i] = fs_ocl_file_attrs{};
+      FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, info, i, 0, status));
+      continue;
+    }
     if (status != FSIC_OK)
       return status;
     if (with_attrs)
@@ -135,7 +150,21 @@ fsic_status fill_subdir_infos(fs_ocl_walk *w, int dir, char *const *masks, uint3
   for (int i = 0; i < n; ++i) {
     fs_ocl_dir_info *child = nullptr;
     struct stat st;
-    FSIC_TRY(subdir_info(w, dir, names[i], masks, flags, &child, &st));
+    const size_t noted = w->unreadable ? w->unreadable->count : 0;
+    const fsic_status status = subdir_info(w, dir, names[i], masks, flags, &child, &st);
+    if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
+      // A check notes the subdirectory, with an empty info in its place, and goes on;
+      // what was noted inside it went with it.
+      w->unreadable->count = noted;
+      child = static_cast<fs_ocl_dir_info *>(calloc(1, sizeof(fs_ocl_dir_info)));
+      if (!child)
+        return FSIC_ERR_NO_MEMORY;
+      info->subdir_infos[kept] = child;
+      st = {};
+      FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, info, kept, 1, status));
+    } else if (status != FSIC_OK) {
+      return status;
+    }
     if (!child) {
       free(names[i]);
       names[i] = nullptr;
@@ -179,7 +208,7 @@ extern "C" fsic_status _fs_ocl_create_dir_info(fs_ocl_walk *w, int dir, char *co
   if (flags & CONTROL_DATA)
     FSIC_TRY(fill_file_hashes(w, dir, info.get(), (flags & CONTROL_ATTRS) != 0));
   else if (flags & CONTROL_ATTRS)
-    FSIC_TRY(_fs_ocl_create_file_attrs_array(w, dir, info->file_names, info->file_count,
+    FSIC_TRY(_fs_ocl_create_file_attrs_array(w, dir, info->file_names, info->file_count, info.get(),
                                              &info->file_attrs));
   if (recursive)
     FSIC_TRY(fill_subdir_infos(w, dir, masks, flags, info.get()));

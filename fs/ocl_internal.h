@@ -15,6 +15,8 @@ FSIC_BEGIN_DECLS
 
 // ---- resolution under the base ----
 
+struct fs_ocl_unreadable_set;
+
 // Where the paths of one add resolve, and the full name of what is being worked on.
 // With a base every path, link and ".." resolves with the base as the root and mounts
 // inside it are not crossed; without one the running system's root is the root.
@@ -23,6 +25,9 @@ typedef struct fs_ocl_walk {
   uint32_t base_len; // leading bytes of `name` that are the base (0 without one)
   int root_fd;       // the base (O_PATH), or AT_FDCWD without one
   int confined;      // 1 with a base
+  // A check's walk: entries of a directory info that cannot be measured are noted here
+  // and the walk goes on (see below); null for an add, which fails instead.
+  struct fs_ocl_unreadable_set *unreadable;
 } fs_ocl_walk;
 
 // Starts a walk for the object `path` under `base` (nullptr: the running system).
@@ -59,8 +64,11 @@ fsic_status _fs_ocl_stat_entry(fs_ocl_walk *w, int dir, const char *name,
 void _fs_ocl_stat_to_file_attrs(const struct stat *st, fs_ocl_file_attrs *attrs) FSIC_NOEXCEPT;
 void _fs_ocl_stat_to_dir_attrs(const struct stat *st, fs_ocl_dir_attrs *attrs) FSIC_NOEXCEPT;
 void _fs_ocl_destroy_dir_attrs(fs_ocl_dir_attrs *attrs) FSIC_NOEXCEPT;
-// One record per name of the directory open on `dir` (nullptr array for count 0).
+// One record per name of the directory open on `dir` (nullptr array for count 0). In a
+// check's walk a file that cannot be measured is noted as the file `level`'s names hold
+// at its index, with zeroed attributes.
 fsic_status _fs_ocl_create_file_attrs_array(fs_ocl_walk *w, int dir, char *const *names, int count,
+                                            const fs_ocl_dir_info *level,
                                             fs_ocl_file_attrs **out) FSIC_NOEXCEPT;
 
 // ---- directory scanning ----
@@ -98,6 +106,51 @@ fsic_status _fs_ocl_create_dir_info(fs_ocl_walk *w, int dir, char *const *masks,
 // name and info arrays hold, and null entries and arrays are passed over. Accepts
 // nullptr.
 void _fs_ocl_destroy_dir_info(fs_ocl_dir_info *info) FSIC_NOEXCEPT;
+
+// ---- entries that a check cannot measure ----
+
+// An entry of a live directory info that could not be measured: a file (zeroed hash and
+// attributes) or a subdirectory (an empty info and zeroed attributes).
+typedef struct fs_ocl_unreadable {
+  const fs_ocl_dir_info *level; // the info whose arrays hold the entry
+  int index;                    // in its file or subdirectory arrays
+  int is_dir;
+  fsic_status status; // why it could not be measured
+  // The baseline's entry of the same name and type, as the compare found it: its level
+  // and index; a null level when there is none, and the entry is dropped from the live
+  // tree then.
+  const fs_ocl_dir_info *old_level;
+  int old_index;
+} fs_ocl_unreadable;
+
+// The entries of one object that a check could not measure, in the order of the walk
+// until sorted.
+typedef struct fs_ocl_unreadable_set {
+  fs_ocl_unreadable *items;
+  size_t count, capacity;
+} fs_ocl_unreadable_set;
+
+// Notes an entry: 0, or 3.
+fsic_status _fs_ocl_unreadable_add(fs_ocl_unreadable_set *set, const fs_ocl_dir_info *level,
+                                   int index, int is_dir, fsic_status status) FSIC_NOEXCEPT;
+// Orders the entries by level, kind and index, for _fs_ocl_unreadable_find().
+void _fs_ocl_unreadable_sort(fs_ocl_unreadable_set *set) FSIC_NOEXCEPT;
+// The noted entry at `index` of `level`'s files or subdirectories, or nullptr.
+fs_ocl_unreadable *_fs_ocl_unreadable_find(const fs_ocl_unreadable_set *set,
+                                           const fs_ocl_dir_info *level, int index,
+                                           int is_dir) FSIC_NOEXCEPT;
+// Makes the live tree `info` (kept with `flags`) keep what the baseline has for each
+// noted entry: its hash and attributes, or its subtree; an entry that the baseline does
+// not have is dropped, and subdirectories left empty with it. Empties the set. 0, or 3
+// (the tree is still whole then, but may hold entries not yet given the baseline's data).
+fsic_status _fs_ocl_unreadable_apply(fs_ocl_unreadable_set *set, fs_ocl_dir_info *info,
+                                     uint32_t flags) FSIC_NOEXCEPT;
+void _fs_ocl_unreadable_free(fs_ocl_unreadable_set *set) FSIC_NOEXCEPT;
+
+// fs_ocl_add_dir() for a check: the entries that cannot be measured go to `set`.
+fsic_status _fs_ocl_add_dir_tolerant(fs_ocl *ocl, const char *base, const char *path,
+                                     char *const *masks, uint32_t flags, fs_ocl_unreadable_set *set,
+                                     fs_ocl_object **out) FSIC_NOEXCEPT;
 
 // ---- the container ----
 

@@ -113,6 +113,7 @@ fsic_status _fs_ocl_walk_init(fs_ocl_walk *w, const char *base, const char *path
   w->base_len = base ? (uint32_t)strlen(base) : 0;
   w->root_fd = root.fd;
   w->confined = root.confined;
+  w->unreadable = nullptr;
   return FSIC_OK;
 }
 

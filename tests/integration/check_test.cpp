@@ -149,6 +149,41 @@ protected:
     ASSERT_TRUE(support::write_text(sys + "/sub/new.txt", "new\n"));
   }
 
+  // Breaks the first block pointer of `path` on the (unmounted) image with debugfs, so
+  // that its data (a file's bytes, a directory's entries) cannot be read any more, and
+  // makes the page cache forget what it holds of the device.
+  void break_blocks(const std::string &path) {
+    const auto broken =
+        support::run({"debugfs", "-w", "-R", "set_inode_field " + path + " block[0] 0", dev_});
+    ASSERT_EQ(broken.status, 0) << broken.describe();
+    const int fd = open(dev_.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
+    close(fd);
+  }
+
+  // The hash that the tree object `object` of the list's first entry holds for the file
+  // `name` at the level `dirs` below it ("-" when it holds no such file).
+  static std::string tree_hash(const fs_icl *list, const char *object,
+                               const std::vector<std::string> &dirs, const std::string &name) {
+    fs_icl_volume *entry = fs_icl_first_volume(const_cast<fs_icl *>(list));
+    fs_ocl_object *obj = entry ? fs_icl_volume_find_object(entry, object) : nullptr;
+    if (!obj || obj->type != FS_OCL_DIR)
+      return "-";
+    const fs_ocl_dir_info *info = reinterpret_cast<fs_ocl_dir_object *>(obj)->info;
+    for (const std::string &d : dirs) {
+      const fs_ocl_dir_info *next = nullptr;
+      for (int i = 0; info && i < info->subdir_count; i++)
+        if (d == info->subdir_names[i])
+          next = info->subdir_infos[i];
+      info = next;
+    }
+    for (int i = 0; info && i < info->file_count; i++)
+      if (name == info->file_names[i])
+        return hex(info->file_hashes[i]);
+    return "-";
+  }
+
   recorded check(const fs_icl *list, fs_disk_list *disks, fs_check_summary *sum,
                  icltest::IclPtr *live = nullptr) {
     recorded r;
@@ -266,14 +301,7 @@ TEST_F(CheckTest, AnUnreadableFileIsReportedAndTheCheckGoesOn) {
     tamper(sys);
     ASSERT_EQ(umount(sys.c_str()), 0);
   }
-  const auto broken =
-      support::run({"debugfs", "-w", "-R", "set_inode_field /victim.txt block[0] 0", dev_});
-  ASSERT_EQ(broken.status, 0) << broken.describe();
-  // Forget what the page cache holds of the device.
-  const int fd = open(dev_.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
-  close(fd);
+  break_blocks("/victim.txt");
   fs_check_summary sum{};
   icltest::IclPtr live;
   const recorded r = check(list.get(), &disks_.list, &sum, &live);
@@ -295,6 +323,79 @@ TEST_F(CheckTest, AnUnreadableFileIsReportedAndTheCheckGoesOn) {
   ASSERT_NE(victim, nullptr);
   EXPECT_EQ(hex(reinterpret_cast<fs_ocl_file_object *>(victim)->hash),
             hex(ocltest::gost(std::string(20000, 'v'))));
+}
+
+// Inside a per-file tree, a file whose data cannot be read is one "unreadable" record in
+// its place among the tree's records, and the rest of the tree is checked. The live tree
+// keeps the baseline's data for it; an unreadable file that the baseline does not have
+// is left out of the live tree.
+TEST_F(CheckTest, AnUnreadableFileInATreeIsReportedAloneAndKeepsItsBaseline) {
+  icltest::IclPtr list = baseline();
+  {
+    const std::string sys = mount_rw();
+    tamper(sys);
+    ASSERT_TRUE(support::write_text(sys + "/sub/z.txt", std::string(9000, 'z')));
+    ASSERT_EQ(umount(sys.c_str()), 0);
+  }
+  break_blocks("/sub/b.txt");
+  break_blocks("/sub/z.txt");
+  fs_check_summary sum{};
+  icltest::IclPtr live;
+  const recorded r = check(list.get(), &disks_.list, &sum, &live);
+  const std::string fields = std::to_string(FS_FIELD_HASH | FS_FIELD_SIZE | FS_FIELD_MTIME);
+  EXPECT_EQ(r.lines, (std::vector<std::string>{
+                         "changed /hello.txt " + fields,
+                         "changed /sub/a.txt " + std::to_string(FS_FIELD_MODE),
+                         "unreadable /sub/b.txt 0 status 1",
+                         "removed /sub/deep 0",
+                         "removed /sub/deep/c.txt 0",
+                         "added /sub/new.txt 0",
+                         "unreadable /sub/z.txt 0 status 1",
+                     }));
+  EXPECT_EQ(sum.errors, 2u);
+  // The old values of b.txt are the baseline's; z.txt has none.
+  ASSERT_EQ(r.changes.size(), 7u);
+  EXPECT_EQ(r.old_hashes[2], hex(ocltest::gost("file b\n")));
+  EXPECT_EQ(r.new_hashes[2], "-");
+  EXPECT_FALSE(r.changes[6].old_values.present);
+  ASSERT_TRUE(live);
+  EXPECT_EQ(tree_hash(live.get(), "/sub", {}, "b.txt"), hex(ocltest::gost("file b\n")));
+  EXPECT_EQ(tree_hash(live.get(), "/sub", {}, "z.txt"), "-");
+  EXPECT_EQ(tree_hash(live.get(), "/sub", {}, "new.txt"), hex(ocltest::gost("new\n")));
+  // Accepting everything keeps b.txt as it was: the next check says the same of it.
+  fs_icl *accepted = nullptr;
+  ASSERT_EQ(fs_icl_accept(list.get(), live.get(), nullptr, nullptr, &accepted), FSIC_OK);
+  icltest::IclPtr now(accepted);
+  EXPECT_EQ(check(now.get(), &disks_.list, nullptr).lines,
+            (std::vector<std::string>{"unreadable /sub/b.txt 0 status 1",
+                                      "unreadable /sub/z.txt 0 status 1"}));
+}
+
+// A subdirectory of a tree whose entries cannot be read is one "unreadable" record, with
+// nothing reported below it; the live tree keeps the baseline's subtree for it.
+TEST_F(CheckTest, AnUnreadableSubdirectoryIsReportedAloneAndKeepsItsBaselineSubtree) {
+  icltest::IclPtr list = baseline();
+  {
+    const std::string sys = mount_rw();
+    ASSERT_TRUE(support::write_text(sys + "/sub/a.txt", "file a, changed\n"));
+    const timespec times[2] = {{1500000000, 0}, {1500000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (sys + "/sub/a.txt").c_str(), times, 0), 0);
+    ASSERT_EQ(umount(sys.c_str()), 0);
+  }
+  break_blocks("/sub/deep");
+  fs_check_summary sum{};
+  icltest::IclPtr live;
+  const recorded r = check(list.get(), &disks_.list, &sum, &live);
+  const std::string fields = std::to_string(FS_FIELD_HASH | FS_FIELD_SIZE | FS_FIELD_MTIME);
+  EXPECT_EQ(r.lines, (std::vector<std::string>{"changed /sub/a.txt " + fields,
+                                               "unreadable /sub/deep 0 status 1"}));
+  EXPECT_EQ(sum.errors, 1u);
+  ASSERT_TRUE(live);
+  EXPECT_EQ(tree_hash(live.get(), "/sub", {"deep"}, "c.txt"), hex(ocltest::gost("file c\n")));
+  // Between the baseline and the live list only the change that was measured remains.
+  recorded c;
+  ASSERT_EQ(fs_icl_compare(list.get(), live.get(), recorded::take, &c, nullptr), FSIC_OK);
+  EXPECT_EQ(c.lines, (std::vector<std::string>{"changed /sub/a.txt " + fields}));
 }
 
 // A file that the system keeps writing while it is checked cannot be measured (13); it

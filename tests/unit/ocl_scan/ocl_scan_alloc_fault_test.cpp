@@ -223,7 +223,8 @@ TEST_F(OclAllocFault, AttributesAndFileHash) {
               Walk buf(t_.root());
               fs_ocl_file_attrs *a = nullptr;
               arm();
-              fsic_status s = _fs_ocl_create_file_attrs_array(buf.get(), buf.fd(), names, 2, &a);
+              fsic_status s =
+                  _fs_ocl_create_file_attrs_array(buf.get(), buf.fd(), names, 2, nullptr, &a);
               disarm();
               EXPECT_EQ(buf.text(), t_.root());
               if (s == 0)

@@ -113,7 +113,7 @@ TEST(OclAttrs, SparseFileOfFourGibPlusFiveBytesThroughTheScanAndTheList) {
   EXPECT_EQ(nsubdirs, 0);
   Walk dir(t.path("d"));
   fs_ocl_file_attrs *fa = nullptr;
-  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), files, nfiles, &fa), 0u);
+  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), files, nfiles, nullptr, &fa), 0u);
   EXPECT_EQ(fa[0].size, 5u);
   free(fa);
   _fs_ocl_free_str_array(files, nfiles);
@@ -226,7 +226,7 @@ TEST(OclAttrs, FileAttrsArrayFollowsTheNames) {
   char *names[] = {const_cast<char *>("c\xff"), const_cast<char *>("a"), const_cast<char *>("b b")};
   Walk dir(t.root());
   fs_ocl_file_attrs *out = nullptr;
-  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), names, 3, &out), 0u);
+  ASSERT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), names, 3, nullptr, &out), 0u);
   ASSERT_NE(out, nullptr);
   EXPECT_EQ(dir.text(), t.root());
   EXPECT_EQ(out[0].mode, static_cast<uint32_t>(S_IFREG | 0755));
@@ -242,7 +242,7 @@ TEST(OclAttrs, AnEmptyNameListGivesANullArray) {
   TempTree t;
   Walk dir(t.root());
   fs_ocl_file_attrs *files = reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8});
-  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), nullptr, 0, &files), 0u);
+  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), nullptr, 0, nullptr, &files), 0u);
   EXPECT_EQ(files, nullptr);
   EXPECT_EQ(dir.text(), t.root());
 }
@@ -265,7 +265,7 @@ TEST(OclAttrs, AFileDeletedAfterTheScanFailsTheWholeArray) {
 
   Walk dir(t.root());
   fs_ocl_file_attrs *fa = reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8});
-  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), files, nfiles, &fa), 1u);
+  EXPECT_EQ(_fs_ocl_create_file_attrs_array(dir.get(), dir.fd(), files, nfiles, nullptr, &fa), 1u);
   EXPECT_EQ(fa, reinterpret_cast<fs_ocl_file_attrs *>(uintptr_t{8}));
   EXPECT_EQ(dir.text(), t.root());
   _fs_ocl_free_str_array(files, nfiles);
