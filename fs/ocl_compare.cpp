@@ -117,7 +117,8 @@ void emit(comparer &c, uint32_t kind, uint32_t fields, const fs_entry_values &ol
   change.fields = fields;
   change.old_values = old_values;
   change.new_values = new_values;
-  c.fn(&change, c.ctx);
+  if (c.fn)
+    c.fn(&change, c.ctx);
 }
 
 void compare_values(comparer &c, const fs_entry_values &a, const fs_entry_values &b) {

@@ -71,7 +71,10 @@ typedef struct fs_check_summary {
   uint64_t errors;  /* unreadable entries and missing volumes */
 } fs_check_summary;
 
-/* Receives each change; `ctx` is the caller's. */
+/*
+ * Receives each change; `ctx` is the caller's. Every function below takes a null `fn`
+ * too: the changes are then only counted in the summary.
+ */
 typedef void (*fs_change_fn)(const fs_change *change, void *ctx);
 
 /*
@@ -113,13 +116,18 @@ FSIC_API fsic_status fs_icl_compare(const fs_icl *old_list, const fs_icl *new_li
  * is one type change (nothing finer is measured); an object that cannot be measured
  * for another reason is one "unreadable" record with that status: 1 (it cannot be read,
  * or cannot even be looked up, as a corrupt inode), 7 (it is neither a file nor a
- * directory now), 13 (it kept changing while it was read), 11, 12. Only memory exhaustion (3) ends
- * the check early; else it returns 0, whatever it found.
+ * directory now), 13 (it kept changing while it was read), 11, 12. Inside a directory
+ * kept per file (EACH_FILE) the same holds entry by entry: a file or subdirectory of
+ * its tree that cannot be measured is one "unreadable" record in its place among the
+ * tree's records (nothing is reported below such a subdirectory), and the rest of the
+ * tree is checked. Only memory exhaustion (3) ends the check early; else it returns 0,
+ * whatever it found.
  *
  * `live` (optional) receives the list of what was measured (free it with
  * fs_icl_destroy): an entry for every volume found and mounted, with every object that
- * is still there, as measured now; an object that could not be measured is carried
- * over from the baseline as it was. It is what fs_icl_accept takes from.
+ * is still there, as measured now; an object, or an entry of a tree, that could not be
+ * measured is carried over from the baseline as it was (an entry that the baseline
+ * does not have is left out). It is what fs_icl_accept takes from.
  */
 FSIC_API fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks, fs_change_fn fn,
                                   void *ctx, fs_check_summary *summary,

@@ -6,13 +6,17 @@
 #ifndef FSIC_TESTS_FAULT_FAULT_TREE_H
 #define FSIC_TESTS_FAULT_FAULT_TREE_H
 
+#include <stdio.h>
 #include <stdlib.h>
+
+#include <algorithm>
 
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include <fsic/check.h>
 #include <fsic/ocl.h>
 
 #include "fault_gtest.h"
@@ -115,6 +119,23 @@ void exercise_create(const std::string &name, fsic_status (*create)(List **),
   };
   fault::expect_exercised(fault::run(op), op);
 }
+
+// The records of a compare or check as text, one line each ("<kind> <entry path>
+// <fields> <status>"), in a fixed buffer: the callback allocates nothing of its own.
+struct record_text {
+  char bytes[8192];
+  size_t used = 0;
+
+  static void take(const fs_change *change, void *ctx) {
+    auto *t = static_cast<record_text *>(ctx);
+    const int n =
+        snprintf(t->bytes + t->used, sizeof t->bytes - t->used, "%u %s %u %u\n", change->kind,
+                 change->entry_path ? change->entry_path : "-", change->fields, change->status);
+    if (n > 0)
+      t->used = std::min(sizeof t->bytes - 1, t->used + static_cast<size_t>(n));
+  }
+  std::string str() const { return std::string(bytes, used); }
+};
 
 // The masks of the tests: "*.txt" and "*.bin".
 inline char *const *test_masks() {

@@ -24,6 +24,7 @@
 #include <fsic/volume_id.h>
 
 #include "fault_gtest.h"
+#include "fault_mounted.h"
 #include "fault_tree.h"
 #include "fs/icl_internal.h"
 #include "fs/volume_id_internal.h"
@@ -429,56 +430,9 @@ TEST_F(FaultIcl, TheDriversRoundTripReportsEachFailure) {
 
 // ---- adds on a mounted volume (root) ----------------------------------------------------
 
-const fs_volume_ops fault_volume_ops = {FS_VOLUME_PARTITION, support::partition_create_id,
-                                        support::test_get_disk_list};
-
-using support::count_mounts_of;
-
-// An ext4 image with the test tree on a loop device, and a disk list of the test's own
-// whose one disk has the image as partition 1.
-class FaultIclMounted : public ::testing::Test {
+// The tree's image on a loop device (fault_mounted.h).
+class FaultIclMounted : public faulttest::mounted_image_suite {
 protected:
-  void SetUp() override {
-    FSIC_REQUIRE_ROOT("mounts an ext4 image on a loop device");
-    ASSERT_TRUE(work_.ok()) << work_.error();
-    const std::string src = work_ / "src";
-    faulttest::make_tree(src + "/tree");
-    const std::string image = work_ / "disk.img";
-    // A fixed directory hash seed: the order in which directories are read, and so the
-    // number of times a path buffer grows, is the same in every run.
-    ASSERT_TRUE(support::make_ext4_image(image, 8 << 20, src,
-                                         {"-U", "0b1c2d3e-6101-4a5b-8c6d-7e8f90a1b2c1", "-E",
-                                          "hash_seed=0b1c2d3e-6102-4a5b-8c6d-7e8f90a1b2c1"}));
-    if (const auto attached = loop_.attach(image); !attached)
-      GTEST_SKIP() << attached.message();
-    dev_ = loop_.node();
-    volume_ =
-        std::make_unique<support::test_volume>(disks_, dev_, "ext4", support::syspath_of(dev_));
-    volume_->part.volume.ops = &fault_volume_ops;
-    list_add_tail(&volume_->part.link, &disks_.disk.partitions);
-  }
-
-  void TearDown() override {
-    if (volume_)
-      support::drop_hold(volume_->volume());
-    support::drop_base_dir(&disks_.list);
-    guard_.clean();
-    loop_.detach();
-  }
-
-  fs_volume *volume() { return volume_->volume(); }
-
-  // Nothing of the mount is left: not held, not mounted, no base directory.
-  void check_released(checks &c) {
-    fs_volume *v = volume();
-    c.equal(v->mount_count, 0, "holds");
-    c.that(v->mount_point == nullptr, "a mount point is kept");
-    c.equal(disks_.list.base_dir_count, 0, "holds on the base directory");
-    c.that(disks_.list.base_dir == nullptr, "a base directory is kept");
-    c.equal(count_mounts_of(dev_), 0, "mounts of the device");
-    c.that(guard_.made_since().empty(), "a base directory was left behind");
-  }
-
   // An add into a list that is empty or already has the volume's entry.
   void exercise_add(const std::string &name, bool entry_exists, const char *path,
                     std::function<fsic_status(fs_icl *, fs_ocl_object **)> add,
@@ -526,13 +480,6 @@ protected:
     };
     fault::expect_exercised(fault::run(op), op);
   }
-
-  support::base_dir_guard guard_;
-  support::temp_dir work_{"fsic-fault-icl", std::nothrow};
-  support::loop_device loop_;
-  std::string dev_;
-  support::serial_disk_list disks_{"FAULT-SER-1"};
-  std::unique_ptr<support::test_volume> volume_;
 };
 
 TEST_F(FaultIclMounted, MountPoint) {
@@ -547,7 +494,7 @@ TEST_F(FaultIclMounted, MountPoint) {
   };
   op.after_success = [&](checks &c, const attempt &) {
     c.equal(volume()->mount_count, 1, "holds");
-    c.equal(count_mounts_of(dev_), 1, "mounts of the device");
+    c.equal(support::count_mounts_of(dev_), 1, "mounts of the device");
     c.that(support::exists(std::string(mount_point) + "/tree/readme.txt"),
            "the volume is not there");
   };

@@ -213,28 +213,19 @@ TEST_F(FaultOcl, CompareTwoLists) {
   EXPECT_EQ(fs_ocl_add_dir(b, base(), "/tree/sub", nullptr, 15, nullptr), FSIC_OK);
   EXPECT_EQ(fs_ocl_add_file(b, base(), "/tree/sub/deeper/and/deeper/file", 12, nullptr),
             FSIC_ERR_UNAVAILABLE);
-  // The records go into a fixed buffer: the callback allocates nothing of its own.
-  struct text {
-    char bytes[4096];
-    size_t used;
-  } got{};
+  faulttest::record_text got;
   std::string reference;
-  auto record = [](const fs_change *change, void *ctx) {
-    auto *t = static_cast<text *>(ctx);
-    const int n = snprintf(t->bytes + t->used, sizeof t->bytes - t->used, "%u %s\n", change->kind,
-                           change->entry_path);
-    if (n > 0)
-      t->used = std::min(sizeof t->bytes - 1, t->used + static_cast<size_t>(n));
-  };
   operation op;
   op.name = "fs_ocl_compare";
   op.setup = [&] { got.used = 0; };
-  op.call = [&] { return fs_ocl_compare(a, b, nullptr, record, &got, nullptr); };
+  op.call = [&] {
+    return fs_ocl_compare(a, b, nullptr, faulttest::record_text::take, &got, nullptr);
+  };
   op.after_failure = [&](checks &c, const attempt &at) {
     c.equal(at.status, FSIC_ERR_NO_MEMORY, "status");
   };
   op.after_success = [&](checks &c, const attempt &) {
-    const std::string now(got.bytes, got.used);
+    const std::string now = got.str();
     if (reference.empty())
       reference = now;
     c.that(now == reference, "the records differ from an undisturbed compare's");

@@ -374,6 +374,10 @@ TEST_P(OclCompareModel, ReportsExactlyTheMutationsInPathOrder) {
     EXPECT_EQ(r.lines, expected) << "flags " << flags << ", round " << round;
     EXPECT_EQ(sum.objects, 1u);
     EXPECT_EQ(sum.added + sum.removed + sum.changed, r.lines.size());
+    // Without a callback the changes are only counted.
+    fs_check_summary counted{};
+    ASSERT_EQ(fs_ocl_compare(a.p, b.p, nullptr, nullptr, nullptr, &counted), FSIC_OK);
+    EXPECT_EQ(memcmp(&counted, &sum, sizeof sum), 0);
     if (HasFailure())
       return;
   }
