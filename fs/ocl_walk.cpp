@@ -136,9 +136,13 @@ fsic_status _fs_ocl_open_object(fs_ocl_walk *w, int flags, mode_t type, int *fd,
     return FSIC_ERR_NO_MEMORY;
   // An object that is there, of its kind, but cannot be opened (no permission to read
   // it) is a failure to read, not a missing object.
-  if (flags != O_PATH && open_from_root(w, O_PATH, nullptr, st) == 0 &&
-      (st->st_mode & S_IFMT) == type)
-    return FSIC_ERR_FAILED;
+  if (flags != O_PATH) {
+    rc = open_from_root(w, O_PATH, nullptr, st);
+    if (rc == -ENOMEM)
+      return FSIC_ERR_NO_MEMORY;
+    if (rc == 0 && (st->st_mode & S_IFMT) == type)
+      return FSIC_ERR_FAILED;
+  }
   return FSIC_ERR_UNAVAILABLE;
 }
 
