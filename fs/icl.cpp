@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "fs/icl_internal.h"
+#include "fs/ocl_internal.h"
 #include "util/owner.h"
 
 namespace {
@@ -42,7 +43,8 @@ fsic_status create_volume2(fs_icl *list, fs_volume *volume, fs_icl_volume **out)
 }
 
 // Finds or makes the volume's entry, holds the volume's mount for the length of
-// `add`, and drops an entry made here when the add fails.
+// `add`, and drops an entry made here when the add fails. The add counts its files in
+// the list's progress, when it has a callback.
 template <typename Add>
 fsic_status add_object(fs_icl *list, fs_volume *volume, const char *path, Add add) noexcept {
   if (path[0] != '/')
@@ -58,7 +60,13 @@ fsic_status add_object(fs_icl *list, fs_volume *volume, const char *path, Add ad
   const char *mount_point;
   status = fs_volume_get_mount_point(volume, &mount_point);
   if (status == FSIC_OK) {
-    status = add(entry->ocl, mount_point);
+    fs_ocl_progress progress = {list->progress_fn, list->progress_ctx, {}, 0};
+    const fs_ocl_measure measure = {nullptr, progress.fn ? &progress : nullptr};
+    if (measure.progress)
+      _fs_ocl_progress_begin(&progress);
+    status = add(entry->ocl, mount_point, &measure);
+    if (measure.progress)
+      _fs_ocl_progress_end(&progress);
     fs_volume_release_mount_point(volume);
     if (status == FSIC_OK)
       return FSIC_OK;
@@ -108,6 +116,12 @@ extern "C" fsic_status fs_icl_create(fs_icl **out) noexcept {
   return FSIC_OK;
 }
 
+extern "C" fsic_status fs_icl_set_progress(fs_icl *list, fs_progress_fn fn, void *ctx) noexcept {
+  list->progress_fn = fn;
+  list->progress_ctx = ctx;
+  return FSIC_OK;
+}
+
 extern "C" void fs_icl_destroy(fs_icl *list) noexcept {
   if (!list)
     return;
@@ -119,17 +133,19 @@ extern "C" void fs_icl_destroy(fs_icl *list) noexcept {
 
 extern "C" fsic_status fs_icl_add_file(fs_icl *list, fs_volume *volume, const char *path,
                                        uint32_t flags, fs_ocl_object **out) noexcept {
-  return add_object(list, volume, path, [&](fs_ocl *ocl, const char *mount_point) noexcept {
-    return fs_ocl_add_file(ocl, mount_point, path, flags, out);
-  });
+  return add_object(list, volume, path,
+                    [&](fs_ocl *ocl, const char *mount_point, const fs_ocl_measure *m) noexcept {
+                      return _fs_ocl_add_file_with(ocl, mount_point, path, flags, m, out);
+                    });
 }
 
 extern "C" fsic_status fs_icl_add_dir(fs_icl *list, fs_volume *volume, const char *path,
                                       char *const *masks, uint32_t flags,
                                       fs_ocl_object **out) noexcept {
-  return add_object(list, volume, path, [&](fs_ocl *ocl, const char *mount_point) noexcept {
-    return fs_ocl_add_dir(ocl, mount_point, path, masks, flags, out);
-  });
+  return add_object(list, volume, path,
+                    [&](fs_ocl *ocl, const char *mount_point, const fs_ocl_measure *m) noexcept {
+                      return _fs_ocl_add_dir_with(ocl, mount_point, path, masks, flags, m, out);
+                    });
 }
 
 extern "C" fs_ocl_object *fs_icl_find_object(fs_icl *list, const fs_volume_id *id,

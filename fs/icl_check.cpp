@@ -20,13 +20,15 @@ using icl_owner = fsic::detail::owner<fs_icl, fs_icl_destroy>;
 using id_owner = fsic::detail::owner<fs_volume_id, fs_volume_id_destroy>;
 
 // Measures the object again under `base` into `live`; the entries of a per-file tree
-// that cannot be measured go to `set`.
+// that cannot be measured go to `set`, and each file measured counts in `progress`.
 fsic_status measure(fs_ocl *live, const char *base, const fs_ocl_object *obj,
-                    fs_ocl_unreadable_set *set, fs_ocl_object **out) noexcept {
+                    fs_ocl_unreadable_set *set, fs_ocl_progress *progress,
+                    fs_ocl_object **out) noexcept {
+  const fs_ocl_measure m = {set, progress};
   if (obj->type == FS_OCL_FILE)
-    return fs_ocl_add_file(live, base, obj->path, obj->flags, out);
+    return _fs_ocl_add_file_with(live, base, obj->path, obj->flags, &m, out);
   auto *dir = reinterpret_cast<const fs_ocl_dir_object *>(obj);
-  return _fs_ocl_add_dir_tolerant(live, base, obj->path, dir->masks, obj->flags, set, out);
+  return _fs_ocl_add_dir_with(live, base, obj->path, dir->masks, obj->flags, &m, out);
 }
 
 // Compares a measured object with the baseline's; entries of its tree that could not be
@@ -91,7 +93,7 @@ fsic_status live_entry(fs_icl *live, const fs_icl_volume *entry, fs_icl_volume *
 // it was measured. An object that is gone (7) is removed; one that cannot be measured
 // otherwise is unreadable, and the rest goes on. 0, or 3.
 fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *volume,
-                         fs_icl *live_list) noexcept {
+                         fs_icl *live_list, fs_ocl_progress *progress) noexcept {
   const char *base;
   const fsic_status held = fs_volume_get_mount_point(volume, &base);
   if (held == FSIC_ERR_NO_MEMORY)
@@ -108,7 +110,7 @@ fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *vol
        obj = fs_ocl_next_object(obj)) {
     fs_ocl_object *now = nullptr;
     set.count = 0;
-    const fsic_status got = measure(live, base, obj, &set, &now);
+    const fsic_status got = measure(live, base, obj, &set, progress, &now);
     if (got == FSIC_ERR_NO_MEMORY)
       status = got;
     else if (got == FSIC_OK)
@@ -123,6 +125,40 @@ fsic_status check_volume(comparer &c, const fs_icl_volume *entry, fs_volume *vol
   return status;
 }
 
+// ---- progress ----
+
+// The files of a per-file tree, and the bytes of those whose sizes it keeps when their
+// contents are hashed (`data`).
+void add_tree_totals(const fs_ocl_dir_info *info, bool data, fs_progress *p) noexcept {
+  p->files_total += static_cast<uint64_t>(info->file_count);
+  if (data && info->file_attrs)
+    for (int i = 0; i < info->file_count; i++)
+      p->bytes_total += info->file_attrs[i].size;
+  for (int i = 0; i < info->subdir_count; i++)
+    add_tree_totals(info->subdir_infos[i], data, p);
+}
+
+// What the baseline says a check will measure (see fs_progress).
+void count_totals(const fs_icl *baseline, fs_progress *p) noexcept {
+  auto *list = const_cast<fs_icl *>(baseline);
+  for (fs_icl_volume *e = fs_icl_first_volume(list); e; e = fs_icl_next_volume(list, e)) {
+    if (_fs_icl_find_volume(baseline, e->id) != e)
+      continue;
+    for (fs_ocl_object *obj = fs_ocl_first_object(e->ocl); obj; obj = fs_ocl_next_object(obj)) {
+      const bool data = (obj->flags & CONTROL_DATA) != 0;
+      if (obj->type == FS_OCL_FILE) {
+        const auto *file = reinterpret_cast<const fs_ocl_file_object *>(obj);
+        p->files_total++;
+        if (data && file->attrs)
+          p->bytes_total += file->attrs->size;
+      } else if ((obj->flags & EACH_FILE) &&
+                 reinterpret_cast<const fs_ocl_dir_object *>(obj)->info) {
+        add_tree_totals(reinterpret_cast<const fs_ocl_dir_object *>(obj)->info, data, p);
+      }
+    }
+  }
+}
+
 } // namespace
 
 extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks, fs_change_fn fn,
@@ -134,6 +170,12 @@ extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks,
   comparer c = {};
   c.fn = fn;
   c.ctx = ctx;
+  fs_ocl_progress progress = {baseline->progress_fn, baseline->progress_ctx, {}, 0};
+  fs_ocl_progress *counted = progress.fn ? &progress : nullptr;
+  if (counted) {
+    count_totals(baseline, &progress.now);
+    _fs_ocl_progress_begin(counted);
+  }
   fsic_status status = FSIC_OK;
   auto *list = const_cast<fs_icl *>(baseline);
   for (fs_icl_volume *e = fs_icl_first_volume(list); e && status == FSIC_OK;
@@ -146,8 +188,10 @@ extern "C" fsic_status fs_icl_check(const fs_icl *baseline, fs_disk_list *disks,
       fsic::detail::report_volume(c, FS_CHANGE_VOLUME_MISSING, FSIC_OK);
       continue;
     }
-    status = check_volume(c, e, volume, live.get());
+    status = check_volume(c, e, volume, live.get(), counted);
   }
+  if (counted)
+    _fs_ocl_progress_end(counted);
   fsic::detail::comparer_free(c);
   if (summary)
     *summary = c.sum;

@@ -87,6 +87,8 @@ fsic_status fill_file(fs_ocl_file_object *obj, fs_ocl_walk *w) noexcept {
       return FSIC_ERR_NO_MEMORY;
     _fs_ocl_stat_to_file_attrs(&st, obj->attrs);
   }
+  _fs_ocl_walk_file_done(w, nullptr,
+                         (flags & CONTROL_DATA) ? static_cast<uint64_t>(st.st_size) : 0);
   return FSIC_OK;
 }
 
@@ -116,12 +118,17 @@ fsic_status fill_dir(fs_ocl_dir_object *obj, fs_ocl_walk *w) noexcept {
   return _fs_ocl_create_dir_hash(w, fd, obj->masks, flags, obj->hash);
 }
 
-// Fills a started object through `fill` with a walk from `base`, and links it.
+// Fills a started object through `fill` with a walk from `base` that measures as `m`
+// says (null: as an add does), and links it.
 template <typename Fill>
-fsic_status finish_object(fs_ocl *ocl, object_owner obj, const char *base, Fill fill,
-                          fs_ocl_object **out) noexcept {
+fsic_status finish_object(fs_ocl *ocl, object_owner obj, const char *base, const fs_ocl_measure *m,
+                          Fill fill, fs_ocl_object **out) noexcept {
   fs_ocl_walk w;
   FSIC_TRY(_fs_ocl_walk_init(&w, base, obj->path));
+  if (m) {
+    w.unreadable = m->unreadable;
+    w.progress = m->progress;
+  }
   fsic_status status = fill(&w);
   _fs_ocl_walk_free(&w);
   if (status != FSIC_OK)
@@ -181,35 +188,36 @@ void _fs_ocl_add_object(fs_ocl *ocl, fs_ocl_object *obj) noexcept {
   ocl->count++;
 }
 
-fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path, uint32_t flags,
-                            fs_ocl_object **out) noexcept {
+fsic_status _fs_ocl_add_file_with(fs_ocl *ocl, const char *base, const char *path, uint32_t flags,
+                                  const fs_ocl_measure *m, fs_ocl_object **out) noexcept {
   object_owner obj;
   FSIC_TRY(start_object(sizeof(fs_ocl_file_object), path, FS_OCL_FILE, flags, &obj));
   auto *file = reinterpret_cast<fs_ocl_file_object *>(obj.get());
   return finish_object(
-      ocl, std::move(obj), base, [&](fs_ocl_walk *w) noexcept { return fill_file(file, w); }, out);
+      ocl, std::move(obj), base, m, [&](fs_ocl_walk *w) noexcept { return fill_file(file, w); },
+      out);
 }
 
-fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char *const *masks,
-                           uint32_t flags, fs_ocl_object **out) noexcept {
-  return _fs_ocl_add_dir_tolerant(ocl, base, path, masks, flags, nullptr, out);
-}
-
-fsic_status _fs_ocl_add_dir_tolerant(fs_ocl *ocl, const char *base, const char *path,
-                                     char *const *masks, uint32_t flags, fs_ocl_unreadable_set *set,
-                                     fs_ocl_object **out) noexcept {
+fsic_status _fs_ocl_add_dir_with(fs_ocl *ocl, const char *base, const char *path,
+                                 char *const *masks, uint32_t flags, const fs_ocl_measure *m,
+                                 fs_ocl_object **out) noexcept {
   object_owner obj;
   FSIC_TRY(start_object(sizeof(fs_ocl_dir_object), path, FS_OCL_DIR, flags, &obj));
   auto *dir = reinterpret_cast<fs_ocl_dir_object *>(obj.get());
   if (masks && !(dir->masks = ic_str_zarray_copy(masks)))
     return FSIC_ERR_NO_MEMORY;
   return finish_object(
-      ocl, std::move(obj), base,
-      [&](fs_ocl_walk *w) noexcept {
-        w->unreadable = set;
-        return fill_dir(dir, w);
-      },
-      out);
+      ocl, std::move(obj), base, m, [&](fs_ocl_walk *w) noexcept { return fill_dir(dir, w); }, out);
+}
+
+fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *path, uint32_t flags,
+                            fs_ocl_object **out) noexcept {
+  return _fs_ocl_add_file_with(ocl, base, path, flags, nullptr, out);
+}
+
+fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path, char *const *masks,
+                           uint32_t flags, fs_ocl_object **out) noexcept {
+  return _fs_ocl_add_dir_with(ocl, base, path, masks, flags, nullptr, out);
 }
 
 fs_ocl_object *fs_ocl_find_object(fs_ocl *ocl, const char *path) noexcept {

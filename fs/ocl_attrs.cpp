@@ -46,11 +46,13 @@ fsic_status _fs_ocl_create_file_attrs_array(fs_ocl_walk *w, int dir, char *const
     if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
       array.get()[i] = fs_ocl_file_attrs{};
       FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, level, i, 0, status));
+      _fs_ocl_walk_file_done(w, names[i], 0);
       continue;
     }
     if (status != FSIC_OK)
       return status;
     _fs_ocl_stat_to_file_attrs(&st, &array.get()[i]);
+    _fs_ocl_walk_file_done(w, names[i], 0);
   }
   *out = array.release();
   return FSIC_OK;

@@ -63,12 +63,14 @@ fsic_status fill_file_hashes(fs_ocl_walk *w, int dir, fs_ocl_dir_info *info,
       if (with_attrs)
         info->file_attrs[i] = fs_ocl_file_attrs{};
       FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, info, i, 0, status));
+      _fs_ocl_walk_file_done(w, info->file_names[i], 0);
       continue;
     }
     if (status != FSIC_OK)
       return status;
     if (with_attrs)
       _fs_ocl_stat_to_file_attrs(&st, &info->file_attrs[i]);
+    _fs_ocl_walk_file_done(w, info->file_names[i], static_cast<uint64_t>(st.st_size));
   }
   return FSIC_OK;
 }

@@ -149,6 +149,7 @@ fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, const cha
     _fs_ocl_stat_to_file_attrs(&st, &attrs);
     feed_file_attrs(ctx, &attrs);
   }
+  _fs_ocl_walk_file_done(w, name, (flags & CONTROL_DATA) ? static_cast<uint64_t>(st.st_size) : 0);
   return FSIC_OK;
 }
 

@@ -8,6 +8,7 @@
 
 #include <fsic/buffer.h>
 #include <fsic/ocl.h>
+#include <fsic/progress.h>
 
 #include "util/str_buf.h"
 
@@ -16,6 +17,7 @@ FSIC_BEGIN_DECLS
 // ---- resolution under the base ----
 
 struct fs_ocl_unreadable_set;
+struct fs_ocl_progress;
 
 // Where the paths of one add resolve, and the full name of what is being worked on.
 // With a base every path, link and ".." resolves with the base as the root and mounts
@@ -28,6 +30,8 @@ typedef struct fs_ocl_walk {
   // A check's walk: entries of a directory info that cannot be measured are noted here
   // and the walk goes on (see below); null for an add, which fails instead.
   struct fs_ocl_unreadable_set *unreadable;
+  // The progress to count each file measured in; null: none.
+  struct fs_ocl_progress *progress;
 } fs_ocl_walk;
 
 // Starts a walk for the object `path` under `base` (nullptr: the running system).
@@ -147,10 +151,49 @@ fsic_status _fs_ocl_unreadable_apply(fs_ocl_unreadable_set *set, fs_ocl_dir_info
                                      uint32_t flags) FSIC_NOEXCEPT;
 void _fs_ocl_unreadable_free(fs_ocl_unreadable_set *set) FSIC_NOEXCEPT;
 
-// fs_ocl_add_dir() for a check: the entries that cannot be measured go to `set`.
-fsic_status _fs_ocl_add_dir_tolerant(fs_ocl *ocl, const char *base, const char *path,
-                                     char *const *masks, uint32_t flags, fs_ocl_unreadable_set *set,
-                                     fs_ocl_object **out) FSIC_NOEXCEPT;
+// ---- progress ----
+
+// The progress of one add or check, reported through `fn` (see <fsic/progress.h>).
+typedef struct fs_ocl_progress {
+  fs_progress_fn fn;
+  void *ctx;
+  fs_progress now;
+  int64_t last_ms; // when `fn` was called last, or the work began (CLOCK_MONOTONIC_COARSE)
+} fs_ocl_progress;
+
+// Starts counting from 0 (the totals stay as set).
+void _fs_ocl_progress_begin(fs_ocl_progress *pr) FSIC_NOEXCEPT;
+// Counts one file measured: the entry `name` of the directory that `w` names, or, with
+// `name` null, the file that `w` names; `bytes` of its contents were read. Reports when
+// 100 ms have passed since the last report.
+void _fs_ocl_progress_file(fs_ocl_progress *pr, const fs_ocl_walk *w, const char *name,
+                           uint64_t bytes) FSIC_NOEXCEPT;
+// The last report, with a null path.
+void _fs_ocl_progress_end(fs_ocl_progress *pr) FSIC_NOEXCEPT;
+
+// Counts a file measured by the walk, when it counts progress.
+static inline void _fs_ocl_walk_file_done(const fs_ocl_walk *w, const char *name,
+                                          uint64_t bytes) FSIC_NOEXCEPT {
+  if (w->progress)
+    _fs_ocl_progress_file(w->progress, w, name, bytes);
+}
+
+// ---- adds with options ----
+
+// How an add measures, beyond what the public adds do (either member may be null): a
+// check's entries of per-file trees that cannot be measured go to `unreadable` (see
+// above), and each file measured counts in `progress`.
+typedef struct fs_ocl_measure {
+  fs_ocl_unreadable_set *unreadable;
+  fs_ocl_progress *progress;
+} fs_ocl_measure;
+
+// fs_ocl_add_file() and fs_ocl_add_dir() measuring as `m` says (null: as they do).
+fsic_status _fs_ocl_add_file_with(fs_ocl *ocl, const char *base, const char *path, uint32_t flags,
+                                  const fs_ocl_measure *m, fs_ocl_object **out) FSIC_NOEXCEPT;
+fsic_status _fs_ocl_add_dir_with(fs_ocl *ocl, const char *base, const char *path,
+                                 char *const *masks, uint32_t flags, const fs_ocl_measure *m,
+                                 fs_ocl_object **out) FSIC_NOEXCEPT;
 
 // ---- the container ----
 

@@ -114,6 +114,7 @@ fsic_status _fs_ocl_walk_init(fs_ocl_walk *w, const char *base, const char *path
   w->root_fd = root.fd;
   w->confined = root.confined;
   w->unreadable = nullptr;
+  w->progress = nullptr;
   return FSIC_OK;
 }
 

@@ -13,6 +13,7 @@
 #include <fsic/log.h>
 #include <fsic/mount.h>
 #include <fsic/ocl.h>
+#include <fsic/progress.h>
 #include <fsic/rbtree.h>
 #include <fsic/util.h>
 #include <fsic/volume_id.h>

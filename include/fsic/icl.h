@@ -19,6 +19,7 @@
 #include <fsic/disk_list.h>
 #include <fsic/list.h>
 #include <fsic/ocl.h>
+#include <fsic/progress.h>
 #include <fsic/volume_id.h>
 
 FSIC_BEGIN_DECLS
@@ -26,6 +27,9 @@ FSIC_BEGIN_DECLS
 typedef struct fs_icl {
   list_head volumes; /* fs_icl_volume entries, newest first */
   uint32_t count;    /* number of entries */
+  /* The progress callback of adds and checks (fs_icl_set_progress); NULL: none. */
+  fs_progress_fn progress_fn;
+  void *progress_ctx;
 } fs_icl;
 
 typedef struct fs_icl_volume {
@@ -36,6 +40,14 @@ typedef struct fs_icl_volume {
 
 /* An empty list: 0, or 3. */
 FSIC_API fsic_status fs_icl_create(fs_icl **out) FSIC_NOEXCEPT;
+
+/*
+ * Sets the callback that reports the progress of adds into `list` and of checks of it
+ * (fs_icl_check); `fn` NULL, the default, reports nothing and costs nothing. Each add
+ * and each check counts from 0 (see <fsic/progress.h>). A list read from a blob or made
+ * by an accept has none. Always 0.
+ */
+FSIC_API fsic_status fs_icl_set_progress(fs_icl *list, fs_progress_fn fn, void *ctx) FSIC_NOEXCEPT;
 
 /* Destroys every entry (its list and identifier) and the list. */
 FSIC_API void fs_icl_destroy(fs_icl *list) FSIC_NOEXCEPT;

@@ -425,6 +425,62 @@ TEST_F(CheckTest, AFileRewrittenDuringTheCheckIsReportedAndTheCheckGoesOn) {
   EXPECT_EQ(sum.objects, 3u);
 }
 
+// ---- progress ------------------------------------------------------------------------
+
+struct progress_calls {
+  std::vector<fs_progress> calls;
+  std::vector<std::string> paths;
+  static void take(const fs_progress *p, void *ctx) {
+    auto *r = static_cast<progress_calls *>(ctx);
+    r->calls.push_back(*p);
+    r->paths.push_back(p->path ? p->path : "(end)");
+  }
+};
+
+// Each add and each check counts its files and bytes from 0 and ends with a call whose
+// path is null; a check's totals come from the baseline.
+TEST_F(CheckTest, ProgressCountsTheFilesAndBytesOfEachAddAndCheck) {
+  icltest::IclPtr list = icltest::new_icl();
+  progress_calls r;
+  ASSERT_EQ(fs_icl_set_progress(list.get(), progress_calls::take, &r), FSIC_OK);
+  ASSERT_EQ(fs_icl_add_file(list.get(), volume_->volume(), "/hello.txt", kFileFlags, nullptr),
+            FSIC_OK);
+  ASSERT_FALSE(r.calls.empty());
+  EXPECT_EQ(r.paths.back(), "(end)");
+  EXPECT_EQ(r.calls.back().files, 1u);
+  EXPECT_EQ(r.calls.back().bytes, 6u);
+  EXPECT_EQ(r.calls.back().files_total, 0u);
+
+  r = {};
+  ASSERT_EQ(fs_icl_add_dir(list.get(), volume_->volume(), "/sub", nullptr, kTreeFlags, nullptr),
+            FSIC_OK);
+  ASSERT_FALSE(r.calls.empty());
+  EXPECT_EQ(r.paths.back(), "(end)");
+  EXPECT_EQ(r.calls.back().files, 3u);
+  EXPECT_EQ(r.calls.back().bytes, 21u);
+
+  r = {};
+  const recorded changes = check(list.get(), &disks_.list, nullptr);
+  EXPECT_TRUE(changes.lines.empty());
+  ASSERT_FALSE(r.calls.empty());
+  EXPECT_EQ(r.paths.back(), "(end)");
+  const fs_progress &last = r.calls.back();
+  EXPECT_EQ(last.files, 4u);
+  EXPECT_EQ(last.bytes, 27u);
+  EXPECT_EQ(last.files_total, 4u);
+  EXPECT_EQ(last.bytes_total, 27u);
+  // Every call before the last names a file of the volume, and the counts only grow.
+  for (size_t i = 0; i + 1 < r.calls.size(); i++) {
+    EXPECT_EQ(r.paths[i].rfind('/', 0), 0u) << r.paths[i];
+    EXPECT_LE(r.calls[i].files, r.calls[i + 1].files);
+  }
+  // A list without a callback reports nothing.
+  r = {};
+  ASSERT_EQ(fs_icl_set_progress(list.get(), nullptr, nullptr), FSIC_OK);
+  check(list.get(), &disks_.list, nullptr);
+  EXPECT_TRUE(r.calls.empty());
+}
+
 // ---- accepting --------------------------------------------------------------------
 
 TEST_F(CheckTest, AcceptingOnePathLeavesEveryOtherDifference) {
