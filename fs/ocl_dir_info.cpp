@@ -20,22 +20,6 @@ using namespace fsic::detail;
 
 using info_owner = owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 
-// The content hash of the file `name` of the directory `dir`, and in `st` the stat that
-// describes the bytes hashed. Anything but a regular file (a FIFO or device swapped in
-// after the scan) is not read (1).
-fsic_status hash_file(fs_ocl_walk *w, int dir, const char *name, uint8_t hash[FS_OCL_HASH_SIZE],
-                      struct stat *st) noexcept {
-  int fd;
-  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, &fd, st);
-  if (status == FSIC_ERR_UNAVAILABLE)
-    return FSIC_ERR_FAILED;
-  if (status != FSIC_OK)
-    return status;
-  status = S_ISREG(st->st_mode) ? _fs_ocl_fd_hash(fd, hash, st) : FSIC_ERR_FAILED;
-  close(fd);
-  return status;
-}
-
 // The content hashes of the info's files (whose names it holds) in the directory `dir`
 // and, with `with_attrs`, their attributes from the stats that describe the bytes
 // hashed.
@@ -56,7 +40,8 @@ fsic_status fill_file_hashes(fs_ocl_walk *w, int dir, fs_ocl_dir_info *info,
   }
   for (int i = 0; i < count; ++i) {
     struct stat st;
-    const fsic_status status = hash_file(w, dir, info->file_names[i], info->file_hashes[i], &st);
+    const fsic_status status =
+        _fs_ocl_hash_entry(w, dir, info->file_names[i], info->file_hashes[i], &st);
     if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
       // A check notes the file and goes on; its values are not taken.
       memset(info->file_hashes[i], 0, FS_OCL_HASH_SIZE);

@@ -133,13 +133,8 @@ fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, const cha
 
   struct stat st;
   if (flags & CONTROL_DATA) {
-    int fd;
-    FSIC_TRY(open_file(w, dir, name, &fd, &st));
     uint8_t hash[FS_OCL_HASH_SIZE];
-    fsic_status status = _fs_ocl_fd_hash(fd, hash, &st);
-    close(fd);
-    if (status != FSIC_OK)
-      return status;
+    FSIC_TRY(_fs_ocl_hash_entry(w, dir, name, hash, &st));
     gost_r3411_94_update(ctx, hash, sizeof hash);
   } else {
     FSIC_TRY(stat_file(w, dir, name, &st));
@@ -242,6 +237,15 @@ fsic_status _create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32
 } // namespace
 
 extern "C" {
+
+fsic_status _fs_ocl_hash_entry(fs_ocl_walk *w, int dir, const char *name,
+                               uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) noexcept {
+  int fd;
+  FSIC_TRY(open_file(w, dir, name, &fd, st));
+  const fsic_status status = _fs_ocl_fd_hash(fd, hash, st);
+  close(fd);
+  return status;
+}
 
 fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) noexcept {
   gost_r3411_94_ctx *ctx = gost_r3411_94_create_context();

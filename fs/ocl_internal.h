@@ -95,6 +95,12 @@ void _fs_ocl_free_str_array(char **names, int count) FSIC_NOEXCEPT;
 // than its size, is read again, up to 3 times. 0, 1 (no context, a read error), 13 (it
 // kept changing).
 fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) FSIC_NOEXCEPT;
+// The content hash of the entry `name` of the directory open on `dir` (whose full name
+// `w` holds), opened for reading as a regular file only (anything else, or one on
+// another mount, is 1), and in `st` the stat that describes the bytes hashed. 0, 1, 3,
+// 11, 12, 13.
+fsic_status _fs_ocl_hash_entry(fs_ocl_walk *w, int dir, const char *name,
+                               uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) FSIC_NOEXCEPT;
 // The directory hash of the directory open on `dir`, whose full name `w` holds (the
 // name is extended and cut back while descending, and ends as it began).
 fsic_status _fs_ocl_create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,
