@@ -5,11 +5,14 @@
 # guest scenarios, which keep one core busy for minutes, run in the background from the
 # moment the release is built, beside the other builds and tests (they touch no device
 # of this machine); their output follows the clang run. The sanitizer run comes last,
-# so ctest's summary ends the output.
+# so ctest's summary ends the output. ctest runs as many tests at once as there are
+# cores (tests that share devices and mounts are marked to run alone).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh --guest || exit 1
+
+jobs=$(nproc)
 
 build() {
   echo "=== configure and build: $1"
@@ -31,15 +34,15 @@ done
 
 status=0
 echo "=== tests: release"
-ctest --preset ci-release -LE system || status=1
+ctest --preset ci-release -LE system -j "$jobs" || status=1
 echo "=== tests: 32-bit"
-ctest --preset ci-m32 || status=1
+ctest --preset ci-m32 -j "$jobs" || status=1
 echo "=== tests: clang"
-ctest --preset ci-clang || status=1
+ctest --preset ci-clang -j "$jobs" || status=1
 echo "=== tests: release, qemu guest scenarios"
 wait $guests || status=1
 guests=
 cat "$guest_log"
 echo "=== tests: sanitizers"
-ctest --preset ci-debug || status=1
+ctest --preset ci-debug -j "$jobs" || status=1
 exit $status
