@@ -4,7 +4,7 @@
 
 #include "fs/icl_internal.h"
 #include "fs/ocl_internal.h"
-#include "fs/volume_id_internal.h"
+#include <fsic/volume_id.h>
 
 namespace {
 
@@ -15,7 +15,7 @@ constexpr uint32_t kMinEntrySize = 6 + FS_OCL_MIN_LIST_SIZE;
 // Reads one entry and puts it at the front of the list.
 fsic_status read_volume(rb *buf, fs_icl *list) noexcept {
   fs_volume_id *id;
-  fsic_status status = _fs_read_volume_id_from_rbuf(buf, &id);
+  fsic_status status = fs_volume_id_read_from_rbuf(buf, &id);
   if (status != FSIC_OK)
     return status;
   fs_ocl *ocl;
@@ -40,7 +40,7 @@ extern "C" fsic_status fs_icl_write_to_wbuf(const fs_icl *list, wb *buf) noexcep
   for (const list_head *pos = list->volumes.next; status == FSIC_OK && pos != &list->volumes;
        pos = pos->next) {
     const fs_icl_volume *entry = list_entry(pos, fs_icl_volume, link);
-    status = _fs_write_volume_id_to_rbuf(entry->id, buf);
+    status = fs_volume_id_write_to_wbuf(entry->id, buf);
     if (status == FSIC_OK)
       status = _fs_ocl_write_to_wbuf(entry->ocl, buf);
   }

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fs/volume_id_internal.h"
 #include "util/owner.h"
 
 namespace {
@@ -303,11 +302,11 @@ extern "C" int32_t fs_volume_id_compare(const fs_volume_id *a, const fs_volume_i
 
 extern "C" void fs_volume_id_destroy(fs_volume_id *id) noexcept { id->ops->destroy(id); }
 
-extern "C" fsic_status _fs_write_volume_id_to_rbuf(const fs_volume_id *id, wb *buf) noexcept {
+extern "C" fsic_status fs_volume_id_write_to_wbuf(const fs_volume_id *id, wb *buf) noexcept {
   return id->ops->write(id, buf);
 }
 
-extern "C" fsic_status _fs_read_volume_id_from_rbuf(rb *buf, fs_volume_id **out) noexcept {
+extern "C" fsic_status fs_volume_id_read_from_rbuf(rb *buf, fs_volume_id **out) noexcept {
   uint16_t kind;
   fsic_status status = rb_read_uint16(buf, &kind);
   if (status != FSIC_OK)

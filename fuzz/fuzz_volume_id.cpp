@@ -1,4 +1,4 @@
-// Fuzz target: the volume-identifier record (_fs_read_volume_id_from_rbuf and the
+// Fuzz target: the volume-identifier record (fs_volume_id_read_from_rbuf and the
 // kinds' write operations).
 //
 // Properties, for every input b:
@@ -20,7 +20,6 @@
 #include <fsic/volume_id.h>
 
 #include "blob_model.h"
-#include "fs/volume_id_internal.h"
 #include "fuzz_check.h"
 
 namespace {
@@ -30,7 +29,7 @@ fs_volume_id *const kUntouched = reinterpret_cast<fs_volume_id *>(0x5a5a5a5a);
 fuzz::Bytes write_id(const fs_volume_id *id) {
   wb buf;
   FUZZ_CHECK(wb_init(&buf, 0) == FSIC_OK);
-  FUZZ_CHECK(_fs_write_volume_id_to_rbuf(id, &buf) == FSIC_OK);
+  FUZZ_CHECK(fs_volume_id_write_to_wbuf(id, &buf) == FSIC_OK);
   fuzz::Bytes out(buf.data, buf.data + buf.used);
   wb_finalize(&buf, 1);
   return out;
@@ -57,7 +56,7 @@ Read read_at(const uint8_t *data, size_t size, size_t offset) {
   rb_init(&buf, data, static_cast<uint32_t>(size));
   buf.pos = static_cast<uint32_t>(offset);
   r.id = kUntouched;
-  r.status = _fs_read_volume_id_from_rbuf(&buf, &r.id);
+  r.status = fs_volume_id_read_from_rbuf(&buf, &r.id);
   r.end = buf.pos;
 
   FUZZ_CHECK(r.status == r.model_status);

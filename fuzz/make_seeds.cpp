@@ -25,7 +25,6 @@
 
 #include "blob_model.h"
 #include "fs/icl_internal.h"
-#include "fs/volume_id_internal.h"
 
 namespace {
 
@@ -80,7 +79,7 @@ Bytes icl_blob(const fs_icl *icl) {
 
 Bytes id_blob(const fs_volume_id *id) {
   wb buf;
-  if (wb_init(&buf, 0) != FSIC_OK || _fs_write_volume_id_to_rbuf(id, &buf) != FSIC_OK)
+  if (wb_init(&buf, 0) != FSIC_OK || fs_volume_id_write_to_wbuf(id, &buf) != FSIC_OK)
     die("identifier write");
   Bytes b(buf.data, buf.data + buf.used);
   wb_finalize(&buf, 1);

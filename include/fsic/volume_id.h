@@ -80,6 +80,13 @@ FSIC_API int32_t fs_volume_id_compare(const fs_volume_id *a, const fs_volume_id 
 
 FSIC_API void fs_volume_id_destroy(fs_volume_id *id) FSIC_NOEXCEPT;
 
+/* Appends the identifier's record to a write buffer: 0, or the buffer's status. */
+FSIC_API fsic_status fs_volume_id_write_to_wbuf(const fs_volume_id *id, wb *buf) FSIC_NOEXCEPT;
+
+/* Reads one identifier record at the buffer's position, which then stands after it:
+ * 0; 1 when the record ends early or its kind is unknown; 3 when memory is exhausted. */
+FSIC_API fsic_status fs_volume_id_read_from_rbuf(rb *buf, fs_volume_id **out) FSIC_NOEXCEPT;
+
 FSIC_END_DECLS
 
 #endif /* FSIC_VOLUME_ID_H */

@@ -27,7 +27,6 @@
 #include "fault_mounted.h"
 #include "fault_tree.h"
 #include "fs/icl_internal.h"
-#include "fs/volume_id_internal.h"
 #include "icl_report.h"
 #include "tests/support/base_dirs.h"
 #include "tests/support/files.h"
@@ -154,7 +153,7 @@ TEST(FaultVolumeId, WriteARecord) {
       ASSERT_EQ(wb_init(&w, 7), FSIC_OK);
       ASSERT_EQ(wb_write(&w, prefix.data(), 6), FSIC_OK);
     };
-    op.call = [&] { return _fs_write_volume_id_to_rbuf(id, &w); };
+    op.call = [&] { return fs_volume_id_write_to_wbuf(id, &w); };
     op.after_failure = [&](checks &c, const attempt &) {
       c.that(w.used >= 6 && Bytes(w.data, w.data + 6) == prefix, "the bytes before changed");
     };
@@ -182,7 +181,7 @@ TEST(FaultVolumeId, ReadARecord) {
       rb_init(&r, record.data(), static_cast<uint32_t>(record.size()));
       out.reset();
     };
-    op.call = [&] { return _fs_read_volume_id_from_rbuf(&r, &out.id); };
+    op.call = [&] { return fs_volume_id_read_from_rbuf(&r, &out.id); };
     op.after_failure = [&](checks &c, const attempt &) { out.check_none(c); };
     op.after_success = [&](checks &c, const attempt &) {
       out.check_equal(c, want);

@@ -12,8 +12,6 @@
 #include <cstring>
 #include <vector>
 
-#include "fs/volume_id_internal.h"
-
 namespace {
 
 struct owned_list {
@@ -73,7 +71,7 @@ int main() {
       wb_finalize(&out, 1);
       return 1;
     }
-    fsic_status st = _fs_write_volume_id_to_rbuf(id, &out);
+    fsic_status st = fs_volume_id_write_to_wbuf(id, &out);
     fs_volume_id_destroy(id);
     if (st != FSIC_OK) {
       wb_finalize(&out, 1);
@@ -94,7 +92,7 @@ int main() {
   rb_init(&in, blob, size);
   for (fs_volume *original : volumes) {
     fs_volume_id *id;
-    if (_fs_read_volume_id_from_rbuf(&in, &id) != FSIC_OK) {
+    if (fs_volume_id_read_from_rbuf(&in, &id) != FSIC_OK) {
       fputs("error: can't read identifier\n", stderr);
       failures++;
       break;

@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "fs/volume_id_internal.h"
-
 namespace {
 
 struct id_deleter {
@@ -45,7 +43,7 @@ id_ptr uuid_id(const char *uuid) {
 std::vector<uint8_t> serialise(const fs_volume_id *id) {
   wb buf;
   EXPECT_EQ(wb_init(&buf, 0), FSIC_OK);
-  EXPECT_EQ(_fs_write_volume_id_to_rbuf(id, &buf), FSIC_OK);
+  EXPECT_EQ(fs_volume_id_write_to_wbuf(id, &buf), FSIC_OK);
   std::vector<uint8_t> bytes(buf.data, buf.data + buf.used);
   wb_finalize(&buf, 1);
   return bytes;
@@ -55,7 +53,7 @@ fsic_status parse(const std::vector<uint8_t> &bytes, id_ptr *out, uint32_t *cons
   rb buf;
   rb_init(&buf, bytes.data(), static_cast<uint32_t>(bytes.size()));
   fs_volume_id *id = nullptr;
-  fsic_status status = _fs_read_volume_id_from_rbuf(&buf, &id);
+  fsic_status status = fs_volume_id_read_from_rbuf(&buf, &id);
   if (status == FSIC_OK)
     out->reset(id);
   if (consumed)

@@ -20,7 +20,6 @@
 #include <fsic/volume_id.h>
 
 #include "fs/icl_internal.h"
-#include "fs/volume_id_internal.h"
 #include "tests/unit/ocl/ocl_test_util.h"
 
 namespace icltest {
