@@ -19,6 +19,11 @@ packages=(
   libdevmapper-dev
   # tests and test oracles / benchmark peers
   libgtest-dev libgmock-dev libgcrypt20-dev librhash-dev rhash libbotan-2-dev
+  # the command's JSON reports are checked against their schema; aide is the command's
+  # benchmark peer
+  python3 python3-jsonschema aide
+  # the install test formats the manual page
+  groff-base
   # integration tests: real ext4 images on loop devices
   e2fsprogs util-linux mount kmod
   # the 32-bit (-m32) build of the portable code; its GoogleTest is built from these

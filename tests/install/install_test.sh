@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build tree into a throwaway prefix and uses it as a consumer would:
 # every public header compiled alone as C and as C++, a C program linked through
-# pkg-config (shared and static), and a CMake project using find_package(fsic).
+# pkg-config (shared and static), a CMake project using find_package(fsic), and the
+# command fsic with its manual page and report schema.
 #   install_test.sh <cmake> <build dir> <source dir of this test>
 set -euo pipefail
 cmake_bin=$1 build=$2 here=$3
@@ -15,6 +16,14 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 test -f "$libdir/libfsic.a"
 test -f "$libdir/pkgconfig/fsic.pc"
 test -f "$libdir/cmake/fsic/fsicConfig.cmake"
+
+echo "== the command, its manual page and its report schema"
+"$prefix/bin/fsic" --version
+test -f "$prefix/share/man/man1/fsic.1"
+# The page formats without a single warning.
+warnings=$(groff -man -Tutf8 -ww -z "$prefix/share/man/man1/fsic.1" 2>&1)
+[[ -z $warnings ]] || { echo "$warnings"; exit 1; }
+test -f "$prefix/share/fsic/report.schema.json"
 
 echo "== headers, each alone, as C and as C++"
 for h in "$prefix"/include/fsic/*.h; do

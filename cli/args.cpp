@@ -1,0 +1,214 @@
+// Command-line parsing: each command accepts its own options and the common ones.
+#include "cli/args.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace fsic::cli {
+
+namespace {
+
+struct command_spec {
+  const char *name;
+  const char *usage;
+  const char *options;  // the options that take a value or are flags, blank-separated
+  const char *required; // the value options that must be given
+  int operands;         // positional arguments
+};
+
+const command_spec commands[] = {
+    {"volumes", "fsic volumes [--json] [--all]", "--json --all", "", 0},
+    {"init", "fsic init --policy FILE --db FILE [--key FILE] [--force]",
+     "--policy --db --key --force", "--policy --db", 0},
+    {"check", "fsic check --db FILE [--key FILE] [--json]", "--db --key --json", "--db", 0},
+    {"update", "fsic update --db FILE [--key FILE] [--accept PATH]... [--volume NAME]... [--json]",
+     "--db --key --accept --volume --json", "--db", 0},
+    {"compare", "fsic compare OLD_DB NEW_DB [--key FILE] [--json]", "--key --json", "", 2},
+    {"show", "fsic show --db FILE [--key FILE] [--json]", "--db --key --json", "--db", 0},
+    {"keygen", "fsic keygen --key FILE", "--key", "--key", 0},
+};
+
+const char common_usage[] =
+    "Common options: --progress, --no-progress (default: a progress line on a terminal),\n"
+    "-q (no report: the exit status alone), --help.\n";
+
+bool has_word(const char *list, const std::string &word) {
+  size_t n = word.size();
+  for (const char *p = list; *p;) {
+    const char *end = strchr(p, ' ');
+    size_t len = end ? static_cast<size_t>(end - p) : strlen(p);
+    if (len == n && word.compare(0, n, p, n) == 0)
+      return true;
+    if (!end)
+      break;
+    p = end + 1;
+  }
+  return false;
+}
+
+const command_spec *find_command(const std::string &name) {
+  for (const command_spec &c : commands)
+    if (name == c.name)
+      return &c;
+  return nullptr;
+}
+
+bool takes_value(const std::string &option) {
+  return option == "--policy" || option == "--db" || option == "--key" || option == "--accept" ||
+         option == "--volume";
+}
+
+void set_value(options *o, const std::string &option, const std::string &value) {
+  if (option == "--policy")
+    o->policy = value;
+  else if (option == "--db")
+    o->db = value;
+  else if (option == "--key")
+    o->key = value;
+  else if (option == "--accept")
+    o->accept.push_back(value);
+  else if (option == "--volume")
+    o->volumes.push_back(value);
+}
+
+bool set_flag(options *o, const std::string &option) {
+  if (option == "--force")
+    o->force = true;
+  else if (option == "--json")
+    o->json = true;
+  else if (option == "--all")
+    o->all = true;
+  else
+    return false;
+  return true;
+}
+
+bool given(const options &o, const std::string &option) {
+  if (option == "--policy")
+    return !o.policy.empty();
+  if (option == "--db")
+    return !o.db.empty();
+  if (option == "--key")
+    return !o.key.empty();
+  return true;
+}
+
+} // namespace
+
+std::string usage_text(const std::string &command) {
+  if (const command_spec *c = find_command(command))
+    return std::string("Usage: ") + c->usage + "\n" + common_usage;
+  std::string text = "Usage:\n";
+  for (const command_spec &c : commands)
+    text += std::string("  ") + c.usage + "\n";
+  text += "  fsic --version | --help | COMMAND --help\n";
+  text += common_usage;
+  text += "See fsic(1).\n";
+  return text;
+}
+
+bool parse_args(const std::vector<std::string> &args, options *out, std::string *message) {
+  options o;
+  if (args.empty()) {
+    *message = "no command given (try fsic --help)";
+    return false;
+  }
+  if (args[0] == "--version" || args[0] == "--help") {
+    if (args.size() > 1) {
+      *message = args[0] + " takes nothing after it";
+      return false;
+    }
+    (args[0] == "--version" ? o.version : o.help) = true;
+    *out = o;
+    return true;
+  }
+  const command_spec *spec = find_command(args[0]);
+  if (!spec) {
+    *message = "unknown command \"" + args[0] + "\" (try fsic --help)";
+    return false;
+  }
+  o.command = spec->name;
+  bool options_end = false;
+  for (size_t i = 1; i < args.size(); i++) {
+    std::string arg = args[i];
+    if (options_end || arg.empty() || arg[0] != '-' || arg == "-") {
+      o.operands.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_end = true;
+      continue;
+    }
+    if (arg == "--help") {
+      o.help = true;
+      continue;
+    }
+    if (arg == "-q") {
+      o.quiet = true;
+      continue;
+    }
+    if (arg == "--progress" || arg == "--no-progress") {
+      o.progress = arg == "--progress" ? 1 : 0;
+      continue;
+    }
+    std::string value;
+    bool inline_value = false;
+    size_t eq = arg.find('=');
+    if (arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+      value = arg.substr(eq + 1);
+      arg = arg.substr(0, eq);
+      inline_value = true;
+    }
+    if (!has_word(spec->options, arg)) {
+      *message =
+          "fsic " + o.command + " has no option " + arg + " (try fsic " + o.command + " --help)";
+      return false;
+    }
+    if (takes_value(arg)) {
+      if (!inline_value) {
+        if (i + 1 == args.size()) {
+          *message = arg + " needs a value";
+          return false;
+        }
+        value = args[++i];
+      }
+      if (value.empty()) {
+        *message = arg + " needs a value that is not empty";
+        return false;
+      }
+      set_value(&o, arg, value);
+    } else {
+      if (inline_value) {
+        *message = arg + " takes no value";
+        return false;
+      }
+      set_flag(&o, arg);
+    }
+  }
+  if (o.help) {
+    *out = o;
+    return true;
+  }
+  if (static_cast<int>(o.operands.size()) != spec->operands) {
+    *message =
+        spec->operands
+            ? "fsic " + o.command + " takes " + std::to_string(spec->operands) + " database files"
+            : "fsic " + o.command + " takes no argument \"" + o.operands.front() + "\"";
+    return false;
+  }
+  for (const char *p = spec->required; *p;) {
+    const char *end = strchr(p, ' ');
+    std::string option = end ? std::string(p, end) : std::string(p);
+    if (!given(o, option)) {
+      *message = "fsic " + o.command + " needs " + option;
+      return false;
+    }
+    if (!end)
+      break;
+    p = end + 1;
+  }
+  *out = std::move(o);
+  return true;
+}
+
+} // namespace fsic::cli

@@ -1,0 +1,169 @@
+// fsic init: resolves the policy's volumes, measures its objects and writes the
+// database.
+#include <fsic/mount.h>
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <map>
+
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/file_io.h"
+#include "cli/inventory.h"
+#include "cli/isolation.h"
+#include "cli/policy.h"
+#include "cli/progress.h"
+#include "cli/report.h"
+#include "cli/store.h"
+
+namespace fsic::cli {
+
+namespace {
+
+struct init_run {
+  const options &o;
+  const policy &p;
+  const std::string &key;
+  fs_disk_list *disks = nullptr;
+  database db{};
+
+  int fail(int line, const std::string &message) const {
+    fprintf(stderr, "fsic: %s:%d: %s\n", o.policy.c_str(), line, message.c_str());
+    return EXIT_POLICY;
+  }
+
+  // The volume that a selector picks, with its identifier: 0, 17 or 23.
+  int resolve(int line, const std::string &text, const selector &sel, fs_volume **volume,
+              volume_id_ptr *id) {
+    if (find_selected_volume(disks, sel, volume) == FSIC_ERR_NO_MEMORY)
+      return EXIT_NO_MEMORY;
+    if (!*volume)
+      return fail(line, "no volume " + text + " on this machine (see fsic volumes)");
+    fs_volume_id *made = nullptr;
+    fsic_status status = fs_volume_create_id(*volume, &made);
+    if (status == FSIC_ERR_NO_MEMORY)
+      return EXIT_NO_MEMORY;
+    if (status != FSIC_OK)
+      return fail(line, text + " (" + (*volume)->devnode +
+                            ") has no name that survives a reboot: its disk has no serial "
+                            "and its file system no UUID");
+    id->reset(made);
+    return EXIT_OK;
+  }
+
+  int attach(const policy_image &image) {
+    fs_volume *volume = nullptr;
+    volume_id_ptr id;
+    if (int status = resolve(image.line, image.volume_text, image.volume, &volume, &id))
+      return status;
+    fsic_status status =
+        fs_disk_list_add_image_disk(disks, volume, image.path.c_str(), image.name.c_str(), nullptr);
+    if (status == FSIC_ERR_NO_MEMORY)
+      return EXIT_NO_MEMORY;
+    if (status != FSIC_OK)
+      return fail(image.line, "image " + image.name + " (" + image.path + " on " +
+                                  image.volume_text +
+                                  ") cannot be attached: " + status_text(status));
+    db.images.push_back({image.name, std::move(id), image.path});
+    return EXIT_OK;
+  }
+
+  int add(fs_volume *volume, const std::string &name, const policy_object &obj) {
+    std::vector<char *> masks;
+    for (const std::string &m : obj.masks)
+      masks.push_back(const_cast<char *>(m.c_str()));
+    masks.push_back(nullptr);
+    fsic_status status =
+        obj.dir ? fs_icl_add_dir(db.list.get(), volume, obj.path.c_str(),
+                                 obj.masks.empty() ? nullptr : masks.data(), obj.flags, nullptr)
+                : fs_icl_add_file(db.list.get(), volume, obj.path.c_str(), obj.flags, nullptr);
+    if (status == FSIC_ERR_NO_MEMORY)
+      return EXIT_NO_MEMORY;
+    if (status != FSIC_OK)
+      return fail(obj.line, std::string(obj.dir ? "directory " : "file ") + obj.path + " on " +
+                                name + " cannot be added: " + status_text(status));
+    return EXIT_OK;
+  }
+
+  int run() {
+    file_lock lock;
+    if (int status = lock_database(o.db, &lock))
+      return status;
+    struct stat st {};
+    if (!o.force && lstat(o.db.c_str(), &st) == 0) {
+      fprintf(stderr, "fsic: database %s exists; --force replaces it\n", o.db.c_str());
+      return EXIT_USAGE;
+    }
+    disk_list_ptr owner;
+    if (int status = open_inventory(&owner))
+      return status;
+    disks = owner.get();
+    fs_icl *list = nullptr;
+    if (fs_icl_create(&list) != FSIC_OK)
+      return EXIT_NO_MEMORY;
+    db.list.reset(list);
+    for (const policy_image &image : p.images)
+      if (int status = attach(image))
+        return status;
+
+    progress_line progress(want_progress(o.progress));
+    fs_icl_set_progress(list, progress_line::callback, &progress);
+    std::map<std::string, int> listed; // volume name and path -> line
+    size_t index = 0;
+    for (const policy_section &section : p.sections) {
+      fs_volume *volume = nullptr;
+      volume_id_ptr id;
+      if (int status = resolve(section.line, section.volume_text, section.volume, &volume, &id))
+        return status;
+      std::string name = volume_name(id.get());
+      progress.start_volume(name, ++index, p.sections.size());
+      for (const policy_object &obj : section.objects) {
+        auto [it, fresh] = listed.emplace(name + '\0' + obj.path, obj.line);
+        if (!fresh)
+          return fail(obj.line, obj.path + " on " + name + " is already listed on line " +
+                                    std::to_string(it->second));
+      }
+      // One mount for all the section's objects.
+      const char *mount_point = nullptr;
+      if (!section.objects.empty() && fs_volume_get_mount_point(volume, &mount_point) != FSIC_OK)
+        return fail(section.line,
+                    section.volume_text + " (" + volume->devnode + ") cannot be mounted");
+      int status = EXIT_OK;
+      for (const policy_object &obj : section.objects)
+        if ((status = add(volume, name, obj)) != EXIT_OK)
+          break;
+      if (mount_point)
+        fs_volume_release_mount_point(volume);
+      if (status != EXIT_OK) {
+        progress.clear();
+        return status;
+      }
+    }
+    progress.clear();
+    if (int status = save_database(o.db, key, &db))
+      return status;
+    if (!o.quiet)
+      printf("fsic init: %u volumes, %llu files (%llu bytes) measured; database %s written\n",
+             list->count, static_cast<unsigned long long>(progress.files()),
+             static_cast<unsigned long long>(progress.bytes()), o.db.c_str());
+    return EXIT_OK;
+  }
+};
+
+} // namespace
+
+int command_init(const options &o) {
+  policy p;
+  std::string message;
+  if (!read_policy(o.policy, &p, &message)) {
+    fprintf(stderr, "fsic: %s\n", message.c_str());
+    return EXIT_POLICY;
+  }
+  std::string key;
+  if (int status = load_key(o.key, &key))
+    return status;
+  return run_isolated([&] { return init_run{o, p, key}.run(); }, o.db);
+}
+
+} // namespace fsic::cli
