@@ -12,6 +12,7 @@
 #include "cli/file_io.h"
 #include "cli/inventory.h"
 #include "cli/isolation.h"
+#include "cli/output.h"
 #include "cli/progress.h"
 #include "cli/report.h"
 #include "cli/store.h"
@@ -120,7 +121,7 @@ struct check_run {
     fsic_status status =
         fs_icl_accept(baseline, live, nullptr, o.accept.empty() ? nullptr : paths.data(), &out);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status == FSIC_ERR_RELATIVE_PATH) {
       fprintf(stderr, "fsic: --accept: a path is not absolute or has a . or .. component\n");
       return EXIT_USAGE;
@@ -156,8 +157,8 @@ struct check_run {
         fsic_status checked = fs_icl_check(view.get(), disks, collect_change, &report, &summary,
                                            accepting ? &live : nullptr);
         icl_ptr live_owner(live);
-        if (checked != FSIC_OK) {
-          status = EXIT_NO_MEMORY;
+        if (checked != FSIC_OK || report.out_of_memory) {
+          status = out_of_memory();
           break;
         }
         add_summary(&report, summary);
@@ -220,7 +221,7 @@ struct check_run {
         return status;
       fs_icl *list = nullptr;
       if (fs_icl_create(&list) != FSIC_OK)
-        return EXIT_NO_MEMORY;
+        return out_of_memory();
       accepted.reset(list);
     }
     disk_list_ptr disks;

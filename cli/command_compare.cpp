@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/output.h"
 #include "cli/report.h"
 #include "cli/store.h"
 
@@ -46,9 +47,9 @@ int command_compare(const options &o) {
   report.volumes = count_volumes(old_db.list.get(), new_db.list.get());
   fs_check_summary summary{};
   if (fs_icl_compare(old_db.list.get(), new_db.list.get(), collect_change, &report, &summary) !=
-      FSIC_OK) {
-    fprintf(stderr, "fsic: out of memory\n");
-    return EXIT_NO_MEMORY;
+          FSIC_OK ||
+      report.out_of_memory) {
+    return out_of_memory();
   }
   add_summary(&report, summary);
   sort_changes(&report);

@@ -12,6 +12,7 @@
 #include "cli/file_io.h"
 #include "cli/inventory.h"
 #include "cli/isolation.h"
+#include "cli/output.h"
 #include "cli/policy.h"
 #include "cli/progress.h"
 #include "cli/report.h"
@@ -37,13 +38,13 @@ struct init_run {
   int resolve(int line, const std::string &text, const selector &sel, fs_volume **volume,
               volume_id_ptr *id) {
     if (find_selected_volume(disks, sel, volume) == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (!*volume)
       return fail(line, "no volume " + text + " on this machine (see fsic volumes)");
     fs_volume_id *made = nullptr;
     fsic_status status = fs_volume_create_id(*volume, &made);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status != FSIC_OK)
       return fail(line, text + " (" + (*volume)->devnode +
                             ") has no name that survives a reboot: its disk has no serial "
@@ -60,7 +61,7 @@ struct init_run {
     fsic_status status =
         fs_disk_list_add_image_disk(disks, volume, image.path.c_str(), image.name.c_str(), nullptr);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status != FSIC_OK)
       return fail(image.line, "image " + image.name + " (" + image.path + " on " +
                                   image.volume_text +
@@ -79,7 +80,7 @@ struct init_run {
                                  obj.masks.empty() ? nullptr : masks.data(), obj.flags, nullptr)
                 : fs_icl_add_file(db.list.get(), volume, obj.path.c_str(), obj.flags, nullptr);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status != FSIC_OK)
       return fail(obj.line, std::string(obj.dir ? "directory " : "file ") + obj.path + " on " +
                                 name + " cannot be added: " + status_text(status));
@@ -101,7 +102,7 @@ struct init_run {
     disks = owner.get();
     fs_icl *list = nullptr;
     if (fs_icl_create(&list) != FSIC_OK)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     db.list.reset(list);
     for (const policy_image &image : p.images)
       if (int status = attach(image))
@@ -126,9 +127,14 @@ struct init_run {
       }
       // One mount for all the section's objects.
       const char *mount_point = nullptr;
-      if (!section.objects.empty() && fs_volume_get_mount_point(volume, &mount_point) != FSIC_OK)
-        return fail(section.line,
-                    section.volume_text + " (" + volume->devnode + ") cannot be mounted");
+      if (!section.objects.empty()) {
+        fsic_status mounted = fs_volume_get_mount_point(volume, &mount_point);
+        if (mounted == FSIC_ERR_NO_MEMORY)
+          return out_of_memory();
+        if (mounted != FSIC_OK)
+          return fail(section.line,
+                      section.volume_text + " (" + volume->devnode + ") cannot be mounted");
+      }
       int status = EXIT_OK;
       for (const policy_object &obj : section.objects)
         if ((status = add(volume, name, obj)) != EXIT_OK)

@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/json.h"
+#include "cli/output.h"
 #include "cli/report.h"
 #include "cli/store.h"
 #include "cli/volume_name.h"
@@ -61,14 +62,14 @@ std::vector<fs_icl_volume *> sorted_volumes(fs_icl *list) {
 void text_info(std::string *out, int depth, const fs_ocl_dir_info *info) {
   std::string indent(static_cast<size_t>(2 * depth), ' ');
   for (int32_t i = 0; i < info->subdir_count; i++) {
-    out->append(indent).append("+").append(info->subdir_names[i]);
+    out->append(indent).append("+").append(text_escape(info->subdir_names[i]));
     if (info->subdir_attrs)
       out->append(" ").append(dir_attrs_text(info->subdir_attrs[i]));
     out->append("\n");
     text_info(out, depth + 1, info->subdir_infos[i]);
   }
   for (int32_t i = 0; i < info->file_count; i++) {
-    out->append(indent).append(" ").append(info->file_names[i]);
+    out->append(indent).append(" ").append(text_escape(info->file_names[i]));
     if (info->file_hashes)
       out->append(" [").append(hex_digest(info->file_hashes[i])).append("]");
     if (info->file_attrs)
@@ -78,18 +79,18 @@ void text_info(std::string *out, int depth, const fs_ocl_dir_info *info) {
 }
 
 std::string show_text(const std::string &path, const database &db) {
-  std::string out = "Database " + path + ", written " + iso_time(db.created) + " on " +
-                    (db.host.empty() ? "an unnamed host" : db.host) + ", " +
+  std::string out = "Database " + text_escape(path) + ", written " + iso_time(db.created) + " on " +
+                    (db.host.empty() ? "an unnamed host" : text_escape(db.host)) + ", " +
                     (db.authentication == db_auth_hmac ? "keyed (HMAC)" : "not keyed (digest)") +
                     "\n";
   for (const db_image &image : db.images)
-    out +=
-        "Image " + image.name + ": " + image.path + " on " + volume_name(image.volume.get()) + "\n";
+    out += "Image " + text_escape(image.name) + ": " + text_escape(image.path) + " on " +
+           text_escape(volume_name(image.volume.get())) + "\n";
   for (fs_icl_volume *e : sorted_volumes(db.list.get())) {
-    out += "Volume " + volume_name(e->id) + "\n";
+    out += "Volume " + text_escape(volume_name(e->id)) + "\n";
     for (fs_ocl_object *o = fs_icl_volume_first_object(e); o; o = fs_icl_volume_next_object(o)) {
-      out += std::string("  ") + (o->type == FS_OCL_DIR ? "D " : "F ") + o->path + " [" +
-             flag_words(o->flags) + "]";
+      out += std::string("  ") + (o->type == FS_OCL_DIR ? "D " : "F ") + text_escape(o->path) +
+             " [" + flag_words(o->flags) + "]";
       if (o->type == FS_OCL_FILE) {
         auto *f = reinterpret_cast<fs_ocl_file_object *>(o);
         out += "\n";
@@ -106,7 +107,7 @@ std::string show_text(const std::string &path, const database &db) {
       auto *d = reinterpret_cast<fs_ocl_dir_object *>(o);
       out += " [";
       for (char **m = d->masks; m && *m; m++)
-        out += std::string(m == d->masks ? "" : " ") + "'" + *m + "'";
+        out += std::string(m == d->masks ? "" : " ") + "'" + text_escape(*m) + "'";
       out += "]\n";
       if (o->flags & EACH_FILE) {
         if (d->attrs)

@@ -14,6 +14,7 @@
 #include "cli/file_io.h"
 #include "cli/inventory.h"
 #include "cli/json.h"
+#include "cli/output.h"
 #include "cli/volume_name.h"
 
 namespace fsic::cli {
@@ -119,7 +120,7 @@ struct collector {
     fs_volume_id *id = nullptr;
     fsic_status status = fs_volume_create_id(v, &id);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status == FSIC_OK) {
       volume_id_ptr owner(id);
       row.has_name = true;
@@ -183,9 +184,9 @@ std::string table(const std::vector<volume_row> &rows) {
   std::vector<std::vector<std::string>> cells = {
       {"NAME", "KIND", "DEVICE", "TYPE", "UUID", "SIZE", "MOUNTED"}};
   for (const volume_row &r : rows)
-    cells.push_back({r.has_name ? r.name : "-", r.kind, r.devnode,
+    cells.push_back({r.has_name ? text_escape(r.name) : "-", r.kind, text_escape(r.devnode),
                      r.fs_type.empty() ? "-" : r.fs_type, r.uuid.empty() ? "-" : r.uuid,
-                     size_text(r.size), r.mounted ? r.mounted_at : "-"});
+                     size_text(r.size), r.mounted ? text_escape(r.mounted_at) : "-"});
   std::vector<size_t> width(cells[0].size(), 0);
   for (const auto &line : cells)
     for (size_t i = 0; i < line.size(); i++)

@@ -8,8 +8,10 @@
 //   u32 image count, per image:   string name, volume identifier record, string path
 //   u32 length, the integrity list's blob (fs_icl_write_to_mem)
 //   32 bytes                      digest or HMAC of every byte before them
-// Strings are a u16 length and the bytes. The format is checked first (18), then the
-// digest or HMAC (19), and only then are the images and the list read.
+// Strings are a u16 length and the bytes. The format is checked first (18): the
+// lengths, and the images' identifier records, which tell their own lengths (read by
+// the library's bounded reader); then the digest or HMAC (19); only then is the
+// integrity list read.
 #ifndef FSIC_CLI_DATABASE_H
 #define FSIC_CLI_DATABASE_H
 

@@ -74,8 +74,22 @@ int read_whole_fd(int fd, std::string *out) {
   return 0;
 }
 
+int open_regular(const std::string &path, int flags) {
+  int fd = open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0)
+    return -1;
+  int status = fcntl(fd, F_GETFL);
+  if (status < 0 || fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0) {
+    int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
 int read_whole_file(const std::string &path, std::string *out) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = open_regular(path, O_RDONLY);
   if (fd < 0)
     return errno;
   fd_closer closer{fd};
@@ -105,6 +119,10 @@ std::string temporary_path(const std::string &path) { return path + ".new"; }
 
 int replace_file(const std::string &path, std::string_view bytes, std::string *step) {
   std::string temp = temporary_path(path);
+  if (temp.size() >= PATH_MAX) {
+    *step = "name the temporary file of";
+    return ENAMETOOLONG;
+  }
   // Under the writers' lock a temporary file is what a killed writer left.
   if (unlink(temp.c_str()) != 0 && errno != ENOENT) {
     *step = "remove " + temp;

@@ -10,6 +10,10 @@ namespace fsic::cli {
 // Reads a regular file whole (of at most 4 GiB - 1): 0, or an errno value (EISDIR,
 // EINVAL for a device or pipe, EFBIG, ...).
 int read_whole_file(const std::string &path, std::string *out);
+// Opens `path` with `flags` without blocking on a FIFO or device (O_NONBLOCK only while
+// opening): the descriptor, or -1 with errno. The caller checks the file's type.
+int open_regular(const std::string &path, int flags);
+
 // The same from an open descriptor, from its current offset.
 int read_whole_fd(int fd, std::string *out);
 

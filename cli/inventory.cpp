@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "cli/exit_status.h"
+#include "cli/output.h"
 #include "cli/report.h"
 #include "cli/volume_name.h"
 
@@ -14,7 +15,7 @@ int open_inventory(disk_list_ptr *out) {
   fsic_status status = fs_disk_list_create_with(
       FS_DISK_LIST_KEEP_NO_SERIAL | FS_DISK_LIST_WHOLE_DISKS | FS_DISK_LIST_PROBE, &list);
   if (status == FSIC_ERR_NO_MEMORY)
-    return EXIT_NO_MEMORY;
+    return out_of_memory();
   if (status != FSIC_OK) {
     fprintf(stderr, "fsic: the block devices cannot be listed (sysfs or udev failed)\n");
     return EXIT_INVENTORY;
@@ -24,7 +25,7 @@ int open_inventory(disk_list_ptr *out) {
   // there are then missing, and reported so.
   status = fs_disk_list_add_lvm_groups(list);
   if (status == FSIC_ERR_NO_MEMORY)
-    return EXIT_NO_MEMORY;
+    return out_of_memory();
   *out = std::move(owner);
   return EXIT_OK;
 }
@@ -41,7 +42,7 @@ int attach_images(fs_disk_list *list, const std::vector<db_image> &images) {
     fsic_status status =
         fs_disk_list_add_image_disk(list, volume, image.path.c_str(), image.name.c_str(), nullptr);
     if (status == FSIC_ERR_NO_MEMORY)
-      return EXIT_NO_MEMORY;
+      return out_of_memory();
     if (status != FSIC_OK)
       fprintf(stderr, "fsic: image %s (%s) cannot be attached: %s\n", image.name.c_str(),
               where.c_str(), status_text(status));

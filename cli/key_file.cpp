@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "cli/exit_status.h"
 #include "cli/file_io.h"
+#include "cli/signals.h"
 
 namespace fsic::cli {
 
@@ -41,32 +43,43 @@ int generate_key_file(const std::string &path) {
     fprintf(stderr, "fsic: no random bytes from the kernel: %s\n", strerror(errno));
     return EXIT_WRITE;
   }
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    int error = errno;
-    fprintf(stderr, "fsic: %s: %s%s\n", path.c_str(), strerror(error),
-            error == EEXIST ? " (a key file is never overwritten)" : "");
-    return error == EEXIST ? EXIT_USAGE : EXIT_WRITE;
+  // The key is written whole under a temporary name and linked into place, so that an
+  // interrupted run leaves no empty key file, and link() never replaces one.
+  std::string temp = path + ".new." + std::to_string(getpid());
+  if (temp.size() >= PATH_MAX) {
+    fprintf(stderr, "fsic: %s: %s\n", path.c_str(), strerror(ENAMETOOLONG));
+    return EXIT_WRITE;
   }
+  register_temporary_file(temp.c_str());
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  bool ok = fd >= 0;
   // The umask may have taken bits away, never add any: set exactly 0600.
-  bool ok = fchmod(fd, 0600) == 0 &&
-            write(fd, key, sizeof key) == static_cast<ssize_t>(sizeof key) && fsync(fd) == 0;
+  ok = ok && fchmod(fd, 0600) == 0 &&
+       write(fd, key, sizeof key) == static_cast<ssize_t>(sizeof key) && fsync(fd) == 0;
   int error = errno;
   explicit_bzero(key, sizeof key);
-  if (close(fd) != 0 && ok) {
+  if (fd >= 0 && close(fd) != 0 && ok) {
     ok = false;
     error = errno;
   }
+  int status = EXIT_OK;
   if (!ok) {
-    unlink(path.c_str());
-    fprintf(stderr, "fsic: %s: %s\n", path.c_str(), strerror(error));
-    return EXIT_WRITE;
+    fprintf(stderr, "fsic: %s: %s\n", temp.c_str(), strerror(error));
+    status = EXIT_WRITE;
+  } else if (link(temp.c_str(), path.c_str()) != 0) {
+    error = errno;
+    fprintf(stderr, "fsic: %s: %s%s\n", path.c_str(), strerror(error),
+            error == EEXIST ? " (a key file is never overwritten)" : "");
+    status = error == EEXIST ? EXIT_USAGE : EXIT_WRITE;
   }
-  return EXIT_OK;
+  if (fd >= 0)
+    unlink(temp.c_str());
+  forget_temporary_file();
+  return status;
 }
 
 int read_key_file(const std::string &path, std::string *key) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = open_regular(path, O_RDONLY);
   if (fd < 0) {
     fprintf(stderr, "fsic: key file %s: %s\n", path.c_str(), strerror(errno));
     return EXIT_AUTH;
@@ -78,6 +91,10 @@ int read_key_file(const std::string &path, std::string *key) {
     status = EXIT_AUTH;
   } else if (!S_ISREG(st.st_mode)) {
     fprintf(stderr, "fsic: key file %s is not a regular file\n", path.c_str());
+    status = EXIT_AUTH;
+  } else if (st.st_uid != geteuid()) {
+    fprintf(stderr, "fsic: key file %s belongs to another user (uid %u)\n", path.c_str(),
+            static_cast<unsigned>(st.st_uid));
     status = EXIT_AUTH;
   } else if (st.st_mode & 077) {
     fprintf(stderr,

@@ -8,6 +8,8 @@
 #include "cli/args.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/output.h"
+#include "cli/signals.h"
 
 namespace {
 
@@ -35,6 +37,9 @@ int dispatch(const options &o) {
 } // namespace
 
 int main(int argc, char **argv) {
+  // Interrupted before anything is written or mounted: 25 at once. The commands that
+  // mount run in a worker process with handlers of its own (isolation.h).
+  install_interrupt_handlers();
   try {
     std::vector<std::string> args(argv + 1, argv + argc);
     options o;
@@ -43,14 +48,8 @@ int main(int argc, char **argv) {
       fprintf(stderr, "fsic: %s\n", message.c_str());
       return EXIT_USAGE;
     }
-    int status = dispatch(o);
-    if (fflush(stdout) != 0) {
-      perror("fsic: standard output");
-      return status == EXIT_OK ? EXIT_WRITE : status;
-    }
-    return status;
+    return finish_output(dispatch(o));
   } catch (const std::bad_alloc &) {
-    fputs("fsic: out of memory\n", stderr);
-    return EXIT_NO_MEMORY;
+    return out_of_memory();
   }
 }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "cli/output.h"
 #include "cli/report.h"
 
 namespace fsic::cli {
@@ -49,8 +50,12 @@ void progress_line::callback(const fs_progress *progress, void *ctx) {
   }
   self->bytes_call_ = progress->bytes;
   self->files_call_ = progress->files;
-  if (self->enabled_)
-    self->show(*progress);
+  if (self->enabled_) {
+    try {
+      self->show(*progress);
+    } catch (...) { // a line not shown; no exception goes into the library
+    }
+  }
 }
 
 void progress_line::show(const fs_progress &p) {
@@ -60,7 +65,7 @@ void progress_line::show(const fs_progress &p) {
   double rate = elapsed > 0 ? static_cast<double>(bytes) / elapsed : 0;
   char line[256];
   int n = snprintf(line, sizeof line, "\r[%zu/%zu] %s: %llu files, %s, %.1f MB/s", index_, count_,
-                   volume_.c_str(), static_cast<unsigned long long>(files),
+                   text_escape(volume_).c_str(), static_cast<unsigned long long>(files),
                    bytes_text(bytes).c_str(), rate / 1e6);
   // A check knows what its baseline holds: the time left at this speed.
   if (p.bytes_total > p.bytes && rate > 0 && n > 0 && static_cast<size_t>(n) < sizeof line) {

@@ -9,6 +9,7 @@
 
 #include "cli/exit_status.h"
 #include "cli/json.h"
+#include "cli/output.h"
 #include "cli/volume_name.h"
 
 namespace fsic::cli {
@@ -103,11 +104,11 @@ std::vector<field_value> changed_fields(const change_record &c, bool for_people)
 
 // "part:S:1 /etc/passwd", or the volume alone for a record of the whole volume.
 std::string where(const change_record &c) {
-  std::string text = c.volume;
+  std::string text = text_escape(c.volume);
   if (c.has_path) {
     if (!text.empty())
       text += ' ';
-    text += c.path;
+    text += text_escape(c.path);
   }
   return text;
 }
@@ -151,25 +152,29 @@ void text_section(std::string *out, const run_report &report, const char *title,
 
 void collect_change(const fs_change *change, void *ctx) {
   auto *report = static_cast<run_report *>(ctx);
-  change_record c;
-  if (change->volume)
-    c.volume = volume_name(change->volume);
-  if (change->object_path) {
-    c.has_object = true;
-    c.object = change->object_path;
+  try {
+    change_record c;
+    if (change->volume)
+      c.volume = volume_name(change->volume);
+    if (change->object_path) {
+      c.has_object = true;
+      c.object = change->object_path;
+    }
+    if (change->entry_path) {
+      c.has_path = true;
+      c.path = change->entry_path;
+    }
+    c.kind = change->kind;
+    c.fields = change->fields;
+    c.status = change->status;
+    c.old_values = copy_side(change->old_values);
+    c.new_values = copy_side(change->new_values);
+    report->changes.push_back(std::move(c));
+    if (change->kind == FS_CHANGE_VOLUME_MISSING)
+      report->volumes_missing++;
+  } catch (...) {
+    report->out_of_memory = true;
   }
-  if (change->entry_path) {
-    c.has_path = true;
-    c.path = change->entry_path;
-  }
-  c.kind = change->kind;
-  c.fields = change->fields;
-  c.status = change->status;
-  c.old_values = copy_side(change->old_values);
-  c.new_values = copy_side(change->new_values);
-  if (c.kind == FS_CHANGE_VOLUME_MISSING)
-    report->volumes_missing++;
-  report->changes.push_back(std::move(c));
 }
 
 void add_summary(run_report *report, const fs_check_summary &s) {

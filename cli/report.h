@@ -52,9 +52,12 @@ struct run_report {
   uint64_t bytes_hashed = 0;
   fs_check_summary summary{};
   std::vector<change_record> changes;
+  // A change that could not be kept for lack of memory: the report is incomplete.
+  bool out_of_memory = false;
 };
 
-// The library's change callback: appends a copy of the change to the run_report `ctx`.
+// The library's change callback: appends a copy of the change to the run_report `ctx`
+// (or sets its out_of_memory: no exception leaves it into the library).
 void collect_change(const fs_change *change, void *ctx);
 
 // Adds one comparison's summary into the report's.

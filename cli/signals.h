@@ -9,7 +9,8 @@ namespace fsic::cli {
 // Installs the handlers of SIGINT and SIGTERM.
 void install_interrupt_handlers();
 
-// The temporary file that an interrupt removes; forget it once it is renamed or gone.
+// The temporary file that an interrupt removes (a path shorter than PATH_MAX); forget
+// it once it is renamed or gone.
 void register_temporary_file(const char *path);
 void forget_temporary_file();
 

@@ -155,6 +155,21 @@ TEST(Report, TextListsEachKindInItsSection) {
                 "  part:SER-1:5 /etc/shadow: unreadable: cannot be read\n");
 }
 
+TEST(Report, NamesInTheTextCannotForgeLines) {
+  run_report r;
+  r.command = "check";
+  change_record c;
+  c.volume = "part:S:1";
+  c.has_path = true;
+  c.path = "/etc/x\n\nChanged:\n  part:S:1 /etc/\x1b[2K";
+  c.kind = FS_CHANGE_ADDED;
+  r.changes.push_back(c);
+  std::string text = report_text(r);
+  EXPECT_NE(text.find("  part:S:1 /etc/x\\n\\nChanged:\\n  part:S:1 /etc/\\x1b[2K (file)\n"),
+            std::string::npos)
+      << text;
+}
+
 TEST(Report, NothingFoundIsTheSummaryLineAlone) {
   run_report r;
   r.command = "compare";
