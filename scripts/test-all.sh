@@ -1,48 +1,69 @@
 #!/usr/bin/env bash
 # Runs every test on a fresh machine: installs what is missing, builds the release, the
 # 32-bit (-m32, the library without udev and libblockdev), the clang and the sanitizer
-# configurations (warnings are errors) and runs each through ctest. The release's qemu
-# guest scenarios, which keep one core busy for minutes, run in the background from the
-# moment the release is built, beside the other builds and tests (they touch no device
-# of this machine); their output follows the clang run. The sanitizer run comes last,
-# so ctest's summary ends the output. ctest runs as many tests at once as there are
-# cores (tests that share devices and mounts are marked to run alone).
+# configurations (warnings are errors) and runs each through ctest.
+#
+# The work is pipelined to keep both cores busy: each configuration's tests run while
+# the next configuration builds, and the release's qemu guest scenarios, which keep one
+# core busy for minutes, run in the background from the moment the release is built
+# (they touch no device of this machine). Only one host ctest runs at a time, since
+# host tests share loop devices and mounts. Every run writes its own log; the logs are
+# printed in a fixed order once all have ended, the sanitizer run last, so that ctest's
+# summary ends the output. Each stage is stamped with the seconds since the start.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh --guest || exit 1
 
 jobs=$(nproc)
+logs=build/test-logs
+mkdir -p "$logs"
+rm -f "$logs"/*.log
+
+stamp() { echo "=== $* (at ${SECONDS} s)"; }
 
 build() {
-  echo "=== configure and build: $1"
+  stamp "configure and build: $1"
   cmake --preset "$1" >/dev/null && cmake --build --preset "$1"
 }
 
+# The background runs; killed when this script ends early.
 guests=
-guest_log=build/ci-release/guest-scenarios.log
-# Stops the background guest scenarios when this script ends early.
-trap '[[ -n $guests ]] && kill $guests 2>/dev/null' EXIT
-
-build ci-release || exit 1
-echo "=== tests: release, qemu guest scenarios (in the background, output below)"
-ctest --preset ci-release -L system >"$guest_log" 2>&1 &
-guests=$!
-for preset in ci-m32 ci-clang ci-debug; do
-  build "$preset" || exit 1
-done
+host=
+trap 'kill $guests $host 2>/dev/null' EXIT
 
 status=0
-echo "=== tests: release"
-ctest --preset ci-release -LE system -j "$jobs" || status=1
-echo "=== tests: 32-bit"
-ctest --preset ci-m32 -j "$jobs" || status=1
-echo "=== tests: clang"
-ctest --preset ci-clang -j "$jobs" || status=1
-echo "=== tests: release, qemu guest scenarios"
-wait $guests || status=1
+# Waits for the host test run in the background, if any, and notes its failure.
+wait_host() {
+  [[ -n $host ]] || return 0
+  wait "$host" || status=1
+  host=
+}
+# Starts the host tests of a configuration in the background, after the previous run.
+start_host() {
+  wait_host
+  stamp "tests: $1 (in the background)"
+  ctest --preset "$1" "${@:2}" -j "$jobs" >"$logs/$1.log" 2>&1 &
+  host=$!
+}
+
+build ci-release || exit 1
+stamp "tests: qemu guest scenarios (in the background)"
+ctest --preset ci-release -L system >"$logs/guests.log" 2>&1 &
+guests=$!
+start_host ci-release -LE system
+for preset in ci-m32 ci-clang ci-debug; do
+  build "$preset" || exit 1
+  start_host "$preset"
+done
+wait_host
+stamp "host tests done"
+wait "$guests" || status=1
 guests=
-cat "$guest_log"
-echo "=== tests: sanitizers"
-ctest --preset ci-debug -j "$jobs" || status=1
+stamp "guest scenarios done"
+
+for run in ci-release ci-m32 ci-clang guests ci-debug; do
+  echo "=== tests: $run"
+  cat "$logs/$run.log"
+done
 exit $status

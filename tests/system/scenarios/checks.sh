@@ -16,6 +16,18 @@ tmp_mounts() {
   awk -v b="${BUILD_DIR:-}" '$2 ~ "^/tmp/" && $2 != b { n++ } END { print n + 0 }' /proc/self/mounts
 }
 
+# udevadm settle, tried again when it fails: udevadm can lose a race with udevd closing
+# its control connection ("Failed to wait for daemon to reply: Broken pipe") while the
+# queue drains all the same. The last try's error is shown.
+settle() {
+  local i
+  for i in 1 2; do
+    udevadm settle --timeout=60 2>/dev/null && return 0
+    sleep 0.2
+  done
+  udevadm settle --timeout=60
+}
+
 # Each step is announced on stdout and stderr alike, so that error lines can be told
 # apart.
 step() { echo "== $*"; echo "== $*" >&2; }

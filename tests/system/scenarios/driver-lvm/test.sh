@@ -38,14 +38,14 @@ run lvm
 
 step "one disk with one partition left"
 echo 1 >/sys/block/sda/device/delete
-udevadm settle
+settle
 echo "disks: $(cd /sys/block && echo vd* sd*)"
 run mount
 run image-disk
 step "no disk left"
 virtio=$(readlink /sys/block/vda/device)
 echo "${virtio##*/}" >/sys/bus/virtio/drivers/virtio_blk/unbind
-udevadm settle
+settle
 echo "disks: $(cd /sys/block && echo vd* sd*)"
 run mount
 run image-disk

@@ -30,7 +30,7 @@ kill -STOP $udevd
 run image-once
 rm -f /run/udev/queue
 kill -CONT $udevd
-udevadm settle
+settle
 afterwards
 
 step "no lvm on PATH"

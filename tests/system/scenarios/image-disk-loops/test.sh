@@ -29,14 +29,14 @@ echo "status $?"
 afterwards
 
 step "the loop driver's default max_part"
-rmmod loop && modprobe loop && udevadm settle
+rmmod loop && modprobe loop && settle
 echo "loop max_part: $(</sys/module/loop/parameters/max_part)"
 "$prog" report test "$vmdk"
 echo "status $?"
 afterwards
 
 step "two loop devices, both taken: a third is asked for"
-rmmod loop && modprobe loop max_loop=2 && udevadm settle
+rmmod loop && modprobe loop max_loop=2 && settle
 echo "loop devices: $(cd /sys/class/block && echo loop*)"
 losetup /dev/loop0 /dev/shm/busy0.img
 losetup /dev/loop1 /dev/shm/busy1.img
