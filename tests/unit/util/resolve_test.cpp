@@ -60,11 +60,19 @@ outcome of_fd(int fd) {
   return o;
 }
 
+// openat2 fails with EAGAIN when a rename or mount anywhere on the machine raced with a
+// ".." in the path (other builds and tests run beside this one): asked again, as its
+// callers are told to.
 int kernel_open(int root, const std::string &path, int flags) {
   struct open_how how = {};
   how.flags = (uint64_t)(flags | O_CLOEXEC);
   how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_XDEV | RESOLVE_NO_MAGICLINKS;
-  long fd = syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
+  long fd = -1;
+  for (int tries = 0; tries < 1000; ++tries) {
+    fd = syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != EAGAIN)
+      break;
+  }
   return fd >= 0 ? (int)fd : -errno;
 }
 
