@@ -66,6 +66,7 @@ struct check_run {
   const options &o;
   const std::string &key;
   bool update;
+  fs_disk_list *given = nullptr; // the machine's volumes when null
   database db{};
   run_report report{};
   std::vector<volume_id_ptr> accepted_volumes{}; // --volume
@@ -224,12 +225,16 @@ struct check_run {
         return out_of_memory();
       accepted.reset(list);
     }
-    disk_list_ptr disks;
-    if (int status = open_inventory(&disks))
+    disk_list_ptr owner;
+    fs_disk_list *disks = given;
+    if (!disks) {
+      if (int status = open_inventory(&owner))
+        return status;
+      disks = owner.get();
+    }
+    if (int status = attach_images(disks, db.images))
       return status;
-    if (int status = attach_images(disks.get(), db.images))
-      return status;
-    if (int status = check_volumes(disks.get()))
+    if (int status = check_volumes(disks))
       return status;
     sort_changes(&report);
     if (update) {
@@ -257,6 +262,13 @@ int command_check(const options &o) {
     return status;
   bool update = o.command == "update";
   return run_isolated([&] { return check_run{o, key, update}.run(); }, update ? o.db : "");
+}
+
+int check_on(const options &o, fs_disk_list *disks) {
+  std::string key;
+  if (int status = load_key(o.key, &key))
+    return status;
+  return check_run{o, key, o.command == "update", disks}.run();
 }
 
 } // namespace fsic::cli

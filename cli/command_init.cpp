@@ -97,9 +97,11 @@ struct init_run {
       return EXIT_USAGE;
     }
     disk_list_ptr owner;
-    if (int status = open_inventory(&owner))
-      return status;
-    disks = owner.get();
+    if (!disks) {
+      if (int status = open_inventory(&owner))
+        return status;
+      disks = owner.get();
+    }
     fs_icl *list = nullptr;
     if (fs_icl_create(&list) != FSIC_OK)
       return out_of_memory();
@@ -157,19 +159,32 @@ struct init_run {
   }
 };
 
+// The policy and the key: 0, 17 or 19.
+int read_inputs(const options &o, policy *p, std::string *key) {
+  std::string message;
+  if (!read_policy(o.policy, p, &message)) {
+    fprintf(stderr, "fsic: %s\n", message.c_str());
+    return EXIT_POLICY;
+  }
+  return load_key(o.key, key);
+}
+
 } // namespace
 
 int command_init(const options &o) {
   policy p;
-  std::string message;
-  if (!read_policy(o.policy, &p, &message)) {
-    fprintf(stderr, "fsic: %s\n", message.c_str());
-    return EXIT_POLICY;
-  }
   std::string key;
-  if (int status = load_key(o.key, &key))
+  if (int status = read_inputs(o, &p, &key))
     return status;
   return run_isolated([&] { return init_run{o, p, key}.run(); }, o.db);
+}
+
+int init_on(const options &o, fs_disk_list *disks) {
+  policy p;
+  std::string key;
+  if (int status = read_inputs(o, &p, &key))
+    return status;
+  return init_run{o, p, key, disks}.run();
 }
 
 } // namespace fsic::cli

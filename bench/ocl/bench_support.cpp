@@ -68,7 +68,7 @@ std::string hex(const uint8_t *p, size_t n) {
 
 ScratchDir::ScratchDir() {
   const char *base = getenv("TMPDIR");
-  std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-bench-ocl-XXXXXX";
+  std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-bench-XXXXXX";
   if (!mkdtemp(templ.data()))
     throw std::runtime_error("mkdtemp failed");
   path_ = std::filesystem::canonical(templ).string();

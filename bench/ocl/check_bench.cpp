@@ -29,9 +29,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/image_volume.h"
 #include "bench_support.h"
-#include "tests/support/loop_image.h"
-#include "tests/support/volume_records.h"
 
 namespace {
 
@@ -39,9 +38,6 @@ using bench::Sample;
 
 constexpr uint32_t kFlags = EACH_FILE | RECURSIVE | CONTROL_DATA | CONTROL_ATTRS;
 constexpr int kExitSkip = 77;
-
-const fs_volume_ops bench_volume_ops = {FS_VOLUME_PARTITION, support::partition_create_id,
-                                        support::test_get_disk_list};
 
 struct TreeShape {
   const char *name;
@@ -63,24 +59,6 @@ void count_record(const fs_change *, void *ctx) { static_cast<counts *>(ctx)->re
 void count_progress(const fs_progress *, void *ctx) {
   static_cast<counts *>(ctx)->progress_calls++;
 }
-
-// The tree's image on a loop device, and a disk list whose one partition it is.
-struct volume_on_image {
-  support::loop_device loop;
-  support::serial_disk_list disks{"BENCH-1"};
-  std::unique_ptr<support::test_volume> volume;
-
-  bool attach(const std::string &image) {
-    if (!loop.attach(image))
-      return false;
-    volume = std::make_unique<support::test_volume>(disks, loop.node(), "ext4",
-                                                    support::syspath_of(loop.node()));
-    volume->part.volume.ops = &bench_volume_ops;
-    list_add_tail(&volume->part.link, &disks.disk.partitions);
-    return true;
-  }
-  fs_volume *get() { return volume->volume(); }
-};
 
 // Rewrites every 100th file below `root` (at least one) with other bytes of the same
 // size: the number of files changed.
@@ -139,7 +117,7 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
     fprintf(stderr, "fsic-bench-check: mkfs.ext4 of the %s tree failed\n", shape.name);
     return false;
   }
-  volume_on_image v;
+  bench::image_volume v("BENCH-1");
   if (!v.attach(image)) {
     fprintf(stderr, "fsic-bench-check: no loop device for the %s tree\n", shape.name);
     return false;
@@ -163,7 +141,7 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, const Option
   auto check_once = [&](std::vector<Sample> *into, counts *c) {
     fs_icl *live = nullptr;
     bench::Stopwatch sw;
-    ok = ok && fs_icl_check(baseline, &v.disks.list, count_record, c, nullptr, &live) == FSIC_OK;
+    ok = ok && fs_icl_check(baseline, v.list(), count_record, c, nullptr, &live) == FSIC_OK;
     if (into)
       into->push_back(sw.stop());
     fs_icl_destroy(live);
