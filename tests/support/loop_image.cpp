@@ -27,13 +27,14 @@ namespace support {
 
 ::testing::AssertionResult make_ext4_image(const std::string &image, off_t size,
                                            const std::string &src,
-                                           const std::vector<std::string> &mkfs_options) {
+                                           const std::vector<std::string> &mkfs_options,
+                                           int timeout_seconds) {
   if (auto r = make_sparse_file(image, size); !r)
     return r;
   std::vector<std::string> argv = {"mkfs.ext4", "-q", "-F"};
   argv.insert(argv.end(), mkfs_options.begin(), mkfs_options.end());
   argv.insert(argv.end(), {"-d", src, image});
-  const proc_result mk = run(argv);
+  const proc_result mk = run(argv, {}, true, timeout_seconds);
   if (mk.status != 0)
     return ::testing::AssertionFailure() << "mkfs.ext4: " << mk.describe();
   return ::testing::AssertionSuccess();

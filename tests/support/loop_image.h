@@ -18,10 +18,11 @@ namespace support {
 ::testing::AssertionResult make_sparse_file(const std::string &path, off_t size);
 
 // Makes `image` a sparse file of `size` bytes holding an ext4 file system with the tree
-// under `src` (mkfs.ext4 -q -F <mkfs_options> -d src image).
+// under `src` (mkfs.ext4 -q -F <mkfs_options> -d src image), given `timeout_seconds`.
 ::testing::AssertionResult make_ext4_image(const std::string &image, off_t size,
                                            const std::string &src,
-                                           const std::vector<std::string> &mkfs_options = {});
+                                           const std::vector<std::string> &mkfs_options = {},
+                                           int timeout_seconds = 60);
 
 // A loop device that this object attached to a file. Detaching (on request or on
 // destruction) first lazily unmounts every mount of the device (also those through a
