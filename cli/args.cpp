@@ -11,26 +11,32 @@ namespace {
 struct command_spec {
   const char *name;
   const char *usage;
-  const char *options;  // the options that take a value or are flags, blank-separated
-  const char *required; // the value options that must be given
-  int operands;         // positional arguments
+  const char *options; // the options that take a value or are flags, blank-separated
+  int operands;        // positional arguments
 };
 
 const command_spec commands[] = {
-    {"volumes", "fsic volumes [--json] [--all]", "--json --all", "", 0},
-    {"init", "fsic init --policy FILE --db FILE [--key FILE] [--force]",
-     "--policy --db --key --force", "--policy --db", 0},
-    {"check", "fsic check --db FILE [--key FILE] [--json]", "--db --key --json", "--db", 0},
-    {"update", "fsic update --db FILE [--key FILE] [--accept PATH]... [--volume NAME]... [--json]",
-     "--db --key --accept --volume --json", "--db", 0},
-    {"compare", "fsic compare OLD_DB NEW_DB [--key FILE] [--json]", "--key --json", "", 2},
-    {"show", "fsic show --db FILE [--key FILE] [--json]", "--db --key --json", "--db", 0},
-    {"keygen", "fsic keygen --key FILE", "--key", "--key", 0},
+    {"volumes", "fsic volumes [--json] [--all]", "--json --all", 0},
+    {"init", "fsic init [--policy FILE] [--db FILE] [--key FILE | --no-key] [--force]",
+     "--policy --db --key --no-key --force", 0},
+    {"check", "fsic check [--db FILE] [--key FILE | --no-key] [--json]",
+     "--db --key --no-key --json", 0},
+    {"update",
+     "fsic update [--db FILE] [--key FILE | --no-key] [--accept PATH]... [--volume NAME]... "
+     "[--json]",
+     "--db --key --no-key --accept --volume --json", 0},
+    {"compare", "fsic compare OLD_DB NEW_DB [--key FILE | --no-key] [--json]",
+     "--key --no-key --json", 2},
+    {"show", "fsic show [--db FILE] [--key FILE | --no-key] [--json]", "--db --key --no-key --json",
+     0},
+    {"keygen", "fsic keygen [--key FILE]", "--key", 0},
 };
 
 const char common_usage[] =
     "Common options: --progress, --no-progress (default: a progress line on a terminal),\n"
-    "-q (no report: the exit status alone), --help.\n";
+    "-q (no report: the exit status alone), --help.\n"
+    "Defaults: --policy " FSIC_DEFAULT_POLICY ", --db " FSIC_DEFAULT_DB ",\n"
+    "--key " FSIC_DEFAULT_KEY " (--no-key: a database authenticated by its digest alone).\n";
 
 bool has_word(const char *list, const std::string &word) {
   size_t n = word.size();
@@ -78,18 +84,29 @@ bool set_flag(options *o, const std::string &option) {
     o->json = true;
   else if (option == "--all")
     o->all = true;
+  else if (option == "--no-key")
+    o->no_key = true;
   else
     return false;
   return true;
 }
 
-bool given(const options &o, const std::string &option) {
-  if (option == "--policy")
-    return !o.policy.empty();
-  if (option == "--db")
-    return !o.db.empty();
-  if (option == "--key")
-    return !o.key.empty();
+// Fills in the default files of the options that the command takes but were not given:
+// true; false with a message when --key and --no-key are both given.
+bool apply_defaults(const command_spec &c, options *o, std::string *message) {
+  if (has_word(c.options, "--policy") && o->policy.empty())
+    o->policy = FSIC_DEFAULT_POLICY;
+  if (has_word(c.options, "--db") && o->db.empty())
+    o->db = FSIC_DEFAULT_DB;
+  if (o->no_key) {
+    if (!o->key.empty()) {
+      *message = "--key and --no-key exclude each other";
+      return false;
+    }
+  } else if (has_word(c.options, "--key") && o->key.empty()) {
+    o->key = FSIC_DEFAULT_KEY;
+    o->key_is_default = true;
+  }
   return true;
 }
 
@@ -196,17 +213,8 @@ bool parse_args(const std::vector<std::string> &args, options *out, std::string 
             : "fsic " + o.command + " takes no argument \"" + o.operands.front() + "\"";
     return false;
   }
-  for (const char *p = spec->required; *p;) {
-    const char *end = strchr(p, ' ');
-    std::string option = end ? std::string(p, end) : std::string(p);
-    if (!given(o, option)) {
-      *message = "fsic " + o.command + " needs " + option;
-      return false;
-    }
-    if (!end)
-      break;
-    p = end + 1;
-  }
+  if (!apply_defaults(*spec, &o, message))
+    return false;
   *out = std::move(o);
   return true;
 }

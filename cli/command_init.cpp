@@ -4,7 +4,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <map>
 
 #include "cli/commands.h"
@@ -12,11 +14,13 @@
 #include "cli/file_io.h"
 #include "cli/inventory.h"
 #include "cli/isolation.h"
+#include "cli/key_file.h"
 #include "cli/output.h"
 #include "cli/policy.h"
 #include "cli/progress.h"
 #include "cli/report.h"
 #include "cli/store.h"
+#include "cli/volume_name.h"
 
 namespace fsic::cli {
 
@@ -116,6 +120,16 @@ struct init_run {
     size_t index = 0;
     for (const policy_section &section : p.sections) {
       fs_volume *volume = nullptr;
+      if (section.optional) {
+        if (find_selected_volume(disks, section.volume, &volume) == FSIC_ERR_NO_MEMORY)
+          return out_of_memory();
+        if (!volume) {
+          if (!o.quiet)
+            fprintf(stderr, "fsic: %s:%d: no volume %s on this machine; the section is optional\n",
+                    o.policy.c_str(), section.line, section.volume_text.c_str());
+          continue;
+        }
+      }
       volume_id_ptr id;
       if (int status = resolve(section.line, section.volume_text, section.volume, &volume, &id))
         return status;
@@ -159,13 +173,45 @@ struct init_run {
   }
 };
 
-// The policy and the key: 0, 17 or 19.
+// Makes the parent directory of `path`, with `mode`, when it is missing: 0, or 22.
+int make_parent_dir(const std::string &path, mode_t mode) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos || slash == 0)
+    return EXIT_OK;
+  std::string dir = path.substr(0, slash);
+  if (mkdir(dir.c_str(), mode) == 0 || errno == EEXIST)
+    return EXIT_OK;
+  fprintf(stderr, "fsic: cannot make %s: %s\n", dir.c_str(), strerror(errno));
+  return EXIT_WRITE;
+}
+
+// The default files on the first init: the key, made when it is missing (with its
+// directory), and the database's directory (private to root). 0, 16 or 22.
+int prepare_default_files(const options &o) {
+  if (o.db == FSIC_DEFAULT_DB)
+    if (int status = make_parent_dir(o.db, 0700))
+      return status;
+  struct stat st {};
+  if (!o.key_is_default || lstat(o.key.c_str(), &st) == 0 || errno != ENOENT)
+    return EXIT_OK; // reading the key says what is wrong with it
+  if (int status = make_parent_dir(o.key, 0755))
+    return status;
+  if (int status = generate_key_file(o.key))
+    return status;
+  if (!o.quiet)
+    printf("fsic init: new key %s; keep a copy away from this machine\n", o.key.c_str());
+  return EXIT_OK;
+}
+
+// The policy and the key: 0, 16, 17, 19 or 22.
 int read_inputs(const options &o, policy *p, std::string *key) {
   std::string message;
   if (!read_policy(o.policy, p, &message)) {
     fprintf(stderr, "fsic: %s\n", message.c_str());
     return EXIT_POLICY;
   }
+  if (int status = prepare_default_files(o))
+    return status;
   return load_key(o.key, key);
 }
 

@@ -207,7 +207,7 @@ int decode_database(std::string_view bytes, std::string_view key, database *out,
     }
   } else {
     if (!key.empty()) {
-      *why = "the database is not keyed, but a key was given";
+      *why = "the database is not keyed, but a key was given (--no-key reads it)";
       return EXIT_AUTH;
     }
     if (!gost_digest(signed_part, &tag))

@@ -128,10 +128,16 @@ struct parser {
   std::map<std::string, int> section_paths; // paths of the current section -> line
   std::string why;
 
-  bool header(int line, const std::string &token) {
+  bool header(int line, const std::vector<std::string> &tokens) {
+    const std::string &token = tokens[0];
     std::string text = token.substr(1, token.size() - 2);
     policy_section section;
     section.line = line;
+    if (tokens.size() > 2 || (tokens.size() == 2 && tokens[1] != "optional")) {
+      why = "a volume line is [VOLUME] alone, or [VOLUME] optional";
+      return false;
+    }
+    section.optional = tokens.size() == 2;
     if (!parse_selector(text, &section.volume, &why)) {
       why = "\"" + text + "\": " + why;
       return false;
@@ -202,10 +208,10 @@ struct parser {
     if (tokens.empty())
       return true;
     const std::string &first = tokens[0];
-    if (first.size() >= 2 && first.front() == '[' && first.back() == ']' && tokens.size() == 1)
-      return header(number, first);
     if (first.front() == '[') {
-      why = "a volume line is [VOLUME] alone";
+      if (first.size() >= 2 && first.back() == ']')
+        return header(number, tokens);
+      why = "a volume line is [VOLUME] alone, or [VOLUME] optional";
       return false;
     }
     if (first == "image")

@@ -1,7 +1,8 @@
 // Policy files: which files and directories of which volumes to keep under control.
 //
 //   image NAME VOLUME PATH        attach the image file PATH of VOLUME as image disk NAME
-//   [VOLUME]                      the volume of the lines below
+//   [VOLUME] [optional]           the volume of the lines below; an optional one is
+//                                 passed over at init when the machine has no such volume
 //   file PATH [WORD...]           a file
 //   dir PATH [WORD...]            a directory
 //
@@ -41,6 +42,7 @@ struct policy_section {
   int line = 0;
   std::string volume_text;
   selector volume;
+  bool optional = false; // passed over when the machine has no such volume
   std::vector<policy_object> objects;
 };
 

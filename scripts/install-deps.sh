@@ -24,6 +24,9 @@ packages=(
   python3 python3-jsonschema aide
   # the install test formats the manual page
   groff-base
+  # the Debian packages: made with dpkg-dev's tools, checked with lintian, installed
+  # and used (man -w, systemd-analyze verify, deb-systemd-helper in the scripts)
+  dpkg-dev lintian man-db systemd init-system-helpers
   # integration tests: real ext4 images on loop devices
   e2fsprogs util-linux mount kmod
   # the 32-bit (-m32) build of the portable code; its GoogleTest is built from these

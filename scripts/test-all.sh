@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test on a fresh machine: installs what is missing, builds the release, the
-# 32-bit (-m32, the library without udev and libblockdev), the clang and the sanitizer
-# configurations (warnings are errors) and runs each through ctest.
+# 32-bit (-m32, the library without udev and libblockdev), the clang, the sanitizer and
+# the Debian package configurations (warnings are errors) and runs each through ctest
+# (the package configuration's one test makes the packages, installs them on this
+# machine, uses them and purges them).
 #
 # The work is pipelined to keep both cores busy: each configuration's tests run while
 # the next configuration builds, and the release's qemu guest scenarios, which keep one
@@ -52,7 +54,7 @@ stamp "tests: qemu guest scenarios (in the background)"
 ctest --preset ci-release -L system >"$logs/guests.log" 2>&1 &
 guests=$!
 start_host ci-release -LE system
-for preset in ci-m32 ci-clang ci-debug; do
+for preset in ci-m32 ci-clang ci-debug ci-deb; do
   build "$preset" || exit 1
   start_host "$preset"
 done
@@ -62,7 +64,7 @@ wait "$guests" || status=1
 guests=
 stamp "guest scenarios done"
 
-for run in ci-release ci-m32 ci-clang guests ci-debug; do
+for run in ci-release ci-m32 ci-clang guests ci-deb ci-debug; do
   echo "=== tests: $run"
   cat "$logs/$run.log"
 done

@@ -2,7 +2,8 @@
 # Installs the build tree into a throwaway prefix and uses it as a consumer would:
 # every public header compiled alone as C and as C++, a C program linked through
 # pkg-config (shared and static), a CMake project using find_package(fsic), and the
-# command fsic with its manual page and report schema.
+# command fsic with its manual page, report schema, example policy, units and bash
+# completion.
 #   install_test.sh <cmake> <build dir> <source dir of this test>
 set -euo pipefail
 cmake_bin=$1 build=$2 here=$3
@@ -24,6 +25,12 @@ test -f "$prefix/share/man/man1/fsic.1"
 warnings=$(groff -man -Tutf8 -ww -z "$prefix/share/man/man1/fsic.1" 2>&1)
 [[ -z $warnings ]] || { echo "$warnings"; exit 1; }
 test -f "$prefix/share/fsic/report.schema.json"
+
+echo "== the example policy, the daily check's units, bash completion"
+test -f "$prefix/etc/fsic/policy"
+test -f "$prefix/lib/systemd/system/fsic-check.service"
+test -f "$prefix/lib/systemd/system/fsic-check.timer"
+bash -n "$prefix/share/bash-completion/completions/fsic"
 
 echo "== headers, each alone, as C and as C++"
 for h in "$prefix"/include/fsic/*.h; do

@@ -53,6 +53,32 @@ TEST(Args, EveryCommandTakesItsOptions) {
   EXPECT_EQ(o.operands, (std::vector<std::string>{"-old", "new"}));
 }
 
+TEST(Args, FilesNotGivenAreTheDefaultOnes) {
+  options o = parse_ok({"init"});
+  EXPECT_EQ(o.policy, FSIC_DEFAULT_POLICY);
+  EXPECT_EQ(o.db, FSIC_DEFAULT_DB);
+  EXPECT_EQ(o.key, FSIC_DEFAULT_KEY);
+  EXPECT_TRUE(o.key_is_default);
+  o = parse_ok({"check", "--key", "k"});
+  EXPECT_EQ(o.db, FSIC_DEFAULT_DB);
+  EXPECT_EQ(o.key, "k");
+  EXPECT_FALSE(o.key_is_default);
+  EXPECT_TRUE(o.policy.empty()); // check takes no policy
+  o = parse_ok({"show", "--db", "d", "--no-key"});
+  EXPECT_EQ(o.db, "d");
+  EXPECT_TRUE(o.key.empty());
+  EXPECT_TRUE(o.no_key);
+  o = parse_ok({"compare", "a", "b"});
+  EXPECT_TRUE(o.db.empty()); // compare names its databases
+  EXPECT_EQ(o.key, FSIC_DEFAULT_KEY);
+  o = parse_ok({"keygen"});
+  EXPECT_EQ(o.key, FSIC_DEFAULT_KEY);
+  o = parse_ok({"volumes"});
+  EXPECT_TRUE(o.db.empty() && o.key.empty() && o.policy.empty());
+  // The defaults are absolute paths.
+  EXPECT_EQ(std::string(FSIC_DEFAULT_DB).front(), '/');
+}
+
 TEST(Args, VersionAndHelp) {
   EXPECT_TRUE(parse_ok({"--version"}).version);
   EXPECT_TRUE(parse_ok({"--help"}).help);
@@ -61,16 +87,15 @@ TEST(Args, VersionAndHelp) {
   EXPECT_EQ(o.command, "check");
   // A command's help needs none of its required options.
   EXPECT_TRUE(parse_ok({"init", "--help"}).help);
-  EXPECT_NE(fsic::cli::usage_text("check").find("fsic check --db FILE"), std::string::npos);
-  EXPECT_NE(fsic::cli::usage_text("").find("fsic keygen --key FILE"), std::string::npos);
+  EXPECT_NE(fsic::cli::usage_text("check").find("fsic check [--db FILE]"), std::string::npos);
+  EXPECT_NE(fsic::cli::usage_text("").find("fsic keygen [--key FILE]"), std::string::npos);
+  EXPECT_NE(fsic::cli::usage_text("init").find("--policy " FSIC_DEFAULT_POLICY), std::string::npos);
 }
 
 TEST(Args, UsageErrorsSayWhatIsWrong) {
   EXPECT_EQ(parse_error({}), "no command given (try fsic --help)");
   EXPECT_EQ(parse_error({"frobnicate"}), "unknown command \"frobnicate\" (try fsic --help)");
   EXPECT_EQ(parse_error({"--version", "x"}), "--version takes nothing after it");
-  EXPECT_EQ(parse_error({"check"}), "fsic check needs --db");
-  EXPECT_EQ(parse_error({"init", "--db", "d"}), "fsic init needs --policy");
   EXPECT_EQ(parse_error({"check", "--db"}), "--db needs a value");
   EXPECT_EQ(parse_error({"check", "--db="}), "--db needs a value that is not empty");
   EXPECT_EQ(parse_error({"check", "--db", "d", "--force"}),
@@ -81,7 +106,10 @@ TEST(Args, UsageErrorsSayWhatIsWrong) {
   EXPECT_EQ(parse_error({"check", "--db", "d", "extra"}), "fsic check takes no argument \"extra\"");
   EXPECT_EQ(parse_error({"compare", "a"}), "fsic compare takes 2 database files");
   EXPECT_EQ(parse_error({"compare", "a", "b", "c"}), "fsic compare takes 2 database files");
-  EXPECT_EQ(parse_error({"keygen"}), "fsic keygen needs --key");
+  EXPECT_EQ(parse_error({"check", "--key", "k", "--no-key"}),
+            "--key and --no-key exclude each other");
+  EXPECT_EQ(parse_error({"keygen", "--no-key"}),
+            "fsic keygen has no option --no-key (try fsic keygen --help)");
   EXPECT_EQ(parse_error({"volumes", "-x"}),
             "fsic volumes has no option -x (try fsic volumes --help)");
 }

@@ -98,6 +98,37 @@ TEST(Policy, TheSameSelectorInTwoSectionsIsTwoSectionsAndPathsMayRepeatAcrossThe
   EXPECT_EQ(p.sections.size(), 2u);
 }
 
+TEST(Policy, ASectionMayBeOptional) {
+  policy p = parse_ok("[mount:/]\nfile /a\n[mount:/boot] optional # when it is a file system\n"
+                      "dir /\n");
+  ASSERT_EQ(p.sections.size(), 2u);
+  EXPECT_FALSE(p.sections[0].optional);
+  EXPECT_TRUE(p.sections[1].optional);
+  EXPECT_EQ(p.sections[1].volume_text, "mount:/boot");
+  EXPECT_EQ(p.sections[1].objects.size(), 1u);
+}
+
+TEST(Policy, TheInstalledExampleSelectsTheRunningSystemsVolumes) {
+  policy p;
+  std::string message;
+  ASSERT_TRUE(read_policy(FSIC_EXAMPLE_POLICY, &p, &message)) << message;
+  ASSERT_EQ(p.sections.size(), 2u);
+  EXPECT_EQ(p.sections[0].volume_text, "mount:/");
+  EXPECT_FALSE(p.sections[0].optional);
+  std::vector<std::string> paths;
+  for (const auto &o : p.sections[0].objects)
+    paths.push_back(o.path);
+  EXPECT_EQ(paths, (std::vector<std::string>{"/etc/passwd", "/etc/group", "/etc/shadow",
+                                             "/etc/gshadow", "/etc/login.defs", "/etc/pam.d",
+                                             "/etc/security", "/etc/hosts", "/etc/nsswitch.conf",
+                                             "/etc/profile", "/etc/bash.bashrc", "/etc/environment",
+                                             "/etc/default", "/usr/bin", "/boot"}));
+  EXPECT_EQ(p.sections[1].volume_text, "mount:/boot");
+  EXPECT_TRUE(p.sections[1].optional);
+  ASSERT_EQ(p.sections[1].objects.size(), 1u);
+  EXPECT_EQ(p.sections[1].objects[0].path, "/");
+}
+
 TEST(Policy, AnEmptyPolicyHasNothing) {
   policy p = parse_ok("");
   EXPECT_TRUE(p.images.empty());
@@ -152,6 +183,8 @@ INSTANTIATE_TEST_SUITE_P(
         bad_case{"[disk:1]\n", 1, "a volume is"},
         bad_case{"[part:S:1] file /a\n", 1, "[VOLUME] alone"},
         bad_case{"[part:S:1\n", 1, "[VOLUME] alone"},
+        bad_case{"[part:S:1] optinal\n", 1, "[VOLUME] optional"},
+        bad_case{"[part:S:1] optional optional\n", 1, "[VOLUME] optional"},
         bad_case{"image w part:S:1\n", 1, "expected: image NAME VOLUME PATH"},
         bad_case{"image w part:S:1 /a.img extra\n", 1, "expected: image NAME VOLUME PATH"},
         bad_case{"image w part:S:1 a.img\n", 1, "is not absolute"},

@@ -87,17 +87,17 @@ TEST(Program, AKeyOpenToOthersOrOfTheWrongSizeIsRefused) {
   chmod(key.c_str(), 0600);
   p = fsic({"show", "--db", db, "--key", key});
   EXPECT_EQ(p.status, EXIT_AUTH) << p.describe();
-  EXPECT_EQ(fsic({"show", "--db", db}).status, 0);
+  EXPECT_EQ(fsic({"show", "--db", db, "--no-key"}).status, 0);
 }
 
 TEST(Program, AFifoInPlaceOfTheDatabaseIsRefusedWithoutHanging) {
   support::temp_dir dir;
   std::string fifo = dir.path() + "/db";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  support::proc_result p = fsic({"show", "--db", fifo}, 10);
+  support::proc_result p = fsic({"show", "--db", fifo, "--no-key"}, 10);
   EXPECT_FALSE(p.timed_out);
   EXPECT_EQ(p.status, EXIT_DB_FORMAT) << p.describe();
-  p = fsic({"show", "--db", dir.path() + "/missing"});
+  p = fsic({"show", "--db", dir.path() + "/missing", "--no-key"});
   EXPECT_EQ(p.status, EXIT_DB_FORMAT) << p.describe();
 }
 
@@ -107,7 +107,7 @@ TEST(Program, ACheckReportsAMissingVolumeEvenWhenTheCallerIgnoresSigchld) {
   std::string db = dir.path() + "/db";
   write_missing_volume_db(db);
   std::string check = FSIC_TEST_PROGRAM;
-  check.append(" check --db ").append(db).append(" --no-progress");
+  check.append(" check --no-key --db ").append(db).append(" --no-progress");
   std::string ignoring = "trap '' CHLD; exec ";
   ignoring += check;
   support::proc_result p = run_shell(check);

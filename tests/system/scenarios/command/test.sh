@@ -67,10 +67,10 @@ echo "-- exit ${PIPESTATUS[0]}"
 
 step "a volume selected by where the running system mounts it is kept by its own name"
 mount -o ro /dev/vda1 /run/m
-printf '[mount:/run/m]\nfile /etc/passwd data\n' > mount.policy
-run $F init --policy mount.policy --db $W/db.mount -q
+printf '[mount:/run/m]\nfile /etc/passwd data\n[mount:/nowhere] optional\nfile /x data\n' > mount.policy
+run $F init --policy mount.policy --db $W/db.mount --no-key
 umount /run/m
-$F show --db $W/db.mount | normalize
+$F show --db $W/db.mount --no-key | normalize
 
 step "check: nothing changed"
 run $F check --db $W/db --key $W/key
@@ -127,11 +127,11 @@ printf "\\x$(printf %02x $((byte ^ 1)))" | dd of=$W/db.bad bs=1 seek=$at conv=no
 run $F check --db $W/db.bad --key $W/key -q
 $F keygen --key $W/other
 run $F check --db $W/db --key $W/other -q
-run $F check --db $W/db -q
+run $F check --db $W/db --no-key -q
 head -c 20 $W/db > $W/db.short
 run $F check --db $W/db.short --key $W/key -q
 printf 'NOTADB' > $W/db.magic
-run $F show --db $W/db.magic
+run $F show --db $W/db.magic --no-key
 chmod 0640 $W/key
 run $F check --db $W/db --key $W/key -q
 chmod 0600 $W/key
