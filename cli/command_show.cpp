@@ -214,15 +214,7 @@ void json_object(json_writer &j, fs_ocl_object *o) {
 std::string show_json(const std::string &path, const database &db) {
   std::string out;
   json_writer j(&out);
-  j.begin_object();
-  j.key("fsic_version");
-  j.string(FSIC_CLI_VERSION);
-  j.key("command");
-  j.string("show");
-  j.key("database");
-  j.string(path);
-  j.key("database_created");
-  j.string(iso_time(db.created));
+  json_document_head(j, "show", path, db.created);
   j.key("host");
   j.string(db.host);
   j.key("authentication");

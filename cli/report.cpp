@@ -230,18 +230,23 @@ std::string report_text(const run_report &report) {
   return out;
 }
 
-std::string report_json(const run_report &report) {
-  std::string out;
-  json_writer j(&out);
+void json_document_head(json_writer &j, const std::string &command, const std::string &database,
+                        uint64_t created) {
   j.begin_object();
   j.key("fsic_version");
   j.string(FSIC_CLI_VERSION);
   j.key("command");
-  j.string(report.command);
+  j.string(command);
   j.key("database");
-  j.string(report.database);
+  j.string(database);
   j.key("database_created");
-  j.string(iso_time(report.database_created));
+  j.string(iso_time(created));
+}
+
+std::string report_json(const run_report &report) {
+  std::string out;
+  json_writer j(&out);
+  json_document_head(j, report.command, report.database, report.database_created);
   if (!report.new_database.empty()) {
     j.key("new_database");
     j.string(report.new_database);

@@ -12,6 +12,8 @@
 
 namespace fsic::cli {
 
+class json_writer;
+
 // One side of a change, copied out of the library's record.
 struct side_values {
   bool present = false;
@@ -71,6 +73,11 @@ int report_exit_status(const run_report &report);
 
 std::string report_text(const run_report &report);
 std::string report_json(const run_report &report);
+
+// Opens a JSON document of the command's (check, update, compare, show) and writes its
+// first keys: fsic_version, command, database and database_created.
+void json_document_head(json_writer &j, const std::string &command, const std::string &database,
+                        uint64_t created);
 
 // Seconds since the epoch as ISO 8601 UTC: 2026-11-25T04:25:18Z.
 std::string iso_time(uint64_t seconds);

@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,6 +37,7 @@
 #include "bench/image_volume.h"
 #include "bench/ocl/bench_support.h"
 #include "cli/commands.h"
+#include "tests/support/process.h"
 
 namespace {
 
@@ -50,8 +52,8 @@ struct Options {
   int rounds = 3;
 };
 
-// A tree to measure: made by the benchmark (`dirs`, `files`, sizes), or the files of an
-// existing directory (`copy_of`), which becomes the image's root.
+// A tree to measure: made by the benchmark (`dirs`, `files`, sizes), or a copy of an
+// existing directory of this machine (`copy_of`, at the same path in the image).
 struct TreeShape {
   const char *name;
   unsigned dirs, files;
@@ -157,15 +159,82 @@ void print_line(const char *tool, const char *step, const Sample &s, const TreeS
          static_cast<double>(size.bytes) / 1e6 / s.wall);
 }
 
+// A copy of this machine's /usr as a small root file system under `root`: usr/ and etc/
+// (the target of many of /usr's links, through /etc/alternatives), and the links bin,
+// lib, sbin, ... of a merged /usr. fsic follows links inside a volume, and a directory
+// that holds a link leading nowhere there, or back to a directory above it (as
+// /usr/bin/X11 -> . does), cannot be added as one tree: such links are taken out of the
+// copy, so that both tools measure the same tree. The number of links taken out, or -1.
+long copy_usr(const std::string &root) {
+  namespace fs = std::filesystem;
+  mkdir(root.c_str(), 0755);
+  for (const char *dir : {"/usr", "/etc"}) {
+    support::proc_result cp = support::run({"cp", "-a", dir, root + dir}, {}, true, 3600);
+    if (cp.status != 0) {
+      fprintf(stderr, "fsic-bench-aide: cp -a %s: %s\n", dir, cp.describe().c_str());
+      return -1;
+    }
+  }
+  for (const char *name : {"bin", "lib", "lib32", "lib64", "libx32", "sbin"}) {
+    std::error_code ec;
+    const fs::path link = fs::path("/") / name;
+    if (fs::is_symlink(link, ec))
+      fs::create_symlink(fs::read_symlink(link, ec), root + "/" + name, ec);
+  }
+  // Links are judged from inside the copy, where an absolute target means the copy's.
+  int out[2];
+  if (pipe(out) != 0)
+    return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    long removed = -1;
+    if (chroot(root.c_str()) == 0 && chdir("/") == 0) {
+      std::vector<fs::path> links;
+      std::error_code ec;
+      for (fs::recursive_directory_iterator it("/usr", ec), end; !ec && it != end; it.increment(ec))
+        if (it->is_symlink(ec))
+          links.push_back(it->path());
+      removed = 0;
+      for (const fs::path &link : links) {
+        std::error_code bad;
+        const fs::path target = fs::canonical(link, bad);
+        const std::string parent = link.parent_path().string() + "/";
+        if (bad || (fs::is_directory(target, bad) &&
+                    parent.compare(0, target.string().size() + 1, target.string() + "/") == 0))
+          removed += fs::remove(link, bad) ? 1 : 0;
+      }
+    }
+    ssize_t n = write(out[1], &removed, sizeof removed);
+    _exit(n == sizeof removed ? 0 : 1);
+  }
+  close(out[1]);
+  long removed = -1;
+  if (pid < 0 || read(out[0], &removed, sizeof removed) != sizeof removed)
+    removed = -1;
+  close(out[0]);
+  if (pid > 0)
+    waitpid(pid, nullptr, 0);
+  return removed;
+}
+
 // One tree: false when a tool failed or a check found a change.
 bool bench_tree(const std::string &scratch, const TreeShape &shape, int rounds, unsigned workers) {
   const std::string dir = scratch + "/" + shape.name;
   mkdir(dir.c_str(), 0700);
-  std::string src = shape.copy_of ? shape.copy_of : dir + "/src";
-  std::string inside = shape.copy_of ? "/" : "/tree"; // the tree's path in the image
-  if (!shape.copy_of)
+  const std::string src = dir + "/src";
+  // The tree's path in the image.
+  const std::string inside = shape.copy_of ? shape.copy_of : "/tree";
+  if (shape.copy_of) {
+    const long removed = copy_usr(src);
+    if (removed < 0)
+      return false;
+    printf("%s tree: a copy of %s; %ld links that lead nowhere in it, or above themselves, "
+           "taken out\n",
+           shape.name, shape.copy_of, removed);
+  } else {
     bench::make_tree(src + "/tree", shape.dirs, shape.files, shape.min_size, shape.max_size, 7);
-  const TreeSize size = count_tree(shape.copy_of ? src : src + "/tree");
+  }
+  const TreeSize size = count_tree(src + inside);
   const std::string image = dir + "/tree.img";
   // Room for the data with its blocks rounded up, and the metadata.
   const off_t image_size =
@@ -175,8 +244,7 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, int rounds, 
     fprintf(stderr, "fsic-bench-aide: the %s tree's image: %s\n", shape.name, made.message());
     return false;
   }
-  if (!shape.copy_of)
-    std::filesystem::remove_all(src);
+  std::filesystem::remove_all(src);
   bench::image_volume v(kSerial);
   if (!v.attach(image)) {
     fprintf(stderr, "fsic-bench-aide: no loop device for the %s tree\n", shape.name);
@@ -210,7 +278,7 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, int rounds, 
   // aide: the same attributes of the same tree, through the benchmark's mount.
   const std::string conf = dir + "/aide.conf", aide_in = dir + "/aide.db",
                     aide_out = dir + "/aide.db.new", aide_report = dir + "/aide.out";
-  std::string watched = dir + "/mnt" + (inside == "/" ? "" : inside);
+  const std::string watched = dir + "/mnt" + inside;
   ok = ok && write_file(conf, "database_in=file:" + aide_in + "\ndatabase_out=file:" + aide_out +
                                   "\ngzip_dbout=no\nreport_url=stdout\n"
                                   "Fsic = p+u+g+s+m+gost\n" +
