@@ -173,28 +173,37 @@ struct init_run {
   }
 };
 
-// Makes the parent directory of `path`, with `mode`, when it is missing: 0, or 22.
-int make_parent_dir(const std::string &path, mode_t mode) {
-  size_t slash = path.rfind('/');
-  if (slash == std::string::npos || slash == 0)
+// Makes the directories above `path` that are missing: the last one with `mode`, those
+// above it with 0755. 0, or 22.
+int make_parent_dirs(const std::string &path, mode_t mode) {
+  const size_t last = path.rfind('/');
+  if (last == std::string::npos || last == 0)
     return EXIT_OK;
-  std::string dir = path.substr(0, slash);
-  if (mkdir(dir.c_str(), mode) == 0 || errno == EEXIST)
-    return EXIT_OK;
-  fprintf(stderr, "fsic: cannot make %s: %s\n", dir.c_str(), strerror(errno));
-  return EXIT_WRITE;
+  for (size_t slash = path.find('/', 1); slash != std::string::npos && slash <= last;
+       slash = path.find('/', slash + 1)) {
+    const std::string dir = path.substr(0, slash);
+    if (mkdir(dir.c_str(), slash == last ? mode : 0755) != 0 && errno != EEXIST) {
+      fprintf(stderr, "fsic: cannot make %s: %s\n", dir.c_str(), strerror(errno));
+      return EXIT_WRITE;
+    }
+  }
+  return EXIT_OK;
 }
 
-// The default files on the first init: the key, made when it is missing (with its
-// directory), and the database's directory (private to root). 0, 16 or 22.
+// The default files on the first init: the database's directory (private to root) and
+// the key, made when it is missing (with its directory). A key is only made for a new
+// database (or one that --force replaces): a missing key beside an existing database
+// is said as such, never replaced by one that would not match it. 0, 16 or 22.
 int prepare_default_files(const options &o) {
   if (o.db == FSIC_DEFAULT_DB)
-    if (int status = make_parent_dir(o.db, 0700))
+    if (int status = make_parent_dirs(o.db, 0700))
       return status;
   struct stat st {};
   if (!o.key_is_default || lstat(o.key.c_str(), &st) == 0 || errno != ENOENT)
     return EXIT_OK; // reading the key says what is wrong with it
-  if (int status = make_parent_dir(o.key, 0755))
+  if (!o.force && lstat(o.db.c_str(), &st) == 0)
+    return EXIT_OK;
+  if (int status = make_parent_dirs(o.key, 0755))
     return status;
   if (int status = generate_key_file(o.key))
     return status;

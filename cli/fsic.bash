@@ -1,5 +1,5 @@
 # bash completion for fsic: commands, each command's options, and file names where an
-# option or operand takes a file.
+# option or operand takes a file (the option's value as its own word: --db FILE).
 
 _fsic() {
   local cur=${COMP_WORDS[COMP_CWORD]}
@@ -15,12 +15,12 @@ _fsic() {
 
   case $prev in
     --policy | --db | --key)
-      COMPREPLY=($(compgen -f -- "$cur"))
+      mapfile -t COMPREPLY < <(compgen -f -- "$cur")
       compopt -o filenames 2>/dev/null
       return
       ;;
     --accept)
-      COMPREPLY=($(compgen -d -- "$cur"))
+      mapfile -t COMPREPLY < <(compgen -d -- "$cur")
       compopt -o filenames 2>/dev/null
       return
       ;;
@@ -43,7 +43,7 @@ _fsic() {
   if [[ $cur == -* ]]; then
     COMPREPLY=($(compgen -W "$options $common" -- "$cur"))
   elif [[ ${COMP_WORDS[1]} == compare ]]; then
-    COMPREPLY=($(compgen -f -- "$cur"))
+    mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     compopt -o filenames 2>/dev/null
   fi
 }

@@ -94,9 +94,10 @@ and attributes, keyed by volume identifiers that survive a reboot.]=])
 
   set(CPACK_DEBIAN_DEV_PACKAGE_NAME libfsic-dev)
   set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-  # What fsic.pc requires (privately) for static linking, and pkg-config checks alike.
+  # What fsic.pc requires (privately) for static linking, and pkg-config checks alike;
+  # pkg-config itself, which the CMake package uses to find them.
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libfsic0 (= ${FSIC_DEB_VERSION}), libudev-dev, \
-libblkid-dev, libblockdev-dev, libblockdev-utils-dev, libglib2.0-dev")
+libblkid-dev, libblockdev-dev, libblockdev-utils-dev, libglib2.0-dev, pkg-config")
   set(CPACK_DEBIAN_DEV_DESCRIPTION [=[file integrity control library (development files)
 libfsic finds the block devices of a machine, mounts them read-only on demand
 and keeps lists of files and directories with their GOST R 34.11-94 hashes

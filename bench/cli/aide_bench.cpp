@@ -199,8 +199,8 @@ long copy_usr(const std::string &root) {
         std::error_code bad;
         const fs::path target = fs::canonical(link, bad);
         const std::string parent = link.parent_path().string() + "/";
-        if (bad || (fs::is_directory(target, bad) &&
-                    parent.compare(0, target.string().size() + 1, target.string() + "/") == 0))
+        const std::string above = target == "/" ? "/" : target.string() + "/";
+        if (bad || (fs::is_directory(target, bad) && parent.compare(0, above.size(), above) == 0))
           removed += fs::remove(link, bad) ? 1 : 0;
       }
     }

@@ -137,6 +137,16 @@ fsic init --policy "$work/policy" --no-progress
 [[ $(stat -c '%a %s' /etc/fsic/key) == "600 32" ]] || fail "the default key is not 32 bytes, mode 0600"
 fsic check --no-progress
 fsic show
+# Beside an existing database a missing key is not made anew (it would not match):
+# init says that the key is missing.
+mv /etc/fsic/key "$work/key"
+status=0
+fsic init --policy "$work/policy" --no-progress 2>"$work/err" || status=$?
+cat "$work/err"
+[[ $status == 19 && ! -e /etc/fsic/key ]] && grep -q /etc/fsic/key "$work/err" ||
+  fail "init beside a database without its key: status $status, a key made: $([[ -e /etc/fsic/key ]] && echo yes)"
+mv "$work/key" /etc/fsic/key
+fsic check --no-progress -q
 
 echo "== a C program and a CMake project against libfsic-dev"
 cc -std=c11 -Wall -Wextra -Werror "$consumer/consumer.c" -o "$work/consumer" $(pkg-config --cflags --libs fsic)
