@@ -8,14 +8,14 @@ namespace fsic::cli {
 
 namespace {
 
-struct command_spec {
+struct command_entry {
   const char *name;
   const char *usage;
   const char *options; // the options that take a value or are flags, blank-separated
   int operands;        // positional arguments
 };
 
-const command_spec commands[] = {
+const command_entry commands[] = {
     {"volumes", "fsic volumes [--json] [--all]", "--json --all", 0},
     {"init", "fsic init [--policy FILE] [--db FILE] [--key FILE | --no-key] [--force]",
      "--policy --db --key --no-key --force", 0},
@@ -52,8 +52,8 @@ bool has_word(const char *list, const std::string &word) {
   return false;
 }
 
-const command_spec *find_command(const std::string &name) {
-  for (const command_spec &c : commands)
+const command_entry *find_command(const std::string &name) {
+  for (const command_entry &c : commands)
     if (name == c.name)
       return &c;
   return nullptr;
@@ -93,7 +93,7 @@ bool set_flag(options *o, const std::string &option) {
 
 // Fills in the default files of the options that the command takes but were not given:
 // true; false with a message when --key and --no-key are both given.
-bool apply_defaults(const command_spec &c, options *o, std::string *message) {
+bool apply_defaults(const command_entry &c, options *o, std::string *message) {
   if (has_word(c.options, "--policy") && o->policy.empty())
     o->policy = FSIC_DEFAULT_POLICY;
   if (has_word(c.options, "--db") && o->db.empty())
@@ -113,10 +113,10 @@ bool apply_defaults(const command_spec &c, options *o, std::string *message) {
 } // namespace
 
 std::string usage_text(const std::string &command) {
-  if (const command_spec *c = find_command(command))
+  if (const command_entry *c = find_command(command))
     return std::string("Usage: ") + c->usage + "\n" + common_usage;
   std::string text = "Usage:\n";
-  for (const command_spec &c : commands)
+  for (const command_entry &c : commands)
     text += std::string("  ") + c.usage + "\n";
   text += "  fsic --version | --help | COMMAND --help\n";
   text += common_usage;
@@ -139,12 +139,12 @@ bool parse_args(const std::vector<std::string> &args, options *out, std::string 
     *out = o;
     return true;
   }
-  const command_spec *spec = find_command(args[0]);
-  if (!spec) {
+  const command_entry *entry = find_command(args[0]);
+  if (!entry) {
     *message = "unknown command \"" + args[0] + "\" (try fsic --help)";
     return false;
   }
-  o.command = spec->name;
+  o.command = entry->name;
   bool options_end = false;
   for (size_t i = 1; i < args.size(); i++) {
     std::string arg = args[i];
@@ -176,7 +176,7 @@ bool parse_args(const std::vector<std::string> &args, options *out, std::string 
       arg = arg.substr(0, eq);
       inline_value = true;
     }
-    if (!has_word(spec->options, arg)) {
+    if (!has_word(entry->options, arg)) {
       *message =
           "fsic " + o.command + " has no option " + arg + " (try fsic " + o.command + " --help)";
       return false;
@@ -206,14 +206,14 @@ bool parse_args(const std::vector<std::string> &args, options *out, std::string 
     *out = o;
     return true;
   }
-  if (static_cast<int>(o.operands.size()) != spec->operands) {
+  if (static_cast<int>(o.operands.size()) != entry->operands) {
     *message =
-        spec->operands
-            ? "fsic " + o.command + " takes " + std::to_string(spec->operands) + " database files"
+        entry->operands
+            ? "fsic " + o.command + " takes " + std::to_string(entry->operands) + " database files"
             : "fsic " + o.command + " takes no argument \"" + o.operands.front() + "\"";
     return false;
   }
-  if (!apply_defaults(*spec, &o, message))
+  if (!apply_defaults(*entry, &o, message))
     return false;
   *out = std::move(o);
   return true;

@@ -52,15 +52,6 @@ struct Options {
   int rounds = 3;
 };
 
-// A tree to measure: made by the benchmark (`dirs`, `files`, sizes), or a copy of an
-// existing directory of this machine (`copy_of`, at the same path in the image).
-struct TreeShape {
-  const char *name;
-  unsigned dirs, files;
-  size_t min_size, max_size;
-  const char *copy_of = nullptr;
-};
-
 struct TreeSize {
   uint64_t files = 0, bytes = 0;
 };
@@ -217,20 +208,23 @@ long copy_usr(const std::string &root) {
   return removed;
 }
 
-// One tree: false when a tool failed or a check found a change.
-bool bench_tree(const std::string &scratch, const TreeShape &shape, int rounds, unsigned workers) {
+// One tree, made by the benchmark after `shape` or, with `usr_copy`, a copy of this
+// machine's /usr (at /usr in the image): false when a tool failed or a check found a
+// change.
+bool bench_tree(const std::string &scratch, const bench::TreeShape &shape, bool usr_copy,
+                int rounds, unsigned workers) {
   const std::string dir = scratch + "/" + shape.name;
   mkdir(dir.c_str(), 0700);
   const std::string src = dir + "/src";
   // The tree's path in the image.
-  const std::string inside = shape.copy_of ? shape.copy_of : "/tree";
-  if (shape.copy_of) {
+  const std::string inside = usr_copy ? "/usr" : "/tree";
+  if (usr_copy) {
     const long removed = copy_usr(src);
     if (removed < 0)
       return false;
-    printf("%s tree: a copy of %s; %ld links that lead nowhere in it, or above themselves, "
+    printf("%s tree: a copy of /usr; %ld links that lead nowhere in it, or above themselves, "
            "taken out\n",
-           shape.name, shape.copy_of, removed);
+           shape.name, removed);
   } else {
     bench::make_tree(src + "/tree", shape.dirs, shape.files, shape.min_size, shape.max_size, 7);
   }
@@ -338,13 +332,15 @@ bool bench_tree(const std::string &scratch, const TreeShape &shape, int rounds, 
 
   ok = ok && fsic_round(false) && aide_round(false);
   // aide finds what its selection line matches: nothing at all would be a fast no-op.
-  if (ok && aide_entries(aide_in) < size.files) {
-    fprintf(stderr,
-            "fsic-bench-aide: aide's database of the %s tree has %llu entries for %llu "
-            "files\n",
-            shape.name, static_cast<unsigned long long>(aide_entries(aide_in)),
-            static_cast<unsigned long long>(size.files));
-    ok = false;
+  if (ok) {
+    const uint64_t entries = aide_entries(aide_in);
+    if (entries < size.files) {
+      fprintf(stderr,
+              "fsic-bench-aide: aide's database of the %s tree has %llu entries for %llu files\n",
+              shape.name, static_cast<unsigned long long>(entries),
+              static_cast<unsigned long long>(size.files));
+      ok = false;
+    }
   }
   for (int r = 0; ok && r < rounds; r++)
     ok = fsic_round(true) && aide_round(true);
@@ -393,13 +389,9 @@ int main(int argc, char **argv) {
   const unsigned workers = std::max(1u, std::thread::hardware_concurrency());
   printf("aide with %u workers, fsic on one thread\n", workers);
   bench::ScratchDir scratch;
-  const TreeShape large = o.quick ? TreeShape{"large", 0, 4, 64 << 10, 64 << 10}
-                                  : TreeShape{"large", 0, 64, 4 << 20, 4 << 20};
-  const TreeShape small =
-      o.quick ? TreeShape{"small", 4, 200, 1024, 8192} : TreeShape{"small", 200, 20000, 1024, 8192};
-  bool ok = bench_tree(scratch.path(), large, o.rounds, workers);
-  ok = bench_tree(scratch.path(), small, o.rounds, workers) && ok;
+  bool ok = bench_tree(scratch.path(), bench::large_tree(o.quick), false, o.rounds, workers);
+  ok = bench_tree(scratch.path(), bench::small_tree(o.quick), false, o.rounds, workers) && ok;
   if (o.usr)
-    ok = bench_tree(scratch.path(), TreeShape{"usr", 0, 0, 0, 0, "/usr"}, 1, workers) && ok;
+    ok = bench_tree(scratch.path(), bench::TreeShape{"usr", 0, 0, 0, 0}, true, 1, workers) && ok;
   return ok ? 0 : 1;
 }

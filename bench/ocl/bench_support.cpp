@@ -66,6 +66,16 @@ std::string hex(const uint8_t *p, size_t n) {
   return s;
 }
 
+TreeShape large_tree(bool quick) {
+  return quick ? TreeShape{"large", 0, 4, 64 << 10, 64 << 10}
+               : TreeShape{"large", 0, 64, 4 << 20, 4 << 20};
+}
+
+TreeShape small_tree(bool quick) {
+  return quick ? TreeShape{"small", 4, 200, 1024, 8192}
+               : TreeShape{"small", 200, 20000, 1024, 8192};
+}
+
 ScratchDir::ScratchDir() {
   const char *base = getenv("TMPDIR");
   std::string templ = std::string(base && *base ? base : "/tmp") + "/fsic-bench-XXXXXX";

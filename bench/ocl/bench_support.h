@@ -54,6 +54,18 @@ private:
   std::string path_;
 };
 
+// A test tree: `files` files over `dirs` subdirectories (none when 0), of sizes drawn
+// uniformly from [min_size, max_size].
+struct TreeShape {
+  const char *name;
+  unsigned dirs, files;
+  size_t min_size, max_size;
+};
+// The trees that the benchmarks on devices measure: 64 files of 4 MiB in one directory,
+// and 20,000 files of 1 to 8 KiB in 200 directories; tiny ones for a quick run.
+TreeShape large_tree(bool quick);
+TreeShape small_tree(bool quick);
+
 // `files` files spread over `dirs` subdirectories (none when 0), of sizes drawn
 // uniformly from [min_size, max_size], filled with pseudo-random bytes. Returns the
 // bytes written.

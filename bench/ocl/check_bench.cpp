@@ -39,12 +39,6 @@ using bench::Sample;
 constexpr uint32_t kFlags = EACH_FILE | RECURSIVE | CONTROL_DATA | CONTROL_ATTRS;
 constexpr int kExitSkip = 77;
 
-struct TreeShape {
-  const char *name;
-  unsigned dirs, files;
-  size_t min_size, max_size;
-};
-
 struct Options {
   bool quick = false;
   int rounds = 5;
@@ -105,7 +99,7 @@ void print_line(const char *what, const Sample &m, double mb, const Sample *base
 }
 
 // One tree: false when something failed or a check found what it should not.
-bool bench_tree(const std::string &scratch, const TreeShape &shape, const Options &o) {
+bool bench_tree(const std::string &scratch, const bench::TreeShape &shape, const Options &o) {
   const std::string src = scratch + "/" + shape.name;
   const uint64_t bytes =
       bench::make_tree(src + "/tree", shape.dirs, shape.files, shape.min_size, shape.max_size, 11);
@@ -211,11 +205,7 @@ int main(int argc, char **argv) {
     return kExitSkip;
   }
   bench::ScratchDir scratch;
-  const TreeShape large = o.quick ? TreeShape{"large", 0, 4, 64 << 10, 64 << 10}
-                                  : TreeShape{"large", 0, 64, 4 << 20, 4 << 20};
-  const TreeShape small =
-      o.quick ? TreeShape{"small", 4, 200, 1024, 8192} : TreeShape{"small", 200, 20000, 1024, 8192};
-  bool ok = bench_tree(scratch.path(), large, o);
-  ok = bench_tree(scratch.path(), small, o) && ok;
+  bool ok = bench_tree(scratch.path(), bench::large_tree(o.quick), o);
+  ok = bench_tree(scratch.path(), bench::small_tree(o.quick), o) && ok;
   return ok ? 0 : 1;
 }

@@ -58,12 +58,6 @@ struct Options {
   unsigned rounds = 5;
 };
 
-struct TreeShape {
-  const char *name;
-  unsigned dirs, files;
-  size_t min_size, max_size;
-};
-
 const uint32_t kAllFlags = EACH_FILE | RECURSIVE | CONTROL_DATA | CONTROL_ATTRS;
 
 using Digests = std::map<std::string, Digest>;
