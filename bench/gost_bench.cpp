@@ -14,6 +14,9 @@
 // Small messages: whole init/update/final per message, 64-byte and 1 KiB messages
 // taken one after another from the buffer.
 //
+// Many streams: the multi-stream path against the single-stream one and librhash (see
+// gost_bench_multi.cpp).
+//
 // Rates are in MB/s, 1 MB = 10^6 bytes. Nothing here is a pass/fail on speed; with
 // --quick (small buffer, few rounds) the program only checks that it runs and that the
 // implementations agree, and exits with 1 when they do not.
@@ -40,6 +43,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "bench/gost_bench_multi.h"
 
 namespace {
 
@@ -172,11 +177,7 @@ private:
 };
 #endif
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
+using bench::median;
 
 struct options {
   bool quick = false;
@@ -400,6 +401,15 @@ int main(int argc, char **argv) {
   }
   std::printf("\n1 KiB messages, parameter set 0, %u rounds:\n", small_rounds);
   small(set0, 0, buffer.data(), bytes, 1024, small_rounds, budget);
+
+  std::vector<bench::stream_peer> peers;
+#ifdef FSIC_HAVE_RHASH
+  peers.push_back({"librhash", [](const uint8_t *p, size_t n, uint8_t out[32]) {
+                     rhash_msg(RHASH_GOST94_CRYPTOPRO, p, n, out);
+                   }});
+#endif
+  if (!bench::multi_stream_rows(buffer.data(), bytes, o.quick, peers))
+    failed = true;
 
   std::printf("\n%s in %.1f s\n", failed ? "FAILED: the implementations disagree" : "done",
               seconds_since(t_start));

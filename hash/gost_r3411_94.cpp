@@ -110,9 +110,7 @@ FSIC_GOST_INLINE void transform_a(uint32_t y[8]) {
   y[7] = x1;
 }
 
-// The constant C3 of the key generation, word 0 lowest (C2 = C4 = 0).
-constexpr uint32_t c3_words[8] = {0xff00ff00u, 0xff00ff00u, 0x00ff00ffu, 0x00ff00ffu,
-                                  0x00ffff00u, 0xff0000ffu, 0x000000ffu, 0xff00ffffu};
+constexpr const uint32_t (&c3_words)[8] = gost_r3411_94_c3;
 
 // The four keys of a step: U = H, V = M, K1 = P(U ^ V); then U := A(U) ^ C_j,
 // V := A(A(V)), K_j = P(U ^ V).
@@ -279,22 +277,8 @@ FSIC_GOST_INLINE void make_keys_sse2(vec256 h, vec256 m, uint32_t k[4][8]) {
 // Mixing. A power of psi maps each output 16-bit lane to an xor of input lanes: row[j]
 // has bit i set when input lane i goes into output lane j (lane 0 = low half of
 // word 0).
-struct lane_matrix {
-  uint32_t row[16];
-};
-
-constexpr lane_matrix psi_power(int n) {
-  lane_matrix a{};
-  for (int j = 0; j < 16; ++j)
-    a.row[j] = 1u << j;
-  for (int s = 0; s < n; ++s) {
-    const uint32_t top = a.row[0] ^ a.row[1] ^ a.row[2] ^ a.row[3] ^ a.row[12] ^ a.row[15];
-    for (int j = 0; j < 15; ++j)
-      a.row[j] = a.row[j + 1];
-    a.row[15] = top;
-  }
-  return a;
-}
+using lane_matrix = gost_r3411_94_lane_matrix;
+constexpr lane_matrix psi_power(int n) { return gost_r3411_94_psi_power(n); }
 
 // The same map as masks on 32-bit words: output word j is the xor over the input
 // words i of (w_i & direct[i][j]) ^ (rotl16(w_i) & swapped[i][j]).
@@ -539,6 +523,10 @@ void gost_r3411_94_compress(gost_r3411_94_ctx *ctx, const uint32_t m[8]) noexcep
 
 void gost_r3411_94_transform(gost_r3411_94_ctx *ctx, const uint8_t *block, uint64_t bits) noexcept {
   transform<FSIC_GOST_SSE2>(ctx, block, bits);
+}
+
+void gost_r3411_94_blocks(gost_r3411_94_ctx *ctx, const uint8_t *p, size_t blocks) noexcept {
+  process_blocks<FSIC_GOST_SSE2>(ctx, p, blocks);
 }
 
 gost_r3411_94_ctx *gost_r3411_94_create_context(void) noexcept {

@@ -48,6 +48,9 @@ constexpr gost_r3411_94_params expand(const sboxes &k) {
       p.sbox[t][i] = rotl11(hi << (8 * t + 4) | lo << (8 * t));
     }
   }
+  for (unsigned j = 0; j < 8; ++j)
+    for (unsigned v = 0; v < 16; ++v)
+      p.kbox[j][v] = static_cast<uint8_t>(sbox(k, j, v));
   p.start[0] = 0; // both sets start from a zero hash value
   p.start[1] = 0;
   return p;
