@@ -20,6 +20,35 @@ using namespace fsic::detail;
 
 using info_owner = owner<fs_ocl_dir_info, _fs_ocl_destroy_dir_info>;
 
+// The level whose file hashes are being filled in.
+struct file_hashes {
+  fs_ocl_walk *w;
+  fs_ocl_dir_info *info;
+  bool with_attrs;
+};
+
+fsic_status use_file_hash(void *arg, int i, const fs_ocl_file_hash *r) noexcept {
+  const file_hashes *f = static_cast<const file_hashes *>(arg);
+  fs_ocl_dir_info *info = f->info;
+  fs_ocl_walk *w = f->w;
+  if (r->status != FSIC_OK && r->status != FSIC_ERR_NO_MEMORY && w->unreadable) {
+    // A check notes the file and goes on; its values are not taken.
+    memset(info->file_hashes[i], 0, FS_OCL_HASH_SIZE);
+    if (f->with_attrs)
+      info->file_attrs[i] = fs_ocl_file_attrs{};
+    FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, info, i, 0, r->status));
+    _fs_ocl_walk_file_done(w, info->file_names[i], 0);
+    return FSIC_OK;
+  }
+  if (r->status != FSIC_OK)
+    return r->status;
+  memcpy(info->file_hashes[i], r->hash, FS_OCL_HASH_SIZE);
+  if (f->with_attrs)
+    _fs_ocl_stat_to_file_attrs(&r->st, &info->file_attrs[i]);
+  _fs_ocl_walk_file_done(w, info->file_names[i], static_cast<uint64_t>(r->st.st_size));
+  return FSIC_OK;
+}
+
 // The content hashes of the info's files (whose names it holds) in the directory `dir`
 // and, with `with_attrs`, their attributes from the stats that describe the bytes
 // hashed.
@@ -38,26 +67,8 @@ fsic_status fill_file_hashes(fs_ocl_walk *w, int dir, fs_ocl_dir_info *info,
     if (!info->file_attrs)
       return FSIC_ERR_NO_MEMORY;
   }
-  for (int i = 0; i < count; ++i) {
-    struct stat st;
-    const fsic_status status =
-        _fs_ocl_hash_entry(w, dir, info->file_names[i], info->file_hashes[i], &st);
-    if (status != FSIC_OK && status != FSIC_ERR_NO_MEMORY && w->unreadable) {
-      // A check notes the file and goes on; its values are not taken.
-      memset(info->file_hashes[i], 0, FS_OCL_HASH_SIZE);
-      if (with_attrs)
-        info->file_attrs[i] = fs_ocl_file_attrs{};
-      FSIC_TRY(_fs_ocl_unreadable_add(w->unreadable, info, i, 0, status));
-      _fs_ocl_walk_file_done(w, info->file_names[i], 0);
-      continue;
-    }
-    if (status != FSIC_OK)
-      return status;
-    if (with_attrs)
-      _fs_ocl_stat_to_file_attrs(&st, &info->file_attrs[i]);
-    _fs_ocl_walk_file_done(w, info->file_names[i], static_cast<uint64_t>(st.st_size));
-  }
-  return FSIC_OK;
+  file_hashes f{w, info, with_attrs};
+  return _fs_ocl_hash_entries(w, dir, info->file_names, count, use_file_hash, &f);
 }
 
 // Cuts the subdirectory arrays of `info` back to their first `kept` entries (the

@@ -89,31 +89,6 @@ fsic_status read_into(int fd, uint64_t size, gost_r3411_94_ctx *ctx, uint64_t *t
   return FSIC_OK;
 }
 
-// Whether two stats of one file show the same size, mtime and ctime.
-bool unchanged(const struct stat &a, const struct stat &b) noexcept {
-  return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
-         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
-// A file that changes while it is read is read again this often before giving up.
-constexpr int max_rereads = 3;
-
-// Opens the file `name` of the directory `dir` for reading: anything but a regular file
-// (a FIFO or device swapped in after the scan) is not read, and one on another mount
-// fails like one that vanished. 0, 1, 3, 11, 12.
-fsic_status open_file(fs_ocl_walk *w, int dir, const char *name, int *fd,
-                      struct stat *st) noexcept {
-  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, fd, st);
-  if (status == FSIC_ERR_UNAVAILABLE)
-    return FSIC_ERR_FAILED;
-  if (status == FSIC_OK && !S_ISREG(st->st_mode)) {
-    close(*fd);
-    return FSIC_ERR_FAILED;
-  }
-  return status;
-}
-
 // The stat of the file `name` of `dir` (links followed within the volume): the same
 // statuses as open_file.
 fsic_status stat_file(fs_ocl_walk *w, int dir, const char *name, struct stat *st) noexcept {
@@ -123,35 +98,51 @@ fsic_status stat_file(fs_ocl_walk *w, int dir, const char *name, struct stat *st
   return status;
 }
 
-// Feeds one file of the directory `dir`: its name and, as the flags ask, its content
-// hash and its attributes (from the stat that describes the bytes hashed).
-fsic_status hash_file(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, const char *name,
-                      uint32_t flags) noexcept {
+// Feeds one file: its name and, as the flags ask, its content hash and its attributes
+// from `st` (for a content hash, the stat that describes the bytes hashed).
+void feed_file(gost_r3411_94_ctx *ctx, const fs_ocl_walk *w, const char *name, const uint8_t *hash,
+               const struct stat *st, uint32_t flags) noexcept {
   feed_name(ctx, name);
   if (!(flags & (CONTROL_DATA | CONTROL_ATTRS)))
-    return FSIC_OK;
-
-  struct stat st;
-  if (flags & CONTROL_DATA) {
-    uint8_t hash[FS_OCL_HASH_SIZE];
-    FSIC_TRY(_fs_ocl_hash_entry(w, dir, name, hash, &st));
-    gost_r3411_94_update(ctx, hash, sizeof hash);
-  } else {
-    FSIC_TRY(stat_file(w, dir, name, &st));
-  }
+    return;
+  if (hash)
+    gost_r3411_94_update(ctx, hash, FS_OCL_HASH_SIZE);
   if (flags & CONTROL_ATTRS) {
     fs_ocl_file_attrs attrs;
-    _fs_ocl_stat_to_file_attrs(&st, &attrs);
+    _fs_ocl_stat_to_file_attrs(st, &attrs);
     feed_file_attrs(ctx, &attrs);
   }
-  _fs_ocl_walk_file_done(w, name, (flags & CONTROL_DATA) ? static_cast<uint64_t>(st.st_size) : 0);
+  _fs_ocl_walk_file_done(w, name, hash ? static_cast<uint64_t>(st->st_size) : 0);
+}
+
+// The files of a level being fed with their content hashes.
+struct hashed_files {
+  gost_r3411_94_ctx *ctx;
+  const fs_ocl_walk *w;
+  char *const *names;
+  uint32_t flags;
+};
+
+fsic_status use_file_hash(void *arg, int i, const fs_ocl_file_hash *r) noexcept {
+  const hashed_files *f = static_cast<const hashed_files *>(arg);
+  if (r->status != FSIC_OK)
+    return r->status;
+  feed_file(f->ctx, f->w, f->names[i], r->hash, &r->st, f->flags);
   return FSIC_OK;
 }
 
 fsic_status hash_files(gost_r3411_94_ctx *ctx, fs_ocl_walk *w, int dir, char *const *names,
                        int count, uint32_t flags) noexcept {
-  for (int i = 0; i < count; ++i)
-    FSIC_TRY(hash_file(ctx, w, dir, names[i], flags));
+  if (flags & CONTROL_DATA) {
+    hashed_files f{ctx, w, names, flags};
+    return _fs_ocl_hash_entries(w, dir, names, count, use_file_hash, &f);
+  }
+  for (int i = 0; i < count; ++i) {
+    struct stat st = {};
+    if (flags & CONTROL_ATTRS)
+      FSIC_TRY(stat_file(w, dir, names[i], &st));
+    feed_file(ctx, w, names[i], nullptr, &st, flags);
+  }
   return FSIC_OK;
 }
 
@@ -238,10 +229,30 @@ fsic_status _create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32
 
 extern "C" {
 
+fsic_status _fs_ocl_open_file_entry(fs_ocl_walk *w, int dir, const char *name, int *fd,
+                                    struct stat *st) noexcept {
+  // Anything but a regular file (a FIFO or device swapped in after the scan) is not read,
+  // and one on another mount fails like one that vanished.
+  fsic_status status = _fs_ocl_open_entry(w, dir, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, fd, st);
+  if (status == FSIC_ERR_UNAVAILABLE)
+    return FSIC_ERR_FAILED;
+  if (status == FSIC_OK && !S_ISREG(st->st_mode)) {
+    close(*fd);
+    return FSIC_ERR_FAILED;
+  }
+  return status;
+}
+
+int _fs_ocl_stat_unchanged(const struct stat *a, const struct stat *b) noexcept {
+  return a->st_size == b->st_size && a->st_mtim.tv_sec == b->st_mtim.tv_sec &&
+         a->st_mtim.tv_nsec == b->st_mtim.tv_nsec && a->st_ctim.tv_sec == b->st_ctim.tv_sec &&
+         a->st_ctim.tv_nsec == b->st_ctim.tv_nsec;
+}
+
 fsic_status _fs_ocl_hash_entry(fs_ocl_walk *w, int dir, const char *name,
                                uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) noexcept {
   int fd;
-  FSIC_TRY(open_file(w, dir, name, &fd, st));
+  FSIC_TRY(_fs_ocl_open_file_entry(w, dir, name, &fd, st));
   const fsic_status status = _fs_ocl_fd_hash(fd, hash, st);
   close(fd);
   return status;
@@ -255,7 +266,7 @@ fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat 
   // pass's closing one, and its own.
   fsic_status status = FSIC_ERR_CHANGED;
   struct stat before = *st;
-  for (int pass = 0; pass <= max_rereads; ++pass) {
+  for (int pass = 0; pass <= FS_OCL_MAX_REREADS; ++pass) {
     struct stat after;
     uint64_t total = 0;
     status = read_into(fd, (uint64_t)before.st_size, ctx, &total);
@@ -263,7 +274,7 @@ fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat 
       status = FSIC_ERR_FAILED;
     if (status != FSIC_OK)
       break;
-    if (unchanged(before, after) && total == (uint64_t)after.st_size) {
+    if (_fs_ocl_stat_unchanged(&before, &after) && total == (uint64_t)after.st_size) {
       gost_r3411_94_final(ctx, hash);
       *st = after;
       break;

@@ -18,6 +18,7 @@ FSIC_BEGIN_DECLS
 
 struct fs_ocl_unreadable_set;
 struct fs_ocl_progress;
+struct fs_ocl_hash_arena;
 
 // Where the paths of one add resolve, and the full name of what is being worked on.
 // With a base every path, link and ".." resolves with the base as the root and mounts
@@ -32,6 +33,8 @@ typedef struct fs_ocl_walk {
   struct fs_ocl_unreadable_set *unreadable;
   // The progress to count each file measured in; null: none.
   struct fs_ocl_progress *progress;
+  // The buffers of the files read together (see _fs_ocl_hash_entries); null until then.
+  struct fs_ocl_hash_arena *hashing;
 } fs_ocl_walk;
 
 // Starts a walk for the object `path` under `base` (nullptr: the running system).
@@ -101,6 +104,36 @@ fsic_status _fs_ocl_fd_hash(int fd, uint8_t hash[FS_OCL_HASH_SIZE], struct stat 
 // 11, 12, 13.
 fsic_status _fs_ocl_hash_entry(fs_ocl_walk *w, int dir, const char *name,
                                uint8_t hash[FS_OCL_HASH_SIZE], struct stat *st) FSIC_NOEXCEPT;
+
+// A file that changes while it is read is read again this often before giving up.
+#define FS_OCL_MAX_REREADS 3
+
+// Opens the entry `name` of `dir` for reading the way _fs_ocl_hash_entry does: a regular
+// file only (anything else, or one on another mount, is 1). 0, 1, 3, 11, 12.
+fsic_status _fs_ocl_open_file_entry(fs_ocl_walk *w, int dir, const char *name, int *fd,
+                                    struct stat *st) FSIC_NOEXCEPT;
+// Whether two stats of one file show the same size, mtime and ctime.
+int _fs_ocl_stat_unchanged(const struct stat *a, const struct stat *b) FSIC_NOEXCEPT;
+
+// What _fs_ocl_hash_entry gives for one file.
+typedef struct fs_ocl_file_hash {
+  fsic_status status;
+  uint8_t hash[FS_OCL_HASH_SIZE];
+  struct stat st; // valid with status 0
+} fs_ocl_file_hash;
+
+// Takes the result for names[i]; a status other than 0 stops the batch and is returned.
+typedef fsic_status (*fs_ocl_file_hash_use)(void *arg, int i, const fs_ocl_file_hash *r);
+
+// The content hashes of the entries names[0, count) of the directory open on `dir`
+// (whose full name `w` holds), each measured as _fs_ocl_hash_entry measures it, many at
+// once, handed to `use` in the order of the names. Returns 0, the first status other
+// than 0 that `use` returned (no later file is handed out), or 3 when the buffers cannot
+// be had. No file is left open.
+fsic_status _fs_ocl_hash_entries(fs_ocl_walk *w, int dir, char *const *names, int count,
+                                 fs_ocl_file_hash_use use, void *arg) FSIC_NOEXCEPT;
+// Frees a walk's arena (nullptr allowed).
+void _fs_ocl_hash_arena_free(struct fs_ocl_hash_arena *a) FSIC_NOEXCEPT;
 // The directory hash of the directory open on `dir`, whose full name `w` holds (the
 // name is extended and cut back while descending, and ends as it began).
 fsic_status _fs_ocl_create_dir_hash(fs_ocl_walk *w, int dir, char *const *masks, uint32_t flags,

@@ -115,6 +115,7 @@ fsic_status _fs_ocl_walk_init(fs_ocl_walk *w, const char *base, const char *path
   w->confined = root.confined;
   w->unreadable = nullptr;
   w->progress = nullptr;
+  w->hashing = nullptr;
   return FSIC_OK;
 }
 
@@ -122,6 +123,8 @@ void _fs_ocl_walk_free(fs_ocl_walk *w) noexcept {
   resolve_root root = root_of(w);
   close_root(&root);
   _fs_str_buf_free(&w->name);
+  _fs_ocl_hash_arena_free(w->hashing);
+  w->hashing = nullptr;
 }
 
 fsic_status _fs_ocl_open_object(fs_ocl_walk *w, int flags, mode_t type, int *fd,

@@ -1,4 +1,5 @@
-// Files that change while they are hashed. The executable is linked with
+// Files that change while they are hashed, alone (a file object) and among other files
+// of a directory, which are read with it at once. The executable is linked with
 // --wrap=pread64 and --wrap=read, so the library's reads go through the wrappers below,
 // which let the test rewrite, grow or shrink the file being read right after a read of
 // it. A file that changes once must give the hash of one whole version with that
@@ -59,6 +60,10 @@ protected:
     v2_ = random_bytes(kSize / 2 + 7, 2);
     t_.file("f", v1_);
     ino_ = t_.stat_of("f").st_ino;
+    // Other files beside "f" (after it in name order), so that the directory's files
+    // are read many at once, "f" among them.
+    for (int i = 0; i < 12; ++i)
+      t_.file("g" + std::to_string(i), random_bytes(1000 * i + 5, 10 + i));
   }
   void TearDown() override { after_read = nullptr; }
 

@@ -142,32 +142,43 @@ flock -n 9 || echo "the lock was not taken"
 run $F update --db $W/db --key $W/key -q
 exec 9>&-
 
+# An update that is surely under way when it is killed: a database of a large sparse
+# file on the LVM volume, and the kill sent once fsic has that file open.
+step "a database that takes long to update"
+mount /dev/vg-cmd/lv_data /run/m
+mkdir /run/m/slow
+truncate -s 64M /run/m/slow/big
+umount /run/m
+printf '[lvm:vg-cmd/lv_data]\nfile /slow/big data\n' > slow.policy
+run $F init --policy slow.policy --db $W/slow.db --key $W/key -q
+reading_big() { ls -l /proc/[0-9]*/fd/ 2>/dev/null | grep -q '/slow/big$'; }
+
 step "SIGTERM in the middle of an update: 25, the old database, nothing left"
-before=$(sum $W/db)
+before=$(sum $W/slow.db)
 rm -f progress
-$F update --db $W/db --key $W/key --progress -q 2>progress &
+$F update --db $W/slow.db --key $W/key --progress -q 2>progress &
 pid=$!
-wait_for 60 test -s progress || echo "no progress"
+wait_for 60 reading_big || echo "not reading"
 kill -TERM $pid
 wait $pid
 echo "-- exit $?"
-[[ $(sum $W/db) == "$before" ]] && echo "database unchanged"
+[[ $(sum $W/slow.db) == "$before" ]] && echo "database unchanged"
 ls $W | grep -c '\.new$'
 wait_for 10 no_loops || echo "loop devices left"
 afterwards
 
 step "SIGKILL in the middle of an update: the old database, no mount"
 rm -f progress
-$F update --db $W/db --key $W/key --progress -q 2>progress &
+$F update --db $W/slow.db --key $W/key --progress -q 2>progress &
 pid=$!
-wait_for 60 test -s progress || echo "no progress"
+wait_for 60 reading_big || echo "not reading"
 exec 3>&2 2>/dev/null   # without the shell's "Killed" line, which names the pid
 kill -KILL $pid
 wait $pid
 status=$?
 exec 2>&3 3>&-
 echo "-- exit $status"
-[[ $(sum $W/db) == "$before" ]] && echo "database unchanged"
+[[ $(sum $W/slow.db) == "$before" ]] && echo "database unchanged"
 wait_for 10 no_loops || echo "loop devices left"
 echo "-- mounts of fsic anywhere: $(grep -c ' /tmp/fs\.' /proc/self/mountinfo)"
 echo "-- entries in /tmp after the kill: $(tmp_entries)"
