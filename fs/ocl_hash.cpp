@@ -17,7 +17,7 @@ namespace {
 
 constexpr unsigned param_set = 1;
 // Files are streamed in reads of this size.
-constexpr size_t read_size = 16384;
+constexpr size_t read_size = FS_OCL_READ_UNIT;
 
 // A fresh context with the parameter set selected, or nullptr.
 gost_r3411_94_ctx *new_context() noexcept {
@@ -90,7 +90,7 @@ fsic_status read_into(int fd, uint64_t size, gost_r3411_94_ctx *ctx, uint64_t *t
 }
 
 // The stat of the file `name` of `dir` (links followed within the volume): the same
-// statuses as open_file.
+// statuses as _fs_ocl_open_file_entry.
 fsic_status stat_file(fs_ocl_walk *w, int dir, const char *name, struct stat *st) noexcept {
   fsic_status status = _fs_ocl_stat_entry(w, dir, name, st);
   if (status == FSIC_ERR_UNAVAILABLE || (status == FSIC_OK && !S_ISREG(st->st_mode)))

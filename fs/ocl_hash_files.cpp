@@ -27,7 +27,7 @@
 namespace {
 
 constexpr int max_streams = 64;
-constexpr size_t chunk_size = 128 * 1024;
+constexpr size_t chunk_size = 8 * FS_OCL_READ_UNIT;
 // Files measured before their results are handed out.
 constexpr int window = 256;
 constexpr unsigned param_set = 1;
@@ -89,8 +89,8 @@ struct batch {
   stream_slot *slots;
   int nslots;
   int busy; // slots with a file
-  // Files whose opening failed while others were open (possibly for want of
-  // descriptors): measured again one at a time at the end.
+  // Files that could not be opened for want of descriptors while others were open:
+  // measured one at a time at the end.
   int deferred[window];
   int ndeferred;
 };
@@ -109,8 +109,9 @@ bool start_next(batch &b, stream_slot &s) noexcept {
     const int job = b.next++;
     int fd;
     struct stat st;
+    errno = 0;
     const fsic_status status = _fs_ocl_open_file_entry(b.w, b.dir, b.names[job], &fd, &st);
-    if (status == FSIC_ERR_FAILED && b.busy > 0) {
+    if (status == FSIC_ERR_FAILED && (errno == EMFILE || errno == ENFILE) && b.busy > 0) {
       b.deferred[b.ndeferred++] = job;
       continue;
     }
@@ -132,15 +133,22 @@ bool start_next(batch &b, stream_slot &s) noexcept {
   return false;
 }
 
-// The next read of the current pass: up to the size of the pass's opening stat, or to
-// the end for a file that says 0 bytes. A read error (EINTR included) ends the file.
+// The next read of the current pass: up to the size of the pass's opening stat rounded
+// up to the read unit, as a file read alone is, or to the end for a file that says 0
+// bytes. A read error (EINTR included) ends the file.
 void read_chunk(batch &b, stream_slot &s) noexcept {
   const uint64_t size = static_cast<uint64_t>(s.before.st_size);
   if (size != 0 && s.off >= size) {
     s.eof = true;
     return;
   }
-  const ssize_t n = pread(s.fd, s.buf, chunk_size, static_cast<off_t>(s.off));
+  size_t want = chunk_size;
+  if (size != 0) {
+    const uint64_t end = (size + FS_OCL_READ_UNIT - 1) / FS_OCL_READ_UNIT * FS_OCL_READ_UNIT;
+    if (end - s.off < want)
+      want = static_cast<size_t>(end - s.off);
+  }
+  const ssize_t n = pread(s.fd, s.buf, want, static_cast<off_t>(s.off));
   if (n < 0) {
     finish(b, s, FSIC_ERR_FAILED);
     return;

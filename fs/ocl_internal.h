@@ -107,6 +107,9 @@ fsic_status _fs_ocl_hash_entry(fs_ocl_walk *w, int dir, const char *name,
 
 // A file that changes while it is read is read again this often before giving up.
 #define FS_OCL_MAX_REREADS 3
+// A file is read in reads of this size, or of a multiple of it, from its start: a file
+// whose stat says N bytes (N > 0) is read up to N rounded up to this unit, or to its end.
+#define FS_OCL_READ_UNIT 16384
 
 // Opens the entry `name` of `dir` for reading the way _fs_ocl_hash_entry does: a regular
 // file only (anything else, or one on another mount, is 1). 0, 1, 3, 11, 12.

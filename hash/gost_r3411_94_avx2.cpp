@@ -37,20 +37,20 @@
 #pragma GCC target("avx2")
 #endif
 
-#define AVX2_INLINE static inline __attribute__((always_inline))
+#define AVX2_INLINE inline __attribute__((always_inline))
 
 namespace {
 
 using v256 = __m256i;
 
-AVX2_INLINE v256 vxor(v256 a, v256 b) { return _mm256_xor_si256(a, b); }
-AVX2_INLINE v256 splat(uint8_t b) { return _mm256_set1_epi8(static_cast<char>(b)); }
+AVX2_INLINE v256 vxor(v256 a, v256 b) noexcept { return _mm256_xor_si256(a, b); }
+AVX2_INLINE v256 splat(uint8_t b) noexcept { return _mm256_set1_epi8(static_cast<char>(b)); }
 
 // ---- Slicing ---------------------------------------------------------------------------
 
 // r[i] := column i of the 8x8 matrix of 32-bit words whose rows are r[0..7]. Its own
 // inverse.
-AVX2_INLINE void transpose8(v256 r[8]) {
+AVX2_INLINE void transpose8(v256 r[8]) noexcept {
   v256 t[8], u[8];
   for (int i = 0; i < 8; i += 2) {
     t[i] = _mm256_unpacklo_epi32(r[i], r[i + 1]);
@@ -70,7 +70,7 @@ AVX2_INLINE void transpose8(v256 r[8]) {
 
 // Within each 128-bit half: 32-bit word j of d[i] and word i of d[j] swap places. Its
 // own inverse.
-AVX2_INLINE void transpose4(v256 d[4]) {
+AVX2_INLINE void transpose4(v256 d[4]) noexcept {
   const v256 a = _mm256_unpacklo_epi32(d[0], d[1]), b = _mm256_unpackhi_epi32(d[0], d[1]);
   const v256 c = _mm256_unpacklo_epi32(d[2], d[3]), e = _mm256_unpackhi_epi32(d[2], d[3]);
   d[0] = _mm256_unpacklo_epi64(a, c);
@@ -81,7 +81,7 @@ AVX2_INLINE void transpose4(v256 d[4]) {
 
 // Within each 128-bit half, byte b of word j and byte j of word b swap places. Its own
 // inverse.
-AVX2_INLINE v256 shuffle_bytes(v256 x) {
+AVX2_INLINE v256 shuffle_bytes(v256 x) noexcept {
   const v256 order = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0, 4, 8,
                                       12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   return _mm256_shuffle_epi8(x, order);
@@ -90,13 +90,13 @@ AVX2_INLINE v256 shuffle_bytes(v256 x) {
 // One 32-bit word of all streams, d[q] holding the word of streams 8q..8q+7, into its
 // four byte slices (and back with from_slices). The order of the streams in a slice is
 // the same for every word.
-AVX2_INLINE void to_slices(v256 d[4]) {
+AVX2_INLINE void to_slices(v256 d[4]) noexcept {
   for (int q = 0; q < 4; ++q)
     d[q] = shuffle_bytes(d[q]);
   transpose4(d);
 }
 
-AVX2_INLINE void from_slices(v256 d[4]) {
+AVX2_INLINE void from_slices(v256 d[4]) noexcept {
   transpose4(d);
   for (int q = 0; q < 4; ++q)
     d[q] = shuffle_bytes(d[q]);
@@ -104,7 +104,8 @@ AVX2_INLINE void from_slices(v256 d[4]) {
 
 // The words of 32 streams' 256-bit values, words[w][q] holding word w of streams
 // 8q..8q+7, from and to the values themselves.
-AVX2_INLINE void load_words(const uint8_t *const src[32], size_t offset, v256 words[8][4]) {
+AVX2_INLINE void load_words(const uint8_t *const src[32], size_t offset,
+                            v256 words[8][4]) noexcept {
   for (int q = 0; q < 4; ++q) {
     v256 r[8];
     for (int j = 0; j < 8; ++j)
@@ -115,7 +116,7 @@ AVX2_INLINE void load_words(const uint8_t *const src[32], size_t offset, v256 wo
   }
 }
 
-AVX2_INLINE void slice_words(v256 words[8][4], v256 slices[32]) {
+AVX2_INLINE void slice_words(v256 words[8][4], v256 slices[32]) noexcept {
   for (int w = 0; w < 8; ++w) {
     to_slices(words[w]);
     for (int b = 0; b < 4; ++b)
@@ -123,7 +124,7 @@ AVX2_INLINE void slice_words(v256 words[8][4], v256 slices[32]) {
   }
 }
 
-void store_slices(const v256 slices[32], uint32_t out[32][8]) {
+void store_slices(const v256 slices[32], uint32_t out[32][8]) noexcept {
   v256 words[8][4];
   for (int w = 0; w < 8; ++w) {
     for (int b = 0; b < 4; ++b)
@@ -149,7 +150,7 @@ struct round_tables {
   v256 lo[4], hi_a[4], hi_b[4];
 };
 
-void make_tables(const gost_r3411_94_params *p, round_tables *t) {
+void make_tables(const gost_r3411_94_params *p, round_tables *t) noexcept {
   alignas(32) uint8_t lo[32], ha[32], hb[32];
   for (int m = 0; m < 4; ++m) {
     for (int v = 0; v < 32; ++v) {
@@ -172,7 +173,7 @@ struct round_key {
 
 // The key of one encryption: byte i of key word j is byte j mod 4 of word 2i + j / 4 of
 // u ^ v (the transposition P).
-AVX2_INLINE void make_key(const v256 u[32], const v256 v[32], round_key k[8]) {
+AVX2_INLINE void make_key(const v256 u[32], const v256 v[32], round_key k[8]) noexcept {
   const v256 top = splat(0x80), low = splat(0x7f);
   for (int j = 0; j < 8; ++j) {
     for (int i = 0; i < 4; ++i) {
@@ -186,7 +187,7 @@ AVX2_INLINE void make_key(const v256 u[32], const v256 v[32], round_key k[8]) {
 }
 
 // Transformation A: (y1, y2, y3, y4) -> (y2, y3, y4, y1 ^ y2) on 64-bit words, y1 lowest.
-AVX2_INLINE void transform_a(v256 y[32]) {
+AVX2_INLINE void transform_a(v256 y[32]) noexcept {
   v256 x[8];
   for (int b = 0; b < 8; ++b)
     x[b] = vxor(y[b], y[8 + b]);
@@ -197,7 +198,7 @@ AVX2_INLINE void transform_a(v256 y[32]) {
 }
 
 // The four keys of a step from the hash value h and the message block m.
-void make_keys(const v256 h[32], const v256 m[32], round_key k[4][8]) {
+void make_keys(const v256 h[32], const v256 m[32], round_key k[4][8]) noexcept {
   v256 u[32], v[32];
   for (int i = 0; i < 32; ++i)
     u[i] = h[i], v[i] = m[i];
@@ -245,7 +246,8 @@ constexpr int round_keys[32] = {0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7,
 
 // Encrypts the four quarters of h, quarter j under k[j], into s. A quarter's low word is
 // the first round's input (r) and the last round does not swap.
-void encrypt(const round_tables &t, const round_key k[4][8], const v256 h[32], v256 s[32]) {
+void encrypt(const round_tables &t, const round_key k[4][8], const v256 h[32],
+             v256 s[32]) noexcept {
   const v256 top = splat(0x80);
   v256 r[4][4], l[4][4];
   for (int j = 0; j < 4; ++j) {
@@ -273,7 +275,7 @@ constexpr gost_r3411_94_lane_matrix psi74 = gost_r3411_94_psi_power(74);
 
 // out ^= M x on 16-bit lanes: lane i is slices 2i and 2i + 1.
 template <const gost_r3411_94_lane_matrix &M>
-AVX2_INLINE void apply_matrix(const v256 x[32], v256 out[32]) {
+AVX2_INLINE void apply_matrix(const v256 x[32], v256 out[32]) noexcept {
 #pragma GCC unroll 16
   for (int j = 0; j < 16; ++j) {
     v256 a = out[2 * j], b = out[2 * j + 1];
@@ -289,7 +291,7 @@ AVX2_INLINE void apply_matrix(const v256 x[32], v256 out[32]) {
 }
 
 // h := f(h, m) = psi^61(h ^ psi(m)) ^ psi^74(s), s the encrypted h.
-void step(const round_tables &t, v256 h[32], const v256 m[32]) {
+void step(const round_tables &t, v256 h[32], const v256 m[32]) noexcept {
   round_key k[4][8];
   make_keys(h, m, k);
   v256 s[32];
@@ -315,7 +317,7 @@ constexpr size_t max_pass_blocks = size_t{1} << 26;
 // One pass over `blocks` blocks of all 32 lanes: h in slices, the control sums gathered
 // per lane and word in acc (see load_words for the lane order).
 void run_blocks(const round_tables &t, const uint8_t *const data[32], const size_t stride[32],
-                size_t blocks, v256 h[32], v256 acc[8][4][2]) {
+                size_t blocks, v256 h[32], v256 acc[8][4][2]) noexcept {
   const v256 zero = _mm256_setzero_si256();
   const uint8_t *p[32];
   for (int i = 0; i < 32; ++i)
@@ -338,7 +340,7 @@ void run_blocks(const round_tables &t, const uint8_t *const data[32], const size
 }
 
 // Adds the sums gathered in acc to the control sum of lane 8q + j (j = 0..7).
-void add_sums(const v256 acc[8][4][2], gost_r3411_94_ctx *const ctx[32], unsigned n) {
+void add_sums(const v256 acc[8][4][2], gost_r3411_94_ctx *const ctx[32], unsigned n) noexcept {
   // unpacklo takes words 0, 1 of each half (lanes 0, 1, 4, 5), unpackhi words 2, 3.
   constexpr int place[8][2] = {{0, 0}, {0, 1}, {1, 0}, {1, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}};
   for (unsigned lane = 0; lane < n; ++lane) {
@@ -354,21 +356,15 @@ void add_sums(const v256 acc[8][4][2], gost_r3411_94_ctx *const ctx[32], unsigne
   }
 }
 
-void add_length(gost_r3411_94_ctx *ctx, uint64_t bits) {
+void add_length(gost_r3411_94_ctx *ctx, uint64_t bits) noexcept {
   const uint64_t n = (uint64_t{ctx->length[1]} << 32 | ctx->length[0]) + bits;
   ctx->length[0] = uint32_t(n);
   ctx->length[1] = uint32_t(n >> 32);
 }
 
-} // namespace
-
-extern "C" void gost_r3411_94_blocks_avx2(gost_r3411_94_ctx *const ctx[],
-                                          const uint8_t *const data[], unsigned n,
-                                          size_t blocks) noexcept {
-  if (n == 0 || blocks == 0)
-    return;
-  if (n > GOST_R3411_94_LANES)
-    n = GOST_R3411_94_LANES;
+// Advances 1 to 32 streams.
+void blocks_x32(gost_r3411_94_ctx *const ctx[], const uint8_t *const data[], unsigned n,
+                size_t blocks) noexcept {
   // Lanes without a stream hash a zero block over and over; their results are dropped.
   alignas(32) static const uint8_t zero_block[GOST_R3411_94_BLOCK_SIZE] = {};
   alignas(32) uint32_t hash[32][8] = {};
@@ -413,6 +409,20 @@ extern "C" void gost_r3411_94_blocks_avx2(gost_r3411_94_ctx *const ctx[],
     add_length(ctx[i], uint64_t{blocks} * (8 * GOST_R3411_94_BLOCK_SIZE));
   }
 }
+
+} // namespace
+
+extern "C" void gost_r3411_94_blocks_avx2(gost_r3411_94_ctx *const ctx[],
+                                          const uint8_t *const data[], unsigned n,
+                                          size_t blocks) noexcept {
+  if (blocks == 0)
+    return;
+  for (unsigned i = 0; i < n; i += GOST_R3411_94_LANES)
+    blocks_x32(ctx + i, data + i, n - i < GOST_R3411_94_LANES ? n - i : GOST_R3411_94_LANES,
+               blocks);
+}
+
+#undef AVX2_INLINE
 
 #if defined(__clang__)
 #pragma clang attribute pop

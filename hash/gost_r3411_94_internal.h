@@ -57,8 +57,8 @@ void gost_r3411_94_blocks_multi(gost_r3411_94_ctx *const ctx[], const uint8_t *c
 // the least group of streams that it gives to it (0: none).
 unsigned gost_r3411_94_multi_min_streams(void) FSIC_NOEXCEPT;
 
-// The kernel itself: 1 to GOST_R3411_94_LANES streams of one parameter set, on a processor
-// with AVX2 (the caller checks). Exposed for the tests and the benchmark.
+// The kernel itself, for streams of one parameter set, GOST_R3411_94_LANES at a time, on
+// a processor with AVX2 (the caller checks). Exposed for the tests and the benchmark.
 void gost_r3411_94_blocks_avx2(gost_r3411_94_ctx *const ctx[], const uint8_t *const data[],
                                unsigned n, size_t blocks) FSIC_NOEXCEPT;
 

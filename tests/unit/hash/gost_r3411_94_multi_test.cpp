@@ -1,6 +1,7 @@
 // The multi-stream hash against the single-stream one: random stream counts (every count
-// from 1 to past the lane count), random lengths (0 to 3 MiB; less under the sanitizers), both parameter sets, mixed
-// in one call and alone, streams ending at different times. The kernel itself is driven
+// from 1 to past the lane count), random lengths (0 to 3 MiB; less under the sanitizers),
+// both parameter sets, in runs of random length within one call and alone, streams
+// ending at different times. The kernel itself is driven
 // directly too, for every stream count, where the processor has it.
 // FSIC_GOST_SEED overrides the seed, which a failure prints.
 
@@ -128,10 +129,22 @@ bool have_kernel() { return gost_r3411_94_multi_min_streams() != 0; }
 
 void check_round(std::mt19937_64 &rng, unsigned slots, size_t count, size_t max_long, int sets,
                  blocks_fn fn, const std::string &what) {
+  // With both sets, the set changes after runs of 1 to 40 streams, so that the groups
+  // the kernel is given are of every size.
   std::vector<stream> streams(count);
+  unsigned set = unsigned(rng() % 2);
+  size_t run_left = 1 + rng() % 40;
   for (stream &s : streams) {
     s.data = random_bytes(rng, random_length(rng, max_long));
-    s.set = sets == 2 ? unsigned(rng() % 2) : unsigned(sets);
+    if (sets != 2) {
+      s.set = unsigned(sets);
+      continue;
+    }
+    if (run_left-- == 0) {
+      set ^= 1;
+      run_left = rng() % 40;
+    }
+    s.set = set;
   }
   const std::vector<std::string> got = multi_digests(streams, slots, fn, rng);
   for (size_t i = 0; i < count; ++i) {
@@ -176,14 +189,16 @@ TEST(GostR341194Multi, KernelForEveryStreamCount) {
 // round additions whenever a half and a key word meet at 0xff.
 TEST(GostR341194Multi, CarriesLikeSingleStream) {
   std::mt19937_64 rng(seed() + 3);
-  std::vector<stream> streams(GOST_R3411_94_LANES);
-  for (size_t i = 0; i < streams.size(); ++i) {
-    streams[i].data.assign(32 * (20 + i), i % 3 == 0 ? 0xff : uint8_t(i));
-    streams[i].set = unsigned(i % 2);
+  for (unsigned set = 0; set < 2; ++set) {
+    std::vector<stream> streams(GOST_R3411_94_LANES);
+    for (size_t i = 0; i < streams.size(); ++i) {
+      streams[i].data.assign(32 * (20 + i), i % 3 == 0 ? 0xff : uint8_t(i));
+      streams[i].set = set;
+    }
+    const auto got = multi_digests(streams, GOST_R3411_94_LANES, gost_r3411_94_blocks_multi, rng);
+    for (size_t i = 0; i < streams.size(); ++i)
+      EXPECT_EQ(got[i], single_digest(streams[i])) << "set " << set << ", stream " << i;
   }
-  const auto got = multi_digests(streams, GOST_R3411_94_LANES, gost_r3411_94_blocks_multi, rng);
-  for (size_t i = 0; i < streams.size(); ++i)
-    EXPECT_EQ(got[i], single_digest(streams[i])) << "stream " << i;
 }
 
 TEST(GostR341194Multi, PublishedDigestsThroughTheKernel) {

@@ -142,16 +142,16 @@ flock -n 9 || echo "the lock was not taken"
 run $F update --db $W/db --key $W/key -q
 exec 9>&-
 
-# An update that is surely under way when it is killed: a database of a large sparse
-# file on the LVM volume, and the kill sent once fsic has that file open.
+# An update that is surely under way when it is killed: a database of a directory of
+# large sparse files on the LVM volume, and the kill sent once fsic has them open.
 step "a database that takes long to update"
 mount /dev/vg-cmd/lv_data /run/m
 mkdir /run/m/slow
-truncate -s 64M /run/m/slow/big
+truncate -s 32M /run/m/slow/big-1 /run/m/slow/big-2
 umount /run/m
-printf '[lvm:vg-cmd/lv_data]\nfile /slow/big data\n' > slow.policy
+printf '[lvm:vg-cmd/lv_data]\ndir /slow each-file data\n' > slow.policy
 run $F init --policy slow.policy --db $W/slow.db --key $W/key -q
-reading_big() { ls -l /proc/[0-9]*/fd/ 2>/dev/null | grep -q '/slow/big$'; }
+reading_big() { ls -l /proc/[0-9]*/fd/ 2>/dev/null | grep -q '/slow/big-2$'; }
 
 step "SIGTERM in the middle of an update: 25, the old database, nothing left"
 before=$(sum $W/slow.db)
