@@ -1,7 +1,7 @@
 // Content hashes of the files of one directory, many files at once.
 //
-// Up to 64 files are open together, each read from its start in reads of 128 KiB into
-// a buffer of its own (8 MiB at most, kept by the walk for its next directories), and
+// Up to 32 files are open together, each read from its start in reads of 128 KiB into
+// a buffer of its own (4 MiB at most, kept by the walk for its next directories), and
 // their hashes advance together through the multi-stream hash: the files' independent
 // hashes are what lets the processor's vector units work on many of them per
 // instruction. Each file is still read sequentially and measured exactly as one read
@@ -9,7 +9,7 @@
 // file that changes, the same statuses), and the results are handed to the caller in
 // the directory's order, a window of files at a time.
 //
-// FSIC_HASH_STREAMS=N in the environment caps the files read at once (1 to 64; 1 reads
+// FSIC_HASH_STREAMS=N in the environment caps the files read at once (1 to 32; 1 reads
 // them one after another, as for a single file).
 #include <errno.h>
 #include <fcntl.h>
@@ -26,7 +26,10 @@
 
 namespace {
 
-constexpr int max_streams = 64;
+// Files read at once: one group of the multi-stream kernel. Twice as many made the
+// adds of directories of about a hundred small files slower (fsic-bench-ocl): more of
+// the files end in the stretch where ever fewer are left to share the kernel.
+constexpr int max_streams = 32;
 constexpr size_t chunk_size = 8 * FS_OCL_READ_UNIT;
 // Files measured before their results are handed out.
 constexpr int window = 256;
@@ -58,7 +61,7 @@ struct fs_ocl_hash_arena {
 
 namespace {
 
-// The number of files read at once: FSIC_HASH_STREAMS, or 64.
+// The number of files read at once: FSIC_HASH_STREAMS, or 32.
 int stream_limit() noexcept {
   const char *v = getenv("FSIC_HASH_STREAMS");
   if (v == nullptr || *v == '\0')
@@ -275,8 +278,13 @@ fsic_status run(batch &b) noexcept {
     }
     if (n == 0)
       break;
-    for (int i = 0; i < n; i += GOST_R3411_94_LANES)
-      advance(b, active + i, n - i < GOST_R3411_94_LANES ? n - i : GOST_R3411_94_LANES);
+    // Groups of equal size, so that no group is left too small for the kernel.
+    const int groups = (n + GOST_R3411_94_LANES - 1) / GOST_R3411_94_LANES;
+    for (int g = 0, i = 0; g < groups; ++g) {
+      const int size = (n - i) / (groups - g);
+      advance(b, active + i, size);
+      i += size;
+    }
   }
   // Those that could not be opened beside the others, alone now.
   for (int i = 0; i < b.ndeferred; ++i) {

@@ -151,16 +151,17 @@ struct round_tables {
 };
 
 void make_tables(const gost_r3411_94_params *p, round_tables *t) noexcept {
-  alignas(32) uint8_t lo[32], ha[32], hb[32];
+  // The S-box values are below 16, so no shift below carries a bit into the next byte
+  // but the one into bit 7, which the mask takes away.
+  const v256 one = splat(0x01), low3 = splat(0x07);
   for (int m = 0; m < 4; ++m) {
-    for (int v = 0; v < 32; ++v) {
-      lo[v] = static_cast<uint8_t>(p->kbox[2 * m][v & 15] << 3);
-      ha[v] = static_cast<uint8_t>((p->kbox[2 * m + 1][v & 15] & 1) << 7);
-      hb[v] = static_cast<uint8_t>(p->kbox[2 * m + 1][v & 15] >> 1);
-    }
-    t->lo[m] = _mm256_load_si256(reinterpret_cast<const v256 *>(lo));
-    t->hi_a[m] = _mm256_load_si256(reinterpret_cast<const v256 *>(ha));
-    t->hi_b[m] = _mm256_load_si256(reinterpret_cast<const v256 *>(hb));
+    const v256 even = _mm256_broadcastsi128_si256(
+        _mm_loadu_si128(reinterpret_cast<const __m128i *>(p->kbox[2 * m])));
+    const v256 odd = _mm256_broadcastsi128_si256(
+        _mm_loadu_si128(reinterpret_cast<const __m128i *>(p->kbox[2 * m + 1])));
+    t->lo[m] = _mm256_slli_epi16(even, 3);
+    t->hi_a[m] = _mm256_slli_epi16(_mm256_and_si256(odd, one), 7);
+    t->hi_b[m] = _mm256_and_si256(_mm256_srli_epi16(odd, 1), low3);
   }
 }
 

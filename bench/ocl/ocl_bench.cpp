@@ -156,8 +156,12 @@ Digests parse_rhash(const std::string &out_path, const std::string &root) {
 const char *verdict(bool met) { return met ? "met" : "NOT met"; }
 
 // The peak resident size that one add of the tree adds (VmHWM reset before, minus VmRSS
-// before): the buffers of the files read at once show here.
+// before): the buffers of the files read at once show here, as far as they are used (a
+// file of 2 KiB touches only the first pages of its buffer).
 void print_peak(const char *what, const std::string &root, bool one_at_a_time) {
+  // Free heap pages go back to the system first, so that what the add allocates anew
+  // shows, rather than being taken from what earlier adds left.
+  malloc_trim(0);
   const long rss0 = proc_status_kib("VmRSS");
   if (!reset_peak_rss() || rss0 < 0) {
     printf("  peak RSS: /proc/self/clear_refs not available, not measured\n");
