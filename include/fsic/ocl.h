@@ -129,11 +129,11 @@ FSIC_API fsic_status fs_ocl_add_file(fs_ocl *ocl, const char *base, const char *
  * mount), and 11 (symbolic-link loop) or 12 (a full name of PATH_MAX bytes or more)
  * from scanning the tree.
  *
- * The files of a directory are read many at once (up to 32 open, each read sequentially
- * in reads of 128 KiB, 4 MiB of buffers at most) and hashed together; every file is
+ * The files of a directory are read many at once (up to 64 open, each read sequentially
+ * in reads of 128 KiB, 8 MiB of buffers at most) and hashed together; every file is
  * measured, and its status decided, as if it were read alone, and the list is the same
  * byte for byte. The environment variable FSIC_HASH_STREAMS=N caps the files read at
- * once (1 to 32; 1 reads one file after another, which may suit a rotating disk).
+ * once (1 to 64; 1 reads one file after another, which may suit a rotating disk).
  */
 FSIC_API fsic_status fs_ocl_add_dir(fs_ocl *ocl, const char *base, const char *path,
                                     char *const *masks, uint32_t flags,
