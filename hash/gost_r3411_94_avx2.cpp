@@ -104,12 +104,11 @@ AVX2_INLINE void from_slices(v256 d[4]) noexcept {
 
 // The words of 32 streams' 256-bit values, words[w][q] holding word w of streams
 // 8q..8q+7, from and to the values themselves.
-AVX2_INLINE void load_words(const uint8_t *const src[32], size_t offset,
-                            v256 words[8][4]) noexcept {
+AVX2_INLINE void load_words(const uint8_t *const src[32], v256 words[8][4]) noexcept {
   for (int q = 0; q < 4; ++q) {
     v256 r[8];
     for (int j = 0; j < 8; ++j)
-      r[j] = _mm256_loadu_si256(reinterpret_cast<const v256 *>(src[8 * q + j] + offset));
+      r[j] = _mm256_loadu_si256(reinterpret_cast<const v256 *>(src[8 * q + j]));
     transpose8(r);
     for (int w = 0; w < 8; ++w)
       words[w][q] = r[w];
@@ -325,7 +324,7 @@ void run_blocks(const round_tables &t, const uint8_t *const data[32], const size
     p[i] = data[i];
   for (size_t n = 0; n < blocks; ++n) {
     v256 words[8][4];
-    load_words(p, 0, words);
+    load_words(p, words);
     for (int i = 0; i < 32; ++i)
       p[i] += stride[i];
     for (int w = 0; w < 8; ++w) {
@@ -368,27 +367,19 @@ void blocks_x32(gost_r3411_94_ctx *const ctx[], const uint8_t *const data[], uns
                 size_t blocks) noexcept {
   // Lanes without a stream hash a zero block over and over; their results are dropped.
   alignas(32) static const uint8_t zero_block[GOST_R3411_94_BLOCK_SIZE] = {};
-  alignas(32) uint32_t hash[32][8] = {};
-  const uint8_t *src[32];
+  const uint8_t *src[32], *hash_rows[32];
   size_t stride[32];
   for (unsigned i = 0; i < 32; ++i) {
-    if (i < n) {
-      std::memcpy(hash[i], ctx[i]->hash, sizeof hash[i]);
-      src[i] = data[i];
-      stride[i] = GOST_R3411_94_BLOCK_SIZE;
-    } else {
-      src[i] = zero_block;
-      stride[i] = 0;
-    }
+    const bool used = i < n;
+    hash_rows[i] = used ? reinterpret_cast<const uint8_t *>(ctx[i]->hash) : zero_block;
+    src[i] = used ? data[i] : zero_block;
+    stride[i] = used ? GOST_R3411_94_BLOCK_SIZE : 0;
   }
   round_tables t;
   make_tables(ctx[0]->params, &t);
 
   v256 words[8][4], h[32];
-  const uint8_t *hash_rows[32];
-  for (int i = 0; i < 32; ++i)
-    hash_rows[i] = reinterpret_cast<const uint8_t *>(hash[i]);
-  load_words(hash_rows, 0, words);
+  load_words(hash_rows, words);
   slice_words(words, h);
 
   for (size_t done = 0; done < blocks;) {
@@ -404,6 +395,7 @@ void blocks_x32(gost_r3411_94_ctx *const ctx[], const uint8_t *const data[], uns
     done += pass;
   }
 
+  alignas(32) uint32_t hash[32][8];
   store_slices(h, hash);
   for (unsigned i = 0; i < n; ++i) {
     std::memcpy(ctx[i]->hash, hash[i], sizeof hash[i]);
